@@ -1,0 +1,74 @@
+// Frame preprocessing and the presence test on a candidate mask.
+#include <cstring>
+
+#include <opencv2/imgproc.hpp>
+
+#include "tracker/records.h"
+
+int ClubTracker::Preprocessing(ClubImage* source, PreprocessedImage* target) {
+  if (source == nullptr || target == nullptr) return 0;
+  const ClubTrackerSetting copy = setting;
+  if (ConvertClubImage(source, &copy, target->image) == 0) return 0;
+  cv::medianBlur(target->image, target->image, 3);
+  CopyMetadata(*target, *source);
+  return 1;
+}
+
+int ConvertClubImage(const ClubImage* source, const ClubTrackerSetting* setting,
+                     cv::Mat& target) {
+  if (source == nullptr || setting == nullptr) return 0;
+  if (source->pixels == nullptr || source->bytesPerChannel != 1) return 0;
+  if (source->channels == 0) return 0;
+
+  const int type = static_cast<int>((source->channels * 8 - 8) & 0xFFF);
+  target = cv::Mat(static_cast<int>(source->height), static_cast<int>(source->width), type);
+  const size_t bytes = static_cast<size_t>(source->width) * source->height *
+                       source->bytesPerChannel * source->channels;
+  const size_t capacity = target.total() * target.elemSize();
+  std::memcpy(target.data, source->pixels, bytes < capacity ? bytes : capacity);
+
+  if (source->channels > 1) cv::cvtColor(target, target, cv::COLOR_BGR2GRAY);
+  if (setting->roiWidth != 0 && setting->roiHeight != 0) {
+    const cv::Rect roi(setting->roiX, setting->roiY, setting->roiWidth, setting->roiHeight);
+    target = cv::Mat(target, roi).clone();
+  }
+  return 1;
+}
+
+namespace {
+
+void Morph(const cv::Mat& src, cv::Mat& dst, int op, int shape, int size) {
+  const cv::Mat kernel =
+      cv::getStructuringElement(shape, cv::Size(size, size), cv::Point(-1, -1));
+  cv::morphologyEx(src, dst, op, kernel, cv::Point(-1, -1), 1, cv::BORDER_CONSTANT,
+                   cv::morphologyDefaultBorderValue());
+}
+
+}  // namespace
+
+void RefineCandidateMask(const cv::Mat& candidateMask, cv::Mat& refinedMask,
+                         int* blobPresent) {
+  Morph(candidateMask, refinedMask, cv::MORPH_OPEN, cv::MORPH_ELLIPSE, 3);
+  Morph(refinedMask, refinedMask, cv::MORPH_CLOSE, cv::MORPH_RECT, 5);
+  Morph(refinedMask, refinedMask, cv::MORPH_OPEN, cv::MORPH_ELLIPSE, 7);
+  Morph(refinedMask, refinedMask, cv::MORPH_CLOSE, cv::MORPH_ELLIPSE, 31);
+
+  const int m = refinedMask.rows <= refinedMask.cols ? refinedMask.rows : refinedMask.cols;
+  const int s = 2 * ((m / 4) / 2) + 1;
+
+  cv::Mat test = refinedMask.clone();
+  // Clear the outer one-pixel frame. The erosion below overwrites every pixel,
+  // so this has no effect on the outcome; it is kept as it stands.
+  if (test.rows > 0 && test.cols > 0 && test.isContinuous() && test.type() == CV_8UC1) {
+    unsigned char* p = test.data;
+    const int rows = test.rows, cols = test.cols;
+    std::memset(p, 0, static_cast<size_t>(cols));
+    std::memset(p + static_cast<size_t>(rows - 1) * cols, 0, static_cast<size_t>(cols));
+    for (int r = 1; r < rows; ++r) {
+      p[static_cast<size_t>(r) * cols] = 0;
+      p[static_cast<size_t>(r) * cols + cols - 1] = 0;
+    }
+  }
+  Morph(test, test, cv::MORPH_ERODE, cv::MORPH_RECT, s);
+  *blobPresent = cv::sum(test)[0] > 0.0 ? 1 : 0;
+}

@@ -1,0 +1,1 @@
+int SynthPlaceholder() { return 0; }

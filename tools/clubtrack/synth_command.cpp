@@ -1,0 +1,6 @@
+#include "commands.h"
+
+void AddSynthCommand(CLI::App& app, int& exitStatus) {
+  (void)app;
+  (void)exitStatus;
+}
