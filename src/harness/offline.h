@@ -1,0 +1,53 @@
+// Offline replay of a recorded swing: option files, frame files and the
+// testing object's helpers.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "clubtracker/ClubTracker.h"
+
+// What the run option file holds (calibration is read separately).
+struct RunOptions {
+  ClubTrackerSetting setting{};     // ROI and intervals filled; other fields default
+  std::wstring folderPath;          // as written in the file
+  std::filesystem::path folder;     // resolved against the run file's folder; empty if none
+  int impactIndex = 10;
+};
+
+// Reads the run option file; missing file, section or key gives the default.
+RunOptions ReadRunOptions(const std::filesystem::path& runFile);
+
+// Reads the 21 calibration values (9 intrinsic, 12 extrinsic) of one camera
+// option file into `values`. Missing items give 0.0.
+void ReadCalibration(std::wstring path, double* values);
+
+// Loads every image file of `folder` in byte-wise name order; directories and
+// files that do not decode are skipped. afterImpact from impactIndex.
+std::vector<ClubImage*> LoadCameraFrames(const std::filesystem::path& folder, int impactIndex);
+
+// Fills the metadata of `image` from a frame file name (both layouts).
+void ParseFrameFileName(const std::wstring& fileName, ClubImage& image);
+
+// Releases frames made by LoadCameraFrames and empties the list.
+void FreeFrames(std::vector<ClubImage*>& frames);
+
+// A whole recording in memory: setting with calibration and both cameras'
+// frames. Frees its frames when destroyed.
+struct LoadedRecording {
+  RunOptions options;
+  ClubTrackerSetting setting{};
+  std::vector<ClubImage*> cam1;
+  std::vector<ClubImage*> cam2;
+
+  LoadedRecording() = default;
+  ~LoadedRecording();
+  LoadedRecording(const LoadedRecording&) = delete;
+  LoadedRecording& operator=(const LoadedRecording&) = delete;
+};
+
+// RECORDING is a run option file or a folder holding "run.ini". Returns false
+// with a one-line reason in `error` when it cannot be read.
+bool LoadRecording(const std::filesystem::path& recording, LoadedRecording& out,
+                   std::string* error);

@@ -1,1 +1,0 @@
-int SynthPlaceholder() { return 0; }
