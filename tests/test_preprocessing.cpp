@@ -1,0 +1,226 @@
+// Frame preprocessing and the presence test on candidate masks.
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <opencv2/imgproc.hpp>
+
+#include "support/access.h"
+
+namespace {
+
+// A frame with owned pixels and a recognisable pattern.
+struct Frame {
+  std::vector<unsigned char> bytes;
+  ClubImage image{};
+
+  Frame(int width, int height, int channels) : bytes(static_cast<size_t>(width) * height * channels) {
+    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<unsigned char>((i * 37 + i / 7) & 0xFF);
+    image.width = width;
+    image.height = height;
+    image.bytesPerChannel = 1;
+    image.channels = channels;
+    image.pixels = bytes.data();
+    image.sensorOffsetX = -17;
+    image.sensorOffsetY = 333;
+    image.afterImpact = 1;
+    image.timeStamp = 0xFEDCBA9876543210ull;
+    image.ballX = 12.75f;
+    image.ballY = -0.0f;
+    image.ballRadius = 21.35f;
+  }
+  cv::Mat AsMat() const {
+    return cv::Mat(image.height, image.width, CV_8UC(image.channels),
+                   const_cast<unsigned char*>(bytes.data()));
+  }
+};
+
+bool SameBits(float a, float b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+
+class Preprocessing : public ::testing::TestWithParam<int> {};
+
+TEST_P(Preprocessing, GreyMedianAndMetadataForEveryChannelCount) {
+  const int channels = GetParam();
+  Frame frame(64, 48, channels);
+  ClubTracker tracker;
+  PreprocessedImage out;
+  ASSERT_EQ(ClubTrackerTestAccess::Preprocessing(tracker, &frame.image, &out), 1);
+
+  cv::Mat expected = frame.AsMat().clone();
+  if (channels > 1) cv::cvtColor(expected, expected, cv::COLOR_BGR2GRAY);
+  cv::medianBlur(expected, expected, 3);
+  ASSERT_EQ(out.image.type(), CV_8UC1);
+  EXPECT_EQ(cv::norm(out.image, expected, cv::NORM_INF), 0.0);
+  EXPECT_NE(out.image.data, frame.bytes.data()) << "the record owns a copy";
+
+  EXPECT_EQ(out.sensorOffsetX, -17);
+  EXPECT_EQ(out.sensorOffsetY, 333);
+  EXPECT_EQ(out.afterImpact, 1u);
+  EXPECT_EQ(out.timeStamp, 0xFEDCBA9876543210ull);
+  EXPECT_TRUE(SameBits(out.ballX, 12.75f));
+  EXPECT_TRUE(SameBits(out.ballY, -0.0f));
+  EXPECT_TRUE(SameBits(out.ballRadius, 21.35f));
+}
+
+INSTANTIATE_TEST_SUITE_P(Channels, Preprocessing, ::testing::Values(1, 3, 4));
+
+TEST(PreprocessingRefusals, TwoChannelFramesAreRejectedByTheConversion) {
+  Frame frame(16, 16, 2);
+  ClubTracker tracker;
+  PreprocessedImage out;
+  EXPECT_THROW(ClubTrackerTestAccess::Preprocessing(tracker, &frame.image, &out), cv::Exception);
+}
+
+TEST(PreprocessingRefusals, BadFramesLeaveTheRecordUntouched) {
+  ClubTracker tracker;
+  Frame frame(16, 16, 1);
+  PreprocessedImage out;
+  out.image = cv::Mat(3, 3, CV_8UC1, cv::Scalar(9));
+  const uchar* before = out.image.data;
+
+  ClubImage wide = frame.image;
+  wide.bytesPerChannel = 2;
+  ClubImage empty = frame.image;
+  empty.pixels = nullptr;
+  ClubImage noChannels = frame.image;
+  noChannels.channels = 0;
+  for (ClubImage* bad : {&wide, &empty, &noChannels}) {
+    EXPECT_EQ(ClubTrackerTestAccess::Preprocessing(tracker, bad, &out), 0);
+    EXPECT_EQ(out.image.data, before);
+    EXPECT_EQ(out.timeStamp, 0u);
+    EXPECT_EQ(out.sensorOffsetX, 0);
+  }
+  EXPECT_EQ(ClubTrackerTestAccess::Preprocessing(tracker, nullptr, &out), 0);
+  EXPECT_EQ(ClubTrackerTestAccess::Preprocessing(tracker, &frame.image, nullptr), 0);
+}
+
+TEST(PreprocessingRegion, CutBeforeTheMedianFilter) {
+  Frame frame(40, 30, 1);
+  ClubTrackerSetting s;
+  InitClubTrackerSetting(s);
+  s.roiX = 5;
+  s.roiY = 4;
+  s.roiWidth = 20;
+  s.roiHeight = 10;
+  ClubTracker tracker(s);
+  PreprocessedImage out;
+  ASSERT_EQ(ClubTrackerTestAccess::Preprocessing(tracker, &frame.image, &out), 1);
+  ASSERT_EQ(out.image.size(), cv::Size(20, 10));
+  EXPECT_TRUE(out.image.isContinuous());
+
+  cv::Mat cut = frame.AsMat()(cv::Rect(5, 4, 20, 10)).clone();
+  cv::Mat expected;
+  cv::medianBlur(cut, expected, 3);  // border replication inside the region
+  EXPECT_EQ(cv::norm(out.image, expected, cv::NORM_INF), 0.0);
+
+  cv::Mat filteredWhole;
+  cv::medianBlur(frame.AsMat(), filteredWhole, 3);
+  EXPECT_GT(cv::norm(out.image, filteredWhole(cv::Rect(5, 4, 20, 10)), cv::NORM_INF), 0.0)
+      << "edge pixels must not see pixels outside the region";
+}
+
+TEST(PreprocessingRegion, ZeroWidthOrHeightKeepsTheWholeFrame) {
+  Frame frame(40, 30, 1);
+  for (auto [w, h] : {std::pair{0, 10}, std::pair{10, 0}}) {
+    ClubTrackerSetting s;
+    InitClubTrackerSetting(s);
+    s.roiX = 1000;
+    s.roiY = -50;
+    s.roiWidth = w;
+    s.roiHeight = h;
+    ClubTracker tracker(s);
+    PreprocessedImage out;
+    ASSERT_EQ(ClubTrackerTestAccess::Preprocessing(tracker, &frame.image, &out), 1);
+    EXPECT_EQ(out.image.size(), cv::Size(40, 30));
+  }
+}
+
+TEST(PreprocessingRegion, RegionOutsideTheFrameRaisesTheRangeError) {
+  Frame frame(40, 30, 1);
+  ClubTrackerSetting s;
+  InitClubTrackerSetting(s);
+  s.roiX = 30;
+  s.roiY = 0;
+  s.roiWidth = 20;
+  s.roiHeight = 10;
+  ClubTracker tracker(s);
+  PreprocessedImage out;
+  EXPECT_THROW(ClubTrackerTestAccess::Preprocessing(tracker, &frame.image, &out), cv::Exception);
+}
+
+// RefineCandidateMask ------------------------------------------------------
+
+TEST(RefineCandidateMask, EmptyMaskStaysEmptyAndAbsent) {
+  const cv::Mat mask = cv::Mat::zeros(100, 100, CV_8UC1);
+  cv::Mat refined;
+  int present = -1;
+  RefineCandidateMask(mask, refined, &present);
+  EXPECT_EQ(present, 0);
+  EXPECT_EQ(cv::countNonZero(refined), 0);
+}
+
+// The presence square is s = 2 * ((min side / 4) / 2) + 1: a band s pixels
+// wide (long enough that the cleaning's rounded corners leave an s x s square)
+// is present, one a pixel narrower is not.
+struct SquareCase {
+  cv::Size size;
+  int s;
+};
+
+class PresenceSquare : public ::testing::TestWithParam<SquareCase> {};
+
+TEST_P(PresenceSquare, ThresholdIsExactlyTheErosionSize) {
+  const auto [size, s] = GetParam();
+  for (int side : {s - 1, s, s + 8}) {
+    cv::Mat mask = cv::Mat::zeros(size, CV_8UC1);
+    const int length = std::min(size.width, size.height) - 4;
+    const bool wide = size.width >= size.height;
+    const cv::Rect band = wide ? cv::Rect(size.width / 2 - side / 2, 2, side, length)
+                               : cv::Rect(2, size.height / 2 - side / 2, length, side);
+    cv::rectangle(mask, band, cv::Scalar(255), cv::FILLED);
+    cv::Mat refined;
+    int present = -1;
+    RefineCandidateMask(mask, refined, &present);
+    EXPECT_EQ(present, side >= s ? 1 : 0) << "square side " << side << " in " << size;
+    EXPECT_GT(cv::countNonZero(refined), 0) << "the refined mask keeps the closed blob";
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, PresenceSquare,
+                         ::testing::Values(SquareCase{{100, 100}, 25}, SquareCase{{640, 480}, 121},
+                                           SquareCase{{640, 208}, 53}, SquareCase{{208, 640}, 53}));
+
+TEST(RefineCandidateMask, ThinStreakIsNotPresentThickBlobIs) {
+  cv::Mat mask = cv::Mat::zeros(480, 640, CV_8UC1);
+  cv::line(mask, {50, 400}, {600, 40}, cv::Scalar(255), 20);  // a shaft-like streak
+  cv::Mat refined;
+  int present = -1;
+  RefineCandidateMask(mask, refined, &present);
+  EXPECT_EQ(present, 0);
+  EXPECT_GT(cv::countNonZero(refined), 0);
+
+  cv::circle(mask, {320, 240}, 90, cv::Scalar(255), cv::FILLED);  // holds a 121 x 121 square
+  RefineCandidateMask(mask, refined, &present);
+  EXPECT_EQ(present, 1);
+}
+
+TEST(RefineCandidateMask, RefinedMaskIsTheCleaningChain) {
+  cv::Mat mask = cv::Mat::zeros(120, 160, CV_8UC1);
+  cv::RNG rng(3);
+  for (int i = 0; i < 400; ++i) mask.at<uchar>(rng.uniform(0, 120), rng.uniform(0, 160)) = 255;
+  cv::circle(mask, {80, 60}, 25, cv::Scalar(255), cv::FILLED);
+  auto k = [](int shape, int n) { return cv::getStructuringElement(shape, cv::Size(n, n)); };
+  cv::Mat expected;
+  cv::morphologyEx(mask, expected, cv::MORPH_OPEN, k(cv::MORPH_ELLIPSE, 3));
+  cv::morphologyEx(expected, expected, cv::MORPH_CLOSE, k(cv::MORPH_RECT, 5));
+  cv::morphologyEx(expected, expected, cv::MORPH_OPEN, k(cv::MORPH_ELLIPSE, 7));
+  cv::morphologyEx(expected, expected, cv::MORPH_CLOSE, k(cv::MORPH_ELLIPSE, 31));
+  cv::Mat refined;
+  int present = 0;
+  RefineCandidateMask(mask, refined, &present);
+  EXPECT_EQ(cv::norm(refined, expected, cv::NORM_INF), 0.0);
+  EXPECT_EQ(present, 1);
+}
+
+}  // namespace
