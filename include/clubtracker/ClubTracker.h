@@ -142,6 +142,7 @@ class CLUBTRACKER_API ClubTracker : public ImageProcess {
 
  private:
   friend struct ClubTrackerTestAccess;
+  friend struct HeadAreaTask;  // body of the parallel head-size loop
 
   CLUBTRACKER_LOCAL int Preprocessing(ClubImage* source, PreprocessedImage* target);
   CLUBTRACKER_LOCAL int FindCandidateArea(const std::vector<PreprocessedImage*>& frames,

@@ -1,0 +1,30 @@
+// Per-camera image analysis: the pieces of the shaft-line and driver-head
+// stages that the Find driver calls directly.
+#pragma once
+
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "tracker/records.h"
+
+// Morphology and Canny edge map of a candidate mask, as the shaft-line
+// extraction uses them. Independent of the Hough vote threshold, so one edge
+// map serves every threshold tried for a frame. An empty mask gives an empty
+// edge map.
+void ComputeShaftEdges(const cv::Mat& mask, cv::Mat& edges);
+
+// The rest of the shaft-line extraction given the edge map of the candidate's
+// mask: Hough transform, near-horizontal lines dropped, rho shifted to
+// full-sensor coordinates, lines appended to candidate->lines. Returns 0 for a
+// null candidate or a vote threshold not greater than 0, else 1.
+int ExtractCandidatesFromEdges(CandidateAreaImage* candidate, const cv::Mat& edges,
+                               int voteThreshold);
+
+// Driver-head thickness of every frame of one camera, measured in parallel on
+// the refined masks (refinedMasks[k] belongs to candidates[k]). sizes is
+// resized to candidates.size(); sizes[k] is the thickness of frame k (0 when
+// the frame could not be measured). Each record's headX, headY are written;
+// its own mask is left as it was.
+void MeasureHeadSizes(ClubTracker& tracker, const std::vector<CandidateAreaImage*>& candidates,
+                      const std::vector<cv::Mat>& refinedMasks, std::vector<int>& sizes);

@@ -1,0 +1,163 @@
+// Candidate-area masks: the pixels of each frame that changed against an
+// earlier and against a later reference frame of the same camera.
+#include <cmath>
+#include <cstdint>
+#include <memory>
+
+#include <opencv2/imgproc.hpp>
+
+#include "analysis/analysis.h"
+
+namespace {
+
+// Two frames can be differenced when they have the same size and come from
+// the same window of the sensor. (Preprocessed frames are all 8-bit grey; the
+// type test only keeps a malformed frame from being differenced.)
+bool Matches(const PreprocessedImage* a, const PreprocessedImage* b) {
+  return a != nullptr && b != nullptr && a->image.rows == b->image.rows &&
+         a->image.cols == b->image.cols && a->sensorOffsetX == b->sensorOffsetX &&
+         a->sensorOffsetY == b->sensorOffsetY && a->image.type() == b->image.type();
+}
+
+// Whether `later` lies far enough after `earlier`. The gap is taken on the low
+// 32 bits of the time stamps and wraps; the after-impact interval applies as
+// soon as either frame is after the impact.
+bool GapLargeEnough(const PreprocessedImage& earlier, const PreprocessedImage& later,
+                    const ClubTrackerSetting& setting) {
+  const uint32_t gap =
+      static_cast<uint32_t>(later.timeStamp) - static_cast<uint32_t>(earlier.timeStamp);
+  const int32_t interval = (earlier.afterImpact != 0 || later.afterImpact != 0)
+                               ? setting.timeStampIntervalAfterImpact
+                               : setting.timeStampIntervalBeforeImpact;
+  return gap > static_cast<uint32_t>(interval);
+}
+
+// Earlier reference of frame i. The timed scan stops before index 0, which is
+// reached only through the fallback (it has always behaved this way). The
+// fallback takes the last matching frame, frame i itself at worst.
+int EarlierReference(const std::vector<PreprocessedImage*>& frames, int i,
+                     const ClubTrackerSetting& setting) {
+  const PreprocessedImage* frame = frames[i];
+  for (int j = i - 1; j >= 1; --j) {
+    if (Matches(frame, frames[j]) && GapLargeEnough(*frames[j], *frame, setting)) return j;
+  }
+  for (int j = static_cast<int>(frames.size()) - 1; j >= 0; --j) {
+    if (Matches(frame, frames[j])) return j;
+  }
+  return i;
+}
+
+// Later reference of frame i; the fallback takes the first matching frame.
+int LaterReference(const std::vector<PreprocessedImage*>& frames, int i,
+                   const ClubTrackerSetting& setting) {
+  const PreprocessedImage* frame = frames[i];
+  const int n = static_cast<int>(frames.size());
+  for (int k = i + 1; k < n; ++k) {
+    if (Matches(frame, frames[k]) && GapLargeEnough(*frame, *frames[k], setting)) return k;
+  }
+  for (int k = 0; k < n; ++k) {
+    if (Matches(frame, frames[k])) return k;
+  }
+  return i;
+}
+
+// Pixels that differ by 2 grey levels or more (for 8-bit matrices cv::abs of
+// the difference expression is the absolute difference).
+cv::Mat ChangedPixels(const cv::Mat& image, const cv::Mat& reference) {
+  cv::Mat changed;
+  cv::threshold(cv::abs(image - reference), changed, 1.0, 255.0, cv::THRESH_BINARY);
+  return changed;
+}
+
+cv::Mat ChangeMask(const cv::Mat& image, const cv::Mat& earlier, const cv::Mat& later) {
+  return ChangedPixels(image, earlier) & ChangedPixels(image, later);
+}
+
+// Pixel count of a 0/255 mask, truncated and then taken in single precision.
+float MaskCount(const cv::Mat& mask) {
+  return static_cast<float>(static_cast<int64_t>(cv::sum(mask)[0] / 255.0));
+}
+
+// First bin at which the running sum exceeds half the pixel count; 0 if none.
+int HistogramMedian(const uint32_t (&histogram)[256], int64_t pixelCount) {
+  const int64_t half = pixelCount / 2;
+  int64_t running = 0;
+  for (int bin = 0; bin < 256; ++bin) {
+    running += histogram[bin];
+    if (running > half) return bin;
+  }
+  return 0;
+}
+
+// A frame that changed almost everywhere (global brightness change) is
+// differenced again against references scaled by the ratio of the mask's own
+// median (255 here) to the earlier reference's median; it is blanked when
+// that does not help. The later reference's median plays no part.
+void CompensateBrightness(const cv::Mat& image, const cv::Mat& earlier, const cv::Mat& later,
+                          float area, cv::Mat& mask) {
+  uint32_t maskHistogram[256] = {};
+  uint32_t earlierHistogram[256] = {};
+  for (int r = 0; r < mask.rows; ++r) {
+    const uchar* m = mask.ptr<uchar>(r);
+    const uchar* p = earlier.ptr<uchar>(r);
+    for (int c = 0; c < mask.cols; ++c) {
+      ++maskHistogram[m[c]];
+      ++earlierHistogram[p[c]];
+    }
+  }
+  const int64_t pixelCount = static_cast<int64_t>(mask.rows) * mask.cols;
+  const int maskMedian = HistogramMedian(maskHistogram, pixelCount);
+  const int earlierMedian = HistogramMedian(earlierHistogram, pixelCount);
+  // A zero median gives an infinite ratio; the scaling below saturates then.
+  const float ratio = static_cast<float>(maskMedian) / static_cast<float>(earlierMedian);
+
+  const cv::Mat scaledEarlier = earlier * ratio;
+  const cv::Mat scaledLater = later * ratio;
+  mask = ChangeMask(image, scaledEarlier, scaledLater);
+  if (MaskCount(mask) > area * 0.75f) mask.setTo(cv::Scalar::all(0));
+}
+
+// Whether a float converts to int without overflow.
+bool FitsInt(float value) { return value > -2147483648.0f && value < 2147483648.0f; }
+
+void PaintBall(CandidateAreaImage& record) {
+  if (!(record.ballRadius > 0.0f)) return;
+  const float x = std::roundf(record.ballX);
+  const float y = std::roundf(record.ballY);
+  if (!FitsInt(x) || !FitsInt(y) || !FitsInt(record.ballRadius)) return;
+  const int radius = static_cast<int>(record.ballRadius);
+  cv::circle(record.image, cv::Point(static_cast<int>(x), static_cast<int>(y)), radius,
+             cv::Scalar(0, 0, 0, 0), -1, 8, 0);
+}
+
+}  // namespace
+
+int ClubTracker::FindCandidateArea(const std::vector<PreprocessedImage*>& frames,
+                                   std::vector<CandidateAreaImage*>& candidates) {
+  const int n = static_cast<int>(frames.size());
+  candidates.reserve(candidates.size() + frames.size());
+  for (int i = 0; i < n; ++i) {
+    auto record = std::make_unique<CandidateAreaImage>();
+    const PreprocessedImage* frame = frames[i];
+    if (frame != nullptr) {
+      const cv::Mat& image = frame->image;
+      if (image.type() == CV_8UC1 && !image.empty()) {
+        const cv::Mat& earlier = frames[EarlierReference(frames, i, setting)]->image;
+        const cv::Mat& later = frames[LaterReference(frames, i, setting)]->image;
+        record->image = ChangeMask(image, earlier, later);
+
+        const float area = static_cast<float>(image.rows * image.cols);
+        if (MaskCount(record->image) > area * 0.75f) {
+          CompensateBrightness(image, earlier, later, area, record->image);
+        }
+      } else if (!image.empty()) {
+        // Not an 8-bit grey frame: nothing can be differenced.
+        record->image = cv::Mat::zeros(image.rows, image.cols, CV_8UC1);
+      }
+      CopyMetadata(*record, *frame);
+      PaintBall(*record);
+    }
+    candidates.push_back(record.release());
+  }
+  return 1;
+}

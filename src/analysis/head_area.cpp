@@ -1,0 +1,109 @@
+// Driver-head area: thickness and core of the club blob by iterated erosion,
+// measured for every frame in parallel, and the head disc painted out.
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <vector>
+
+#include <opencv2/imgproc.hpp>
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
+
+#include "analysis/analysis.h"
+
+// Body of the parallel head-size loop: measures frame i on its refined mask.
+// The record lends its mask slot to the refined mask for the duration of the
+// measurement and gets its own mask back afterwards (the measurement only
+// reads the mask). Each index touches only its own record and result slot.
+struct HeadAreaTask {
+  ClubTracker* tracker;
+  const std::vector<CandidateAreaImage*>* candidates;
+  const std::vector<cv::Mat>* refined;
+  int* result;
+
+  void operator()(const tbb::blocked_range<int>& range) const {
+    for (int i = range.begin(); i != range.end(); ++i) {
+      int thickness = 0;
+      CandidateAreaImage* candidate = (*candidates)[i];
+      if (candidate != nullptr) {
+        const cv::Mat own = candidate->image;
+        struct Restore {
+          CandidateAreaImage* record;
+          const cv::Mat& mask;
+          ~Restore() { record->image = mask; }
+        } restore{candidate, own};
+        candidate->image = (*refined)[i];
+        tracker->ExtractDriverHeadArea(candidate, thickness);
+      }
+      result[i] = thickness;
+    }
+  }
+};
+
+void MeasureHeadSizes(ClubTracker& tracker, const std::vector<CandidateAreaImage*>& candidates,
+                      const std::vector<cv::Mat>& refinedMasks, std::vector<int>& sizes) {
+  sizes.assign(candidates.size(), 0);
+  // A frame without a refined mask is not measured and keeps size 0.
+  const int n = static_cast<int>(std::min(candidates.size(), refinedMasks.size()));
+  const HeadAreaTask task{&tracker, &candidates, &refinedMasks, sizes.data()};
+  tbb::parallel_for(tbb::blocked_range<int>(0, n, 1), task);
+}
+
+int ClubTracker::ExtractDriverHeadArea(CandidateAreaImage* candidate, int& thickness) {
+  if (candidate == nullptr) return 0;
+
+  // The working copy; it becomes the first of the two erosion buffers.
+  cv::Mat a = candidate->image.clone();
+  if (a.empty()) {
+    // What the erosion loop gives for a mask without a pixel.
+    thickness = 2;
+    candidate->headX = 0;
+    candidate->headY = 0;
+    return 0;
+  }
+  if (a.type() != CV_8UC1) return 0;
+
+  const uint32_t count = static_cast<uint32_t>(cv::sum(a)[0] / 255.0);
+  const int64_t limit = (3 * static_cast<int64_t>(a.rows) * a.cols) / 4;
+  if (count > static_cast<uint32_t>(limit)) return 0;  // too full for a blob
+
+  const cv::Mat kernel =
+      cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(5, 5), cv::Point(-1, -1));
+  cv::Mat b;
+  thickness = 0;
+  for (;;) {
+    thickness += 2;
+    cv::morphologyEx(a, b, cv::MORPH_ERODE, kernel, cv::Point(-1, -1), 1, cv::BORDER_CONSTANT,
+                     cv::morphologyDefaultBorderValue());
+    if (static_cast<uint64_t>(cv::sum(b)[0]) == 0) break;
+    // b is the new surviving blob; the old one's buffer takes the next erosion.
+    cv::swap(a, b);
+  }
+
+  // Core: the last non-empty erosion result, scanned row by row.
+  std::vector<cv::Point> points;
+  if (cv::countNonZero(a) > 0) cv::findNonZero(a, points);
+  if (points.empty()) {
+    candidate->headX = 0;
+    candidate->headY = 0;
+    return 0;
+  }
+  const size_t n = points.size();
+  std::vector<int> values(n);
+  for (size_t k = 0; k < n; ++k) values[k] = points[k].x;
+  std::sort(values.begin(), values.end());
+  candidate->headX = (values[n / 2] + values[(n - 1) / 2]) / 2;
+  for (size_t k = 0; k < n; ++k) values[k] = points[k].y;
+  std::sort(values.begin(), values.end());
+  candidate->headY = (values[n / 2] + values[(n - 1) / 2]) / 2;
+  return 1;
+}
+
+int ClubTracker::DeleteDriverHeadArea(CandidateAreaImage* candidate, int radius) {
+  if (candidate == nullptr) return 0;
+  if (radius < 0) return 0;  // no disc to paint
+  const cv::Point centre(static_cast<int>(std::round(static_cast<double>(candidate->headX))),
+                         static_cast<int>(std::round(static_cast<double>(candidate->headY))));
+  cv::circle(candidate->image, centre, radius, cv::Scalar(0, 0, 0, 0), -1, 8, 0);
+  return 1;
+}
