@@ -1,11 +1,347 @@
-// The Find pipeline driver.
+// The Find pipeline driver: pairs the two cameras' frames, runs every stage on
+// them and fills the result.
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <new>
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "analysis/analysis.h"
 #include "tracker/records.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Frames whose time stamps differ by at most this many units are one pair.
+constexpr int64_t kPairTolerance = 10;
+// Passes of the adaptive line extraction.
+constexpr int kMaxLinePasses = 10;
+constexpr float kInitialLineSize = 4.5f;
+
+// Takes the records that a stage appended to `made` into `owned`. Every record
+// is owned once this returns or throws.
+template <typename T>
+void Adopt(const std::vector<T*>& made, std::vector<std::unique_ptr<T>>& owned) {
+  try {
+    owned.reserve(owned.size() + made.size());
+  } catch (...) {
+    for (T* record : made) std::unique_ptr<T> release(record);
+    throw;
+  }
+  for (T* record : made) owned.emplace_back(record);  // capacity reserved: cannot throw
+}
+
+// The head size a camera's frames agree on: the element at two thirds of the
+// sorted positive sizes; 0 when no frame gave one.
+int AgreedHeadSize(std::vector<int>& sizes) {
+  std::vector<int> positive;
+  positive.reserve(sizes.size());
+  for (const int size : sizes) {
+    if (size > 0) positive.push_back(size);
+  }
+  std::fill(sizes.begin(), sizes.end(), 0);
+  if (positive.empty()) return 0;
+  std::sort(positive.begin(), positive.end());
+  return positive[(2 * positive.size()) / 3];
+}
+
+// One camera's shaft-line extraction with the current line size: frames
+// before the impact share the first frame's threshold, frames after it the
+// threshold of the first after-impact frame that gives a positive one.
+void ExtractCameraLines(ClubTracker& tracker,
+                        int (ClubTracker::*threshold)(CandidateAreaImage*, float),
+                        const std::vector<CandidateAreaImage*>& areas,
+                        const std::vector<cv::Mat>& edges, float lineSize) {
+  CandidateAreaImage* first = areas.empty() ? nullptr : areas[0];
+  const int beforeThreshold = (tracker.*threshold)(first, lineSize);
+  int afterThreshold = 0;
+  for (size_t k = 0; k < areas.size(); ++k) {
+    CandidateAreaImage* area = areas[k];
+    if (area->afterImpact == 1) {
+      if (afterThreshold <= 0) afterThreshold = (tracker.*threshold)(area, lineSize);
+      ExtractCandidatesFromEdges(area, edges[k], afterThreshold);
+    } else {
+      ExtractCandidatesFromEdges(area, edges[k], beforeThreshold);
+    }
+  }
+}
+
+int CountLines(const std::vector<CandidateAreaImage*>& areas) {
+  size_t total = 0;
+  for (const CandidateAreaImage* area : areas) total += area->lines.size();
+  return static_cast<int>(total);
+}
+
+void ClearLines(const std::vector<CandidateAreaImage*>& areas) {
+  for (CandidateAreaImage* area : areas) area->lines.clear();
+}
+
+// Decides whether a camera's lines are extracted again, and with which size.
+void AdaptLineSize(int foundPair, int lineCount, int frames, float& lineSize, int& redo,
+                   const std::vector<CandidateAreaImage*>& areas) {
+  if (foundPair >= 3 && lineCount >= 2 * frames) {
+    if (lineCount > 4 * frames) {
+      redo = 1;
+      lineSize = static_cast<float>(static_cast<double>(lineSize) - 0.2);
+      ClearLines(areas);
+    }
+  } else {
+    redo = 1;
+    lineSize = static_cast<float>(static_cast<double>(lineSize) * 1.1);
+    ClearLines(areas);
+  }
+}
+
+// One line of text without line breaks, for the failure log line.
+std::string OneLine(const char* text) {
+  std::string line = text != nullptr ? text : "";
+  for (char& c : line) {
+    if (c == '\n' || c == '\r') c = ' ';
+  }
+  while (!line.empty() && line.back() == ' ') line.pop_back();
+  return line;
+}
+
+}  // namespace
 
 int ClubTracker::Find(std::vector<ClubImage*> cam1Images, std::vector<ClubImage*> cam2Images,
                       ClubTrackerResult& result, unsigned int timeLimit) {
-  (void)cam1Images;
-  (void)cam2Images;
-  (void)result;
-  (void)timeLimit;
+  try {
+    Log("ClubTracker::Find start");
+    const Clock::time_point start = Clock::now();
+    const double limit = timeLimit != 0 ? static_cast<double>(timeLimit)
+                                        : std::numeric_limits<double>::max();
+    const auto timeUp = [&start, limit] {
+      return std::chrono::duration<double>(Clock::now() - start).count() > limit;
+    };
+
+    if (cam1Images.empty() || cam2Images.empty()) return 0;
+    for (const std::vector<ClubImage*>* images : {&cam1Images, &cam2Images}) {
+      if (std::find(images->begin(), images->end(), nullptr) != images->end()) {
+        Log("ClubTracker::Find: a camera's frame list holds a null frame");
+        return 0;
+      }
+    }
+
+    // Pairing by time stamp.
+    std::vector<ClubImage*> pairs1;
+    std::vector<ClubImage*> pairs2;
+    for (size_t i = 0, j = 0; i < cam1Images.size() && j < cam2Images.size();) {
+      ClubImage* a = cam1Images[i];
+      ClubImage* b = cam2Images[j];
+      const int64_t ahead = static_cast<int64_t>(a->timeStamp - b->timeStamp);
+      const int64_t behind = static_cast<int64_t>(b->timeStamp - a->timeStamp);
+      if (ahead > kPairTolerance) {
+        ++j;
+      } else if (behind > kPairTolerance) {
+        ++i;
+      } else {
+        pairs1.push_back(a);
+        pairs2.push_back(b);
+        ++i;
+        ++j;
+      }
+    }
+
+    // Working records. The owning lists free them on every way out; the
+    // stages see plain pointer lists.
+    std::vector<std::unique_ptr<PreprocessedImage>> ownedPre;
+    std::vector<std::unique_ptr<CandidateAreaImage>> ownedCand;
+    ownedPre.reserve(pairs1.size() + pairs2.size());
+    std::vector<PreprocessedImage*> pre1;
+    std::vector<PreprocessedImage*> pre2;
+    for (const auto& [pairs, pre] : {std::pair{&pairs1, &pre1}, std::pair{&pairs2, &pre2}}) {
+      pre->reserve(pairs->size());
+      for (ClubImage* frame : *pairs) {
+        ownedPre.push_back(std::make_unique<PreprocessedImage>());
+        PreprocessedImage* record = ownedPre.back().get();
+        Preprocessing(frame, record);
+        pre->push_back(record);
+      }
+    }
+
+    std::vector<CandidateAreaImage*> cand1;
+    std::vector<CandidateAreaImage*> cand2;
+    const auto findAreas = [&](const std::vector<PreprocessedImage*>& pre,
+                               std::vector<CandidateAreaImage*>& cand) {
+      int found = 0;
+      try {
+        found = FindCandidateArea(pre, cand);
+      } catch (...) {
+        Adopt(cand, ownedCand);
+        throw;
+      }
+      Adopt(cand, ownedCand);
+      return found;
+    };
+    if (findAreas(pre1, cand1) == 0) {
+      Log("Cam1 FindCandidateArea failed\n");
+      return 0;
+    }
+    if (findAreas(pre2, cand2) == 0) {
+      Log("Cam2 FindCandidateArea failed\n");
+      return 0;
+    }
+    if (cand1.size() != cand2.size()) return 0;
+    const int n = static_cast<int>(cand1.size());
+
+    // Presence test.
+    std::vector<cv::Mat> masks1(n);
+    std::vector<cv::Mat> masks2(n);
+    int bothPresent = 0;
+    for (int k = 0; k < n; ++k) {
+      int present1 = 0;
+      int present2 = 0;
+      RefineCandidateMask(cand1[k]->image, masks1[k], &present1);
+      RefineCandidateMask(cand2[k]->image, masks2[k], &present2);
+      if (present1 == 1 && present2 == 1) ++bothPresent;
+    }
+
+    // Driver-head size, measured in parallel over each camera's frames.
+    int headValue1 = 0;
+    int headValue2 = 0;
+    if (bothPresent > 10) {
+      std::vector<int> sizes(static_cast<size_t>(n), 0);
+      MeasureHeadSizes(*this, cand1, masks1, sizes);
+      headValue1 = AgreedHeadSize(sizes);
+      sizes.assign(static_cast<size_t>(n), 0);
+      MeasureHeadSizes(*this, cand2, masks2, sizes);
+      headValue2 = AgreedHeadSize(sizes);
+      if (headValue1 <= 0 || headValue2 <= 0) return 0;
+    }
+    masks1.clear();
+    masks2.clear();
+
+    for (int k = 0; k < n; ++k) {
+      DeleteDriverHeadArea(cand1[k], headValue1);
+      DeleteDriverHeadArea(cand2[k], headValue2);
+    }
+    if (timeUp()) return 0;
+
+    // The masks stay as they are from here on: each frame's edge map is made
+    // once and serves every pass of the line extraction.
+    std::vector<cv::Mat> edges1(n);
+    std::vector<cv::Mat> edges2(n);
+    for (int k = 0; k < n; ++k) {
+      ComputeShaftEdges(cand1[k]->image, edges1[k]);
+      ComputeShaftEdges(cand2[k]->image, edges2[k]);
+    }
+
+    // Adaptive line extraction.
+    float lineSize1 = kInitialLineSize;
+    float lineSize2 = kInitialLineSize;
+    int redo1 = 1;
+    int redo2 = 1;
+    int foundPair = 0;
+    int pass = 0;
+    do {
+      ++pass;
+      foundPair = 0;
+      if (redo1 == 1) ExtractCameraLines(*this, &ClubTracker::GetLineThreshold, cand1, edges1, lineSize1);
+      if (redo2 == 1) ExtractCameraLines(*this, &ClubTracker::GetLineThreshold, cand2, edges2, lineSize2);
+      redo1 = 0;
+      redo2 = 0;
+      if (cand1.size() != cand2.size()) return 0;
+
+      const int lineCount1 = CountLines(cand1);
+      const int lineCount2 = CountLines(cand2);
+      for (int k = 0; k < n; ++k) {
+        if (!cand1[k]->lines.empty() && !cand2[k]->lines.empty() && cand1[k]->afterImpact == 0 &&
+            cand2[k]->afterImpact == 0) {
+          ++foundPair;
+        }
+      }
+      Log("cam1LineSize(%f - %d), cam2LineSize(%f - %d), foundPair:%d",
+          static_cast<double>(lineSize1), lineCount1, static_cast<double>(lineSize2), lineCount2,
+          foundPair);
+
+      if (pass < kMaxLinePasses) {
+        AdaptLineSize(foundPair, lineCount1, n, lineSize1, redo1, cand1);
+        AdaptLineSize(foundPair, lineCount2, n, lineSize2, redo2, cand2);
+      } else {
+        const auto within = [n](int count) { return count >= 2 * n && count <= 4 * n; };
+        if (!(within(lineCount1) && within(lineCount2))) foundPair = 0;
+      }
+      if (timeUp()) return 0;
+    } while (redo1 != 0 || redo2 != 0);
+    edges1.clear();
+    edges2.clear();
+
+    // Spin axis, then shaft, head and speed.
+    if (foundPair < 3) {
+      Log("Cannot find enough line pairs.");
+    } else {
+      ClubSpinAxis3D spinAxis;
+      spinAxis.firstFrame = 0;
+      spinAxis.secondFrame = 0;
+      FindClubSpinAxis(cand1, cand2, spinAxis);
+      if (timeUp()) return 0;
+      FindShaftAndHead(cand1, cand2, spinAxis, result);
+    }
+
+    // Club-speed fall-back through the virtual table.
+    if (result.clubHeadSpeed == 0.0) {
+      if (timeUp()) return 0;
+      Log("Calculate clubspeed again.");
+      this->FindbyTemplate(pairs1, pairs2, result.clubHeadSpeed);
+    }
+    if (std::isnan(result.clubHeadSpeed)) result.clubHeadSpeed = 0.0;
+
+    // Raw pixels of every paired frame whose size matches its entry, camera
+    // 1's frames first.
+    if (result.frames != nullptr && result.frameCount > 0) {
+      for (int e = 0; e < result.frameCount; ++e) {
+        const size_t index = static_cast<size_t>(e);
+        ClubImage* source = nullptr;
+        if (index < pairs1.size()) {
+          source = pairs1[index];
+        } else if (index - pairs1.size() < pairs2.size()) {
+          source = pairs2[index - pairs1.size()];
+        }
+        ClubFrameResult& entry = result.frames[e];
+        delete[] entry.rawPixels;
+        entry.rawPixels = nullptr;
+        if (source != nullptr && source->pixels != nullptr &&
+            source->width == entry.image.width && source->height == entry.image.height) {
+          const size_t bytes = static_cast<size_t>(entry.image.width) * entry.image.height;
+          entry.rawPixels = new unsigned char[bytes];  // released by the entry
+          if (bytes > 0) std::memcpy(entry.rawPixels, source->pixels, bytes);
+        }
+      }
+    }
+
+    const double elapsedMs =
+        std::chrono::duration<double>(Clock::now() - start).count() * 1000.0;
+    Log("Clubtracker::Find end. Processing Time : %f\n", elapsedMs);
+    return 0;
+  } catch (const cv::Exception& e) {
+    try {
+      Log("ClubTracker::Find failed: OpenCV error: %s", OneLine(e.what()).c_str());
+    } catch (...) {
+    }
+  } catch (const std::bad_alloc&) {
+    try {
+      Log("ClubTracker::Find failed: out of memory");
+    } catch (...) {
+    }
+  } catch (const std::exception& e) {
+    try {
+      Log("ClubTracker::Find failed: %s", OneLine(e.what()).c_str());
+    } catch (...) {
+    }
+  } catch (...) {
+    try {
+      Log("ClubTracker::Find failed: unknown error");
+    } catch (...) {
+    }
+  }
   return 0;
 }
