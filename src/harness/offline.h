@@ -22,6 +22,14 @@ RunOptions ReadRunOptions(const std::filesystem::path& runFile);
 // Reads the 21 calibration values (9 intrinsic, 12 extrinsic) of one camera
 // option file into `values`. Missing items give 0.0.
 void ReadCalibration(std::wstring path, double* values);
+void ReadCalibrationFile(const std::filesystem::path& path, double* values);
+
+// A camera's folder: the recording folder + "/Master/" (camera 0) or
+// "/Slave/" (camera 1), joined as plain text, so a trailing separator doubles.
+std::filesystem::path CameraFolder(const std::filesystem::path& folder, int camera);
+
+// A camera's option file: its folder + "MasterOption.ini" / "SlaveOption.ini".
+std::filesystem::path CameraOptionFile(const std::filesystem::path& folder, int camera);
 
 // Loads every image file of `folder` in byte-wise name order; directories and
 // files that do not decode are skipped. afterImpact from impactIndex.
@@ -32,6 +40,24 @@ void ParseFrameFileName(const std::wstring& fileName, ClubImage& image);
 
 // Releases frames made by LoadCameraFrames and empties the list.
 void FreeFrames(std::vector<ClubImage*>& frames);
+
+// Pairs the two cameras' frames by time stamp as Find does (signed 64-bit
+// difference of at most 10); unpaired frames are left out.
+void PairFrames(const std::vector<ClubImage*>& cam1, const std::vector<ClubImage*>& cam2,
+                std::vector<ClubImage*>& pairs1, std::vector<ClubImage*>& pairs2);
+
+// RECORDING is a run option file or a folder holding "run.ini". Returns false
+// with a one-line reason when neither is there.
+bool ResolveRunFile(const std::filesystem::path& recording, std::filesystem::path& runFile,
+                    std::string* error);
+
+// Checks, without decoding frames, what a user's replay needs and the lenient
+// reading would paper over: a readable run option file whose numbers are
+// numbers, a FolderPath, both camera folders with a readable option file of
+// well-formed, finite values and an invertible intrinsic matrix, and at least
+// one image file per camera. Fills `options` on success.
+bool CheckRecording(const std::filesystem::path& runFile, RunOptions& options,
+                    std::string* error);
 
 // A whole recording in memory: setting with calibration and both cameras'
 // frames. Frees its frames when destroyed.
@@ -48,6 +74,7 @@ struct LoadedRecording {
 };
 
 // RECORDING is a run option file or a folder holding "run.ini". Returns false
-// with a one-line reason in `error` when it cannot be read.
+// with a one-line reason in `error` when it cannot be read (ResolveRunFile and
+// CheckRecording's reasons, or a camera none of whose files decodes).
 bool LoadRecording(const std::filesystem::path& recording, LoadedRecording& out,
                    std::string* error);

@@ -1,0 +1,19 @@
+// The testing object handed out by QTIFactoryFunc.
+#pragma once
+
+#include "clubtracker/QuarvelTestingInterface.h"
+
+class QuarvelOstrin : public QuarvelTestingInterface {
+ public:
+  // Allocates its tracker; `tracker` stays null if that allocation fails.
+  QuarvelOstrin();
+  ~QuarvelOstrin() override;
+  QuarvelOstrin(const QuarvelOstrin&) = delete;
+  QuarvelOstrin& operator=(const QuarvelOstrin&) = delete;
+
+  int RunOfflineTest(const std::filesystem::path& optionFilePath,
+                     std::vector<std::unique_ptr<OfflineResultImage>>& outputList,
+                     OfflineRunReport* report = nullptr) override;
+
+  ClubTracker* tracker;  // owned; reused by every run
+};
