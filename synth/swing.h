@@ -82,6 +82,25 @@ struct SwingTruth {
   cv::Vec3d HeadCentre(double timeUs) const;
   cv::Vec3d ShaftDirection(double timeUs) const;   // unit, pivot toward the head
   cv::Vec2d BallInWindow(int camera) const;        // the frames' ballX, ballY
+
+  // Further detail of the rendered swing (filled by MakeTruth).
+  cv::Vec3d headSemiAxes;       // mm: along the motion, along the shaft, along the axis
+  double shaftRadius = 0.0;     // mm
+  double gripDistance = 0.0;    // shaft starts this far from the pivot (R - 1100)
+  double hoselDistance = 0.0;   // and ends this far from the pivot, inside the head
+  double exposureUs = 0.0;      // every frame is exposed over [t - e/2, t + e/2]
+  double ballSpeed = 0.0;       // mm/us after impact
+  double launchDeg = 0.0;       // ball's rise above the ground after impact
+  int droppedFrame = -1;        // frame index camera 2 misses, -1 = none
+
+  // Exposure centre of a written frame: its time stamp.
+  double FrameTime(int camera, int index) const;
+  cv::Vec3d BallCentre(double timeUs) const;  // at rest until impact, then flying along +x
+  // Point on the shaft's axis `distance` mm from the pivot (R = head centre).
+  cv::Vec3d ShaftPoint(double timeUs, double distance) const;
+  // The shaft's centre line as a Hough line (full-sensor pixels) in one camera:
+  // what the shaft-line stage should find, e.g. ShaftLine(0, FrameTime(0, i)).
+  cv::Vec2f ShaftLine(int camera, double timeUs) const;
 };
 
 // Hough (rho, theta) of the image of the 3D line through a and b, in
@@ -117,8 +136,16 @@ Recording Render(const SwingScene& scene);
 
 // Writes REC/run.ini, REC/Master/MasterOption.ini, REC/Slave/SlaveOption.ini,
 // the frames (BMP, or PNG when `png`) and REC/truth.json.
+// Throws std::runtime_error naming the path when the file system refuses.
 void WriteRecording(const Recording& recording, const std::filesystem::path& dir,
                     bool png = false);
+// The same without exceptions: false and a one-line `error` on failure.
+bool WriteRecording(const Recording& recording, const std::filesystem::path& dir, bool png,
+                    std::string& error) noexcept;
+
+// Name of a written frame: <timeStamp>_<sensorOffsetX>_<sensorOffsetY>_<ballX>_<ballY>.<ext>,
+// the ball with two decimals (the ClubImage's ballX/ballY hold exactly that value).
+std::string FrameFileName(const ClubImage& image, bool png = false);
 
 // truth.json's content.
 std::string TruthJson(const Recording& recording);
