@@ -1,0 +1,452 @@
+// The Find driver: pairing, early exits, the adaptive line passes, the time
+// limit, the template fall-back, the raw-pixel copy and the error boundary.
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/access.h"
+
+namespace {
+
+struct LogCapture {
+  std::vector<std::string> lines;
+  std::function<void(const std::string&)> onLine;
+};
+
+void CaptureLog(std::wstring line, void* context) {
+  auto* capture = static_cast<LogCapture*>(context);
+  std::string text(line.begin(), line.end());
+  capture->lines.push_back(text);
+  if (capture->onLine) capture->onLine(text);
+}
+
+// Frames of one camera: flat grey pictures, so that no stage finds a club.
+// Each frame carries its index in pixel (0, 0), which the median filter and
+// the mask clean-up remove, so the raw-pixel copy can be told apart.
+class Frames {
+ public:
+  Frames(const std::vector<uint64_t>& timeStamps, int width = 64, int height = 48) {
+    pixels_.resize(timeStamps.size());
+    images_.resize(timeStamps.size());
+    for (size_t i = 0; i < timeStamps.size(); ++i) {
+      pixels_[i].assign(static_cast<size_t>(width) * height, 100);
+      pixels_[i][0] = static_cast<unsigned char>(i + 1);
+      ClubImage& image = images_[i];
+      image = ClubImage{};
+      image.width = static_cast<uint32_t>(width);
+      image.height = static_cast<uint32_t>(height);
+      image.bytesPerChannel = 1;
+      image.channels = 1;
+      image.pixels = pixels_[i].data();
+      image.timeStamp = timeStamps[i];
+    }
+  }
+  std::vector<ClubImage*> List() {
+    std::vector<ClubImage*> list;
+    for (ClubImage& image : images_) list.push_back(&image);
+    return list;
+  }
+  const std::vector<unsigned char>& Pixels(size_t i) const { return pixels_[i]; }
+
+ private:
+  std::vector<std::vector<unsigned char>> pixels_;
+  std::vector<ClubImage> images_;
+};
+
+std::vector<uint64_t> Stamps(size_t count, uint64_t first = 1000, uint64_t step = 500) {
+  std::vector<uint64_t> stamps;
+  for (size_t i = 0; i < count; ++i) stamps.push_back(first + i * step);
+  return stamps;
+}
+
+// A tracker whose template path records its calls.
+class TemplateSpy : public ClubTracker {
+ public:
+  explicit TemplateSpy(LogCapture& log) {
+    setting.logCallback = CaptureLog;
+    setting.logContext = &log;
+  }
+  int FindbyTemplate(std::vector<ClubImage*> cam1Images, std::vector<ClubImage*> cam2Images,
+                     double& clubHeadSpeed) override {
+    ++calls;
+    seen1 = std::move(cam1Images);
+    seen2 = std::move(cam2Images);
+    if (failure) failure();
+    clubHeadSpeed = speed;
+    return 1;
+  }
+
+  int calls = 0;
+  std::vector<ClubImage*> seen1;
+  std::vector<ClubImage*> seen2;
+  double speed = 0.0;
+  std::function<void()> failure;
+};
+
+const char* const kTooFewSizes[10] = {"4.500000", "4.950000", "5.445000", "5.989500",
+                                       "6.588449", "7.247294", "7.972024", "8.769226",
+                                       "9.646149", "10.610764"};
+
+std::string PassLine(int pass, int lines1 = 0, int lines2 = 0, int pairs = 0) {
+  return std::string("cam1LineSize(") + kTooFewSizes[pass] + " - " + std::to_string(lines1) +
+         "), cam2LineSize(" + kTooFewSizes[pass] + " - " + std::to_string(lines2) +
+         "), foundPair:" + std::to_string(pairs);
+}
+
+// The whole log of a swing in which no camera ever shows a line.
+std::vector<std::string> NoLineLog() {
+  std::vector<std::string> log = {"ClubTracker::Find start"};
+  for (int pass = 0; pass < 10; ++pass) log.push_back(PassLine(pass));
+  log.push_back("Cannot find enough line pairs.");
+  log.push_back("Calculate clubspeed again.");
+  return log;
+}
+
+bool IsEndLine(const std::string& line) {
+  return line.rfind("Clubtracker::Find end. Processing Time : ", 0) == 0 &&
+         line.back() == '\n';
+}
+
+std::vector<std::string> WithoutEnd(std::vector<std::string> lines) {
+  if (!lines.empty() && IsEndLine(lines.back())) lines.pop_back();
+  return lines;
+}
+
+// --- pairing --------------------------------------------------------------
+
+struct PairingCase {
+  const char* name;
+  std::vector<uint64_t> cam1;
+  std::vector<uint64_t> cam2;
+  std::vector<std::pair<int, int>> pairs;  // (camera-1 index, camera-2 index)
+};
+
+class Pairing : public ::testing::TestWithParam<PairingCase> {};
+
+TEST_P(Pairing, HandsThePairedFramesToTheStagesInOrder) {
+  const PairingCase& c = GetParam();
+  Frames cam1(c.cam1);
+  Frames cam2(c.cam2);
+  LogCapture log;
+  TemplateSpy tracker(log);
+  ClubTrackerResult result;
+  EXPECT_EQ(tracker.Find(cam1.List(), cam2.List(), result, 0), 0);
+
+  ASSERT_EQ(tracker.calls, 1);
+  std::vector<ClubImage*> expected1;
+  std::vector<ClubImage*> expected2;
+  for (const auto& [i, j] : c.pairs) {
+    expected1.push_back(cam1.List()[i]);
+    expected2.push_back(cam2.List()[j]);
+  }
+  EXPECT_EQ(tracker.seen1, expected1);
+  EXPECT_EQ(tracker.seen2, expected2);
+  EXPECT_EQ(WithoutEnd(log.lines), NoLineLog());
+  ASSERT_FALSE(log.lines.empty());
+  EXPECT_TRUE(IsEndLine(log.lines.back()));
+}
+
+constexpr uint64_t kMax = std::numeric_limits<uint64_t>::max();
+
+INSTANTIATE_TEST_SUITE_P(
+    Find, Pairing,
+    ::testing::Values(
+        PairingCase{"TenApartPaired", {1000}, {1010}, {{0, 0}}},
+        PairingCase{"TenApartOtherWayPaired", {1010}, {1000}, {{0, 0}}},
+        PairingCase{"ElevenApartNotPaired", {1000}, {1011}, {}},
+        PairingCase{"ElevenApartOtherWayNotPaired", {1011}, {1000}, {}},
+        PairingCase{"EarlierFrameDropped", {1000, 1500}, {1011, 1500}, {{1, 1}}},
+        PairingCase{"CameraTwoStartsLater",
+                    {0, 500, 1000, 1500, 2000},
+                    {1003, 1502, 2001, 2500},
+                    {{2, 0}, {3, 1}, {4, 2}}},
+        PairingCase{"UnequalCounts", {0, 500, 1000}, {2, 501, 999, 1500, 2000},
+                    {{0, 0}, {1, 1}, {2, 2}}},
+        PairingCase{"CameraTwoMissesAFrame", {0, 500, 1000, 1500}, {0, 1000, 1500},
+                    {{0, 0}, {2, 1}, {3, 2}}},
+        PairingCase{"SignedDifferenceAcrossWrap", {5}, {kMax}, {{0, 0}}},
+        PairingCase{"SignedDifferenceAcrossWrapOtherWay", {kMax - 2}, {3}, {{0, 0}}},
+        PairingCase{"NoOverlap", {0, 500}, {5000, 5500}, {}}),
+    [](const ::testing::TestParamInfo<PairingCase>& info) { return info.param.name; });
+
+// --- early exits ------------------------------------------------------------
+
+TEST(Find, EmptyCameraListReturnsAtOnceWithOnlyTheStartLine) {
+  Frames frames(Stamps(3));
+  for (int emptyCamera = 0; emptyCamera < 3; ++emptyCamera) {
+    LogCapture log;
+    TemplateSpy tracker(log);
+    ClubTrackerResult result;
+    result.clubHeadSpeed = 0.0;
+    const std::vector<ClubImage*> empty;
+    EXPECT_EQ(tracker.Find(emptyCamera == 1 ? frames.List() : empty,
+                           emptyCamera == 0 ? frames.List() : empty, result, 0),
+              0);
+    EXPECT_EQ(log.lines, std::vector<std::string>{"ClubTracker::Find start"});
+    EXPECT_EQ(tracker.calls, 0);
+    EXPECT_EQ(result.frames, nullptr);
+    EXPECT_EQ(result.clubHeadSpeed, 0.0);
+  }
+}
+
+TEST(Find, DefaultTrackerLogsNothing) {
+  Frames cam1(Stamps(3));
+  Frames cam2(Stamps(3));
+  ClubTracker tracker;
+  ClubTrackerResult result;
+  EXPECT_EQ(tracker.Find(cam1.List(), cam2.List(), result, 0), 0);
+  EXPECT_EQ(result.clubHeadSpeed, 0.0);
+}
+
+TEST(Find, NullFrameIsRefusedWithALogLine) {
+  Frames cam1(Stamps(3));
+  Frames cam2(Stamps(3));
+  std::vector<ClubImage*> withNull = cam2.List();
+  withNull[1] = nullptr;
+  LogCapture log;
+  TemplateSpy tracker(log);
+  ClubTrackerResult result;
+  EXPECT_EQ(tracker.Find(cam1.List(), withNull, result, 0), 0);
+  ASSERT_EQ(log.lines.size(), 2u);
+  EXPECT_NE(log.lines[1].find("null frame"), std::string::npos);
+  EXPECT_EQ(tracker.calls, 0);
+}
+
+// --- line passes and the fall-back ------------------------------------------
+
+TEST(Find, TenPassesWithGrowingLineSizeWhenLinesAreTooFew) {
+  Frames cam1(Stamps(4));
+  Frames cam2(Stamps(4, 1003));
+  LogCapture log;
+  TemplateSpy tracker(log);
+  ClubTrackerResult result;
+  tracker.Find(cam1.List(), cam2.List(), result, 0);
+  EXPECT_EQ(WithoutEnd(log.lines), NoLineLog());
+  EXPECT_EQ(tracker.calls, 1);
+  EXPECT_EQ(tracker.seen1, cam1.List());
+  EXPECT_EQ(tracker.seen2, cam2.List());
+}
+
+struct FallbackCase {
+  const char* name;
+  double speedBefore;    // left in the result by an earlier call
+  double templateSpeed;  // what the template path reports
+  int templateCalls;
+  double speedAfter;     // NaN = compare as NaN
+};
+
+class Fallback : public ::testing::TestWithParam<FallbackCase> {};
+
+TEST_P(Fallback, RunsTheTemplatePathOnlyForZeroSpeedAndZeroesNaN) {
+  const FallbackCase& c = GetParam();
+  Frames cam1(Stamps(3));
+  Frames cam2(Stamps(3));
+  LogCapture log;
+  TemplateSpy tracker(log);
+  tracker.speed = c.templateSpeed;
+  ClubTrackerResult result;
+  result.clubHeadSpeed = c.speedBefore;
+  tracker.Find(cam1.List(), cam2.List(), result, 0);
+  EXPECT_EQ(tracker.calls, c.templateCalls);
+  EXPECT_EQ(result.clubHeadSpeed, c.speedAfter);
+  const bool announced =
+      std::find(log.lines.begin(), log.lines.end(), "Calculate clubspeed again.") !=
+      log.lines.end();
+  EXPECT_EQ(announced, c.templateCalls == 1);
+  EXPECT_TRUE(IsEndLine(log.lines.back()));
+}
+
+const double kNaN = std::numeric_limits<double>::quiet_NaN();
+
+INSTANTIATE_TEST_SUITE_P(
+    Find, Fallback,
+    ::testing::Values(FallbackCase{"TemplateFindsNothing", 0.0, 0.0, 1, 0.0},
+                      FallbackCase{"TemplateSpeedKept", 0.0, 0.0421, 1, 0.0421},
+                      FallbackCase{"TemplateNaNZeroed", 0.0, kNaN, 1, 0.0},
+                      FallbackCase{"EarlierSpeedSkipsTemplate", 3.5, 9.0, 0, 3.5},
+                      FallbackCase{"EarlierNaNSkipsTemplateAndIsZeroed", kNaN, 9.0, 0, 0.0}),
+    [](const ::testing::TestParamInfo<FallbackCase>& info) { return info.param.name; });
+
+TEST(Find, TemplateOverrideIsReachedThroughABaseReference) {
+  Frames cam1(Stamps(3));
+  Frames cam2(Stamps(3));
+  LogCapture log;
+  TemplateSpy spy(log);
+  spy.speed = 0.5;
+  ClubTracker& tracker = spy;
+  ClubTrackerResult result;
+  tracker.Find(cam1.List(), cam2.List(), result, 0);
+  EXPECT_EQ(spy.calls, 1);
+  EXPECT_EQ(result.clubHeadSpeed, 0.5);
+}
+
+// --- time limit -------------------------------------------------------------
+
+struct TimeLimitCase {
+  const char* name;
+  std::string slowLine;  // the log line after which the host stalls
+  unsigned int limit;
+  size_t linesLogged;    // log lines up to the time check that ends the call
+  int templateCalls;
+};
+
+class TimeLimit : public ::testing::TestWithParam<TimeLimitCase> {};
+
+TEST_P(TimeLimit, IsCheckedAtTheSpecifiedPointsAndEndsSilently) {
+  const TimeLimitCase& c = GetParam();
+  Frames cam1(Stamps(3));
+  Frames cam2(Stamps(3));
+  LogCapture log;
+  int pass = 0;
+  log.onLine = [&](const std::string& line) {
+    const bool passLine = line.rfind("cam1LineSize(", 0) == 0;
+    if (passLine) ++pass;
+    const bool stall =
+        line == c.slowLine || (passLine && c.slowLine == "pass " + std::to_string(pass));
+    if (stall) std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  };
+  TemplateSpy tracker(log);
+  ClubTrackerResult result;
+  EXPECT_EQ(tracker.Find(cam1.List(), cam2.List(), result, c.limit), 0);
+  EXPECT_EQ(tracker.calls, c.templateCalls);
+  if (c.linesLogged == 0) {
+    EXPECT_EQ(WithoutEnd(log.lines), NoLineLog());
+    EXPECT_TRUE(IsEndLine(log.lines.back()));
+  } else {
+    const std::vector<std::string> full = NoLineLog();
+    EXPECT_EQ(log.lines, std::vector<std::string>(full.begin(), full.begin() + c.linesLogged));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Find, TimeLimit,
+    ::testing::Values(
+        // After every line pass. (The start line comes before the clock is
+        // read, so a stall there costs nothing.)
+        TimeLimitCase{"AfterFirstPass", "pass 1", 1, 2, 0},
+        TimeLimitCase{"AfterThirdPass", "pass 3", 1, 4, 0},
+        // Before the fall-back.
+        TimeLimitCase{"BeforeFallback", "Cannot find enough line pairs.", 1, 12, 0},
+        // No limit.
+        TimeLimitCase{"ZeroNeverTimesOut", "pass 1", 0, 0, 1}),
+    [](const ::testing::TestParamInfo<TimeLimitCase>& info) { return info.param.name; });
+
+// --- raw pixels -------------------------------------------------------------
+
+TEST(Find, CopiesRawPixelsOnlyIntoEntriesOfMatchingSize) {
+  Frames cam1(Stamps(2), 64, 48);
+  Frames cam2(Stamps(2, 1002), 64, 48);
+  LogCapture log;
+  TemplateSpy tracker(log);
+  ClubTrackerResult result;
+  // An array as an earlier call left it. Entries 0-1 stand for camera 1's
+  // frames, 2-3 for camera 2's; entry 2 has the wrong size and an old buffer,
+  // entry 4 has no paired frame behind it.
+  result.frames = new ClubFrameResult[5];
+  result.frameCount = 5;
+  const uint32_t sizes[5][2] = {{64, 48}, {64, 48}, {32, 48}, {64, 48}, {64, 48}};
+  for (int e = 0; e < 5; ++e) {
+    result.frames[e].image.width = sizes[e][0];
+    result.frames[e].image.height = sizes[e][1];
+  }
+  result.frames[2].rawPixels = new unsigned char[16];
+  result.frames[4].rawPixels = new unsigned char[16];
+
+  tracker.Find(cam1.List(), cam2.List(), result, 0);
+
+  ASSERT_EQ(result.frameCount, 5);
+  const std::vector<unsigned char>* sources[5] = {&cam1.Pixels(0), &cam1.Pixels(1), nullptr,
+                                                  &cam2.Pixels(1), nullptr};
+  for (int e = 0; e < 5; ++e) {
+    SCOPED_TRACE(e);
+    if (sources[e] == nullptr) {
+      EXPECT_EQ(result.frames[e].rawPixels, nullptr);
+      continue;
+    }
+    ASSERT_NE(result.frames[e].rawPixels, nullptr);
+    EXPECT_EQ(std::memcmp(result.frames[e].rawPixels, sources[e]->data(), sources[e]->size()),
+              0);
+  }
+}
+
+// --- the error boundary -----------------------------------------------------
+
+TEST(Find, OpenCvErrorIsLoggedAsOneLineAndNothingEscapes) {
+  Frames cam1(Stamps(3));
+  Frames cam2(Stamps(3));
+  LogCapture log;
+  TemplateSpy tracker(log);
+  tracker.setting.roiX = 10;
+  tracker.setting.roiY = 0;
+  tracker.setting.roiWidth = 100;  // leaves the 64-column frame
+  tracker.setting.roiHeight = 20;
+  ClubTrackerResult result;
+  EXPECT_EQ(tracker.Find(cam1.List(), cam2.List(), result, 0), 0);
+  ASSERT_EQ(log.lines.size(), 2u);
+  EXPECT_EQ(log.lines[1].rfind("ClubTracker::Find failed: OpenCV error: ", 0), 0u)
+      << log.lines[1];
+  EXPECT_EQ(log.lines[1].find('\n'), std::string::npos);
+  EXPECT_EQ(tracker.calls, 0);
+  EXPECT_EQ(result.frames, nullptr);
+}
+
+struct FailureCase {
+  const char* name;
+  std::function<void()> raise;
+  std::string line;
+};
+
+class Failure : public ::testing::TestWithParam<FailureCase> {};
+
+TEST_P(Failure, IsCaughtAtTheBoundaryAndLogged) {
+  const FailureCase& c = GetParam();
+  Frames cam1(Stamps(3));
+  Frames cam2(Stamps(3));
+  LogCapture log;
+  TemplateSpy tracker(log);
+  tracker.failure = c.raise;
+  ClubTrackerResult result;
+  EXPECT_EQ(tracker.Find(cam1.List(), cam2.List(), result, 0), 0);
+  const std::vector<std::string> expected = NoLineLog();
+  ASSERT_EQ(log.lines.size(), expected.size() + 1);
+  EXPECT_EQ(std::vector<std::string>(log.lines.begin(), log.lines.end() - 1), expected);
+  EXPECT_EQ(log.lines.back().rfind(c.line, 0), 0u) << log.lines.back();
+  EXPECT_EQ(log.lines.back().find('\n'), std::string::npos);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Find, Failure,
+    ::testing::Values(
+        FailureCase{"Standard", [] { throw std::runtime_error("template lost the head"); },
+                    "ClubTracker::Find failed: template lost the head"},
+        FailureCase{"OutOfMemory", [] { throw std::bad_alloc(); },
+                    "ClubTracker::Find failed: out of memory"},
+        FailureCase{"OpenCv",
+                    [] { CV_Error(cv::Error::StsBadArg, "no such template"); },
+                    "ClubTracker::Find failed: OpenCV error: "},
+        FailureCase{"Unknown", [] { throw 42; }, "ClubTracker::Find failed: unknown error"}),
+    [](const ::testing::TestParamInfo<FailureCase>& info) { return info.param.name; });
+
+TEST(Find, ThrowingLogCallbackDoesNotEscape) {
+  Frames cam1(Stamps(3));
+  Frames cam2(Stamps(3));
+  ClubTracker tracker;
+  tracker.setting.logCallback = [](std::wstring, void*) { throw std::runtime_error("host"); };
+  tracker.setting.logContext = nullptr;
+  ClubTrackerResult result;
+  EXPECT_NO_THROW(tracker.Find(cam1.List(), cam2.List(), result, 0));
+}
+
+}  // namespace
