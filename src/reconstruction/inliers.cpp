@@ -1,0 +1,136 @@
+// Inliers of spin-axis hypotheses: the frames whose lines, in both cameras,
+// sweep planes passing close to a hypothesis's pivot.
+#include <exception>
+#include <limits>
+#include <utility>
+#include <vector>
+
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
+
+#include "reconstruction/geometry.h"
+#include "reconstruction/plane_cache.h"
+#include "reconstruction/spin_axis.h"
+#include "tracker/records.h"
+
+namespace {
+
+// Task body of SelectSpinAxisInliers: scores hypothesis `index` into its own
+// result slot. The hypothesis's own two frames always count, with the lines it
+// was made from.
+struct CollectSpinAxisInliers {
+  const std::vector<ClubSpinAxis3D>& axes;
+  const std::vector<CandidateAreaImage*>& cam1Areas;
+  const std::vector<CandidateAreaImage*>& cam2Areas;
+  const InlierScanner& scanner;
+  std::vector<std::vector<SpinAxisInlier>>& result;
+
+  void operator()(const tbb::blocked_range<int>& range) const {
+    for (int index = range.begin(); index != range.end(); ++index) Collect(index);
+  }
+
+  void Collect(int index) const {
+    const ClubSpinAxis3D& h = axes[index];
+    std::vector<SpinAxisInlier>& list = result[index];
+    for (int j = 0; j < scanner.FrameCount(); ++j) {
+      SpinAxisInlier inlier;
+      inlier.frame = j;
+      int k1 = 0;
+      int k2 = 0;
+      if (j == h.firstFrame) {
+        inlier.cam1Line = h.firstCam1Line;
+        inlier.cam2Line = h.firstCam2Line;
+      } else if (j == h.secondFrame) {
+        inlier.cam1Line = h.secondCam1Line;
+        inlier.cam2Line = h.secondCam2Line;
+      } else if (scanner.Supports(j, h.pivot, k1, k2)) {
+        inlier.cam1Line = cam1Areas[j]->lines[k1];
+        inlier.cam2Line = cam2Areas[j]->lines[k2];
+      } else {
+        continue;
+      }
+      list.push_back(inlier);
+    }
+  }
+};
+
+struct CountBody {
+  const InlierScanner& scanner;
+  const std::vector<PairHypothesis>& hypotheses;
+  uint32_t* counts;
+
+  void operator()(const tbb::blocked_range<int>& range) const {
+    for (int index = range.begin(); index != range.end(); ++index) {
+      const PairHypothesis& h = hypotheses[index];
+      uint32_t count = 0;
+      for (int j = 0; j < scanner.FrameCount(); ++j) {
+        int k1 = 0;
+        int k2 = 0;
+        if (j == h.firstFrame || j == h.secondFrame || scanner.Supports(j, h.pivot, k1, k2)) {
+          ++count;
+        }
+      }
+      counts[index] = count;
+    }
+  }
+};
+
+}  // namespace
+
+void CountSpinAxisInliers(const InlierScanner& scanner,
+                          const std::vector<PairHypothesis>& hypotheses,
+                          std::vector<uint32_t>& counts) {
+  counts.assign(hypotheses.size(), 0);
+  if (hypotheses.empty()) return;
+  const CountBody body{scanner, hypotheses, counts.data()};
+  tbb::parallel_for(tbb::blocked_range<int>(0, static_cast<int>(hypotheses.size()), 1), body);
+}
+
+void ListSpinAxisInliers(const InlierScanner& scanner, const PairHypothesis& h,
+                         std::vector<InlierLines>& inliers) {
+  inliers.clear();
+  for (int j = 0; j < scanner.FrameCount(); ++j) {
+    int k1 = 0;
+    int k2 = 0;
+    if (j == h.firstFrame) {
+      inliers.push_back({j, h.firstCam1, h.firstCam2});
+    } else if (j == h.secondFrame) {
+      inliers.push_back({j, h.secondCam1, h.secondCam2});
+    } else if (scanner.Supports(j, h.pivot, k1, k2)) {
+      inliers.push_back({j, k1, k2});
+    }
+  }
+}
+
+int ClubTracker::SelectSpinAxisInliers(const std::vector<CandidateAreaImage*>& cam1Areas,
+                                       const std::vector<CandidateAreaImage*>& cam2Areas,
+                                       std::vector<ClubSpinAxis3D>& axes) {
+  try {
+    if (cam1Areas.size() != cam2Areas.size()) {
+      Log("SelectSpinAxisInliers: camera lists of %zu and %zu frames; frames missing in one "
+          "camera never count.",
+          cam1Areas.size(), cam2Areas.size());
+    }
+    if (axes.size() > static_cast<size_t>(std::numeric_limits<int>::max())) {
+      Log("SelectSpinAxisInliers: too many hypotheses (%zu).", axes.size());
+      return 1;
+    }
+    const CameraGeometry camera1 = MakeCameraGeometry(setting.cam1Intrinsic, setting.cam1Extrinsic);
+    const CameraGeometry camera2 = MakeCameraGeometry(setting.cam2Intrinsic, setting.cam2Extrinsic);
+    PlaneCache planes1;
+    PlaneCache planes2;
+    planes1.Build(cam1Areas, camera1);
+    planes2.Build(cam2Areas, camera2);
+    const InlierScanner scanner(planes1, planes2);
+
+    std::vector<std::vector<SpinAxisInlier>> result(axes.size());
+    const CollectSpinAxisInliers body{axes, cam1Areas, cam2Areas, scanner, result};
+    if (!axes.empty()) {
+      tbb::parallel_for(tbb::blocked_range<int>(0, static_cast<int>(axes.size()), 1), body);
+    }
+    for (size_t i = 0; i < axes.size(); ++i) axes[i].inliers = std::move(result[i]);
+  } catch (const std::exception& e) {
+    Log("SelectSpinAxisInliers failed: %s", e.what());
+  }
+  return 1;
+}

@@ -1,0 +1,231 @@
+#include "reconstruction/plane_cache.h"
+
+#include <cmath>
+#include <cstdint>
+#include <limits>
+
+// The hand-written products below must round exactly like the library's:
+// no contraction into fused multiply-adds except where written out.
+#pragma GCC optimize("fp-contract=off")
+
+void PlaneCache::Build(const std::vector<CandidateAreaImage*>& areas,
+                       const CameraGeometry& camera) {
+  planes_.clear();
+  start_.assign(1, 0);
+  size_t total = 0;
+  for (const CandidateAreaImage* area : areas) {
+    if (area != nullptr) total += area->lines.size();
+  }
+  planes_.reserve(total);
+  start_.reserve(areas.size() + 1);
+
+  cv::Mat normal;
+  cv::Mat refit;
+  for (size_t j = 0; j < areas.size(); ++j) {
+    const CandidateAreaImage* area = areas[j];
+    if (area != nullptr) {
+      for (const cv::Vec2f& line : area->lines) {
+        ImageLineToPlane(normal, areas, static_cast<int>(j), line, camera);
+        LinePlane plane;
+        for (int i = 0; i < 3; ++i) plane.normal[i] = normal.at<double>(i);
+        plane.offset = normal.dot(camera.center);
+        plane.length = std::sqrt(normal.dot(normal));
+        refit = normal * (1.0 / cv::norm(normal));
+        for (int i = 0; i < 3; ++i) plane.refitNormal[i] = refit.at<double>(i);
+        plane.refitOffset = refit.dot(camera.center);
+        planes_.push_back(plane);
+      }
+    }
+    start_.push_back(static_cast<int>(planes_.size()));
+  }
+}
+
+namespace {
+
+inline double FusedDot3(const double* a, const double* b) {
+  return std::fma(a[2], b[2], std::fma(a[1], b[1], a[0] * b[0]));
+}
+
+inline double PlainDot3(const double* a, const double* b) {
+  const double p0 = a[0] * b[0];
+  const double p1 = a[1] * b[1];
+  const double p2 = a[2] * b[2];
+  return (p0 + p1) + p2;
+}
+
+inline double LibraryDot3(const double* a, const double* b) {
+  const cv::Mat ma(3, 1, CV_64F, const_cast<double*>(a));
+  const cv::Mat mb(3, 1, CV_64F, const_cast<double*>(b));
+  return ma.dot(mb);
+}
+
+template <double (*Dot)(const double*, const double*)>
+inline int NearestPlane(const LinePlane* planes, int count, const double* x, double* best) {
+  double nearest = std::numeric_limits<double>::max();
+  int index = 0;
+  for (int k = 0; k < count; ++k) {
+    const LinePlane& p = planes[k];
+    const double d = std::fabs((Dot(p.normal, x) - p.offset) / p.length);
+    if (d < nearest) {
+      nearest = d;
+      index = k;
+    }
+  }
+  *best = nearest;
+  return index;
+}
+
+int NearestPlaneFused(const LinePlane* planes, int count, const double* x, double* best) {
+  return NearestPlane<FusedDot3>(planes, count, x, best);
+}
+
+#if defined(__x86_64__) || defined(__i386__)
+// Same loop with the fused multiply-adds as single instructions.
+__attribute__((target("fma"))) int NearestPlaneFusedHardware(const LinePlane* planes, int count,
+                                                             const double* x, double* best) {
+  return NearestPlane<FusedDot3>(planes, count, x, best);
+}
+#endif
+
+int NearestPlanePlain(const LinePlane* planes, int count, const double* x, double* best) {
+  return NearestPlane<PlainDot3>(planes, count, x, best);
+}
+
+int NearestPlaneLibrary(const LinePlane* planes, int count, const double* x, double* best) {
+  return NearestPlane<LibraryDot3>(planes, count, x, best);
+}
+
+// Deterministic probe values spread over the magnitudes the stages see.
+void ProbeValues(uint64_t& state, double* v, int n, double scale) {
+  for (int i = 0; i < n; ++i) {
+    state = state * 6364136223846793005ull + 1442695040888963407ull;
+    const double unit = static_cast<double>(state >> 11) * (1.0 / 9007199254740992.0);
+    v[i] = (2.0 * unit - 1.0) * scale;
+  }
+}
+
+}  // namespace
+
+MatRounding MatRounding::Probe() {
+  constexpr int kSamples = 512;
+  uint64_t state = 0x2545F4914F6CDD1Dull;
+  bool fused = true;
+  bool plain = true;
+  bool gemm = true;
+  bool norm = true;
+  for (int s = 0; s < kSamples; ++s) {
+    const double scale = (s % 3 == 0) ? 1.0 : (s % 3 == 1 ? 1000.0 : 1e-3);
+    double a[12];
+    double x[3];
+    double d[4];
+    ProbeValues(state, a, 12, 1.0);
+    ProbeValues(state, x, 3, scale * 1000.0);
+    ProbeValues(state, d, 4, scale * 1000.0);
+
+    const double library = LibraryDot3(a, x);
+    fused = fused && library == FusedDot3(a, x);
+    plain = plain && library == PlainDot3(a, x);
+
+    double r[4];
+    const cv::Mat ma(4, 3, CV_64F, a);
+    const cv::Mat mx(3, 1, CV_64F, x);
+    const cv::Mat md(4, 1, CV_64F, d);
+    cv::Mat mr(4, 1, CV_64F, r);
+    cv::gemm(ma, mx, 1.0, md, -1.0, mr);
+    for (int i = 0; i < 4; ++i) {
+      const double p0 = a[3 * i] * x[0];
+      const double p1 = a[3 * i + 1] * x[1];
+      const double p2 = a[3 * i + 2] * x[2];
+      gemm = gemm && mr.at<double>(i) == ((p0 + p1) + p2) - d[i];
+    }
+
+    const double q0 = x[0] * x[0];
+    const double q1 = x[1] * x[1];
+    const double q2 = x[2] * x[2];
+    norm = norm && cv::norm(mx) == std::sqrt((q0 + q1) + q2);
+  }
+  MatRounding rounding;
+  rounding.dot3 = fused ? Dot3::kFused : (plain ? Dot3::kPlain : Dot3::kLibrary);
+  rounding.gemmPlain = gemm;
+  rounding.normPlain = norm;
+  return rounding;
+}
+
+const MatRounding& MatRounding::Get() {
+  static const MatRounding rounding = Probe();
+  return rounding;
+}
+
+NearestPlaneFn SelectNearestPlane(const MatRounding& rounding) {
+  switch (rounding.dot3) {
+    case MatRounding::Dot3::kFused:
+#if defined(__x86_64__) || defined(__i386__)
+      if (__builtin_cpu_supports("fma")) return NearestPlaneFusedHardware;
+#endif
+      return NearestPlaneFused;
+    case MatRounding::Dot3::kPlain:
+      return NearestPlanePlain;
+    case MatRounding::Dot3::kLibrary:
+      break;
+  }
+  return NearestPlaneLibrary;
+}
+
+void PlaneResiduals(const MatRounding& rounding, const double* a, const double* x,
+                    const double* d, double* r, int rows) {
+  if (rounding.gemmPlain) {
+    for (int i = 0; i < rows; ++i) {
+      const double p0 = a[3 * i] * x[0];
+      const double p1 = a[3 * i + 1] * x[1];
+      const double p2 = a[3 * i + 2] * x[2];
+      r[i] = ((p0 + p1) + p2) - d[i];
+    }
+    return;
+  }
+  const cv::Mat ma(rows, 3, CV_64F, const_cast<double*>(a));
+  const cv::Mat mx(3, 1, CV_64F, const_cast<double*>(x));
+  const cv::Mat md(rows, 1, CV_64F, const_cast<double*>(d));
+  cv::Mat mr(rows, 1, CV_64F, r);
+  cv::gemm(ma, mx, 1.0, md, -1.0, mr);
+  if (mr.data != reinterpret_cast<uchar*>(r)) {
+    for (int i = 0; i < rows; ++i) r[i] = mr.at<double>(i);
+  }
+}
+
+double Norm3(const MatRounding& rounding, const double* v) {
+  if (rounding.normPlain) {
+    const double q0 = v[0] * v[0];
+    const double q1 = v[1] * v[1];
+    const double q2 = v[2] * v[2];
+    return std::sqrt((q0 + q1) + q2);
+  }
+  return cv::norm(cv::Mat(3, 1, CV_64F, const_cast<double*>(v)));
+}
+
+double Dot3(const MatRounding& rounding, const double* a, const double* b) {
+  switch (rounding.dot3) {
+    case MatRounding::Dot3::kFused:
+      return FusedDot3(a, b);
+    case MatRounding::Dot3::kPlain:
+      return PlainDot3(a, b);
+    case MatRounding::Dot3::kLibrary:
+      break;
+  }
+  return LibraryDot3(a, b);
+}
+
+InlierScanner::InlierScanner(const PlaneCache& cam1, const PlaneCache& cam2)
+    : cam1_(cam1),
+      cam2_(cam2),
+      frames_(cam1.FrameCount()),
+      nearest_(SelectNearestPlane(MatRounding::Get())) {}
+
+bool InlierScanner::Supports(int frame, const double* x, int& k1, int& k2) const {
+  if (frame >= cam2_.FrameCount()) return false;
+  double best1 = 0.0;
+  k1 = nearest_(cam1_.Frame(frame), cam1_.LineCount(frame), x, &best1);
+  if (!(kInlierDistance > best1)) return false;
+  double best2 = 0.0;
+  k2 = nearest_(cam2_.Frame(frame), cam2_.LineCount(frame), x, &best2);
+  return kInlierDistance > best2;
+}

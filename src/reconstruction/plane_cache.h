@@ -1,0 +1,90 @@
+// Planes of the shaft-line candidates, made once per call of the spin-axis
+// stages, and the few small products of the hot loops formed with exactly the
+// rounding of the cv::Mat operations they stand for.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "reconstruction/geometry.h"
+#include "tracker/records.h"
+
+// The plane that one image line sweeps from its camera centre, with every
+// value that the hypothesis, inlier and refit steps derive from it.
+struct LinePlane {
+  double normal[3];       // unit normal from ImageLineToPlane
+  double offset;          // normal . centre (cv::Mat::dot)
+  double length;          // sqrt(normal . normal)
+  double refitNormal[3];  // normal * (1.0 / cv::norm(normal)), as the refit stores it
+  double refitOffset;     // refitNormal . centre
+};
+
+// One camera's planes, frame by frame, in the order of each frame's lines.
+class PlaneCache {
+ public:
+  // A null area or one without lines contributes no plane.
+  void Build(const std::vector<CandidateAreaImage*>& areas, const CameraGeometry& camera);
+
+  int FrameCount() const { return static_cast<int>(start_.size()) - 1; }
+  int LineCount(int frame) const { return start_[frame + 1] - start_[frame]; }
+  const LinePlane* Frame(int frame) const { return planes_.data() + start_[frame]; }
+  const LinePlane& At(int frame, int line) const { return planes_[start_[frame] + line]; }
+
+ private:
+  std::vector<LinePlane> planes_;
+  std::vector<int> start_{0};  // planes of frame j: [start_[j], start_[j + 1])
+};
+
+// How this OpenCV build rounds the products that the hot loops form by hand.
+// Found once per process by comparing the library's own results on probe
+// values with the candidate formulas; anything that matches none of them is
+// left to the library call itself.
+struct MatRounding {
+  enum class Dot3 { kFused, kPlain, kLibrary };  // cv::Mat::dot of two 3x1 matrices
+  Dot3 dot3 = Dot3::kLibrary;
+  bool gemmPlain = false;  // rows of cv::gemm(A, x, 1, d, -1): ((a0 x0 + a1 x1) + a2 x2) - d
+  bool normPlain = false;  // cv::norm of a 3x1 matrix: sqrt((v0 v0 + v1 v1) + v2 v2)
+
+  static const MatRounding& Get();
+  static MatRounding Probe();
+};
+
+// Distance from a point to the nearest plane of a frame, as the inlier test
+// forms it: |(normal . x - offset) / length|. Returns the index of the
+// nearest plane (the first of equal distances; 0 when there is none) and
+// writes its distance to *best (the largest double when there is none).
+using NearestPlaneFn = int (*)(const LinePlane* planes, int count, const double* x,
+                               double* best);
+NearestPlaneFn SelectNearestPlane(const MatRounding& rounding);
+
+// r = A x - d for `rows` rows of A (row-major, 3 columns), as cv::gemm forms it.
+void PlaneResiduals(const MatRounding& rounding, const double* a, const double* x,
+                    const double* d, double* r, int rows);
+
+// cv::norm of the 3-vector v.
+double Norm3(const MatRounding& rounding, const double* v);
+
+// cv::Mat::dot of two 3-vectors.
+double Dot3(const MatRounding& rounding, const double* a, const double* b);
+
+// The frames that support a pivot: both cameras have a line whose plane passes
+// strictly within the inlier distance of it.
+class InlierScanner {
+ public:
+  InlierScanner(const PlaneCache& cam1, const PlaneCache& cam2);
+
+  int FrameCount() const { return frames_; }
+  // True when frame j supports x; k1, k2 are then the nearest lines.
+  bool Supports(int frame, const double* x, int& k1, int& k2) const;
+
+ private:
+  const PlaneCache& cam1_;
+  const PlaneCache& cam2_;
+  int frames_;
+  NearestPlaneFn nearest_;
+};
+
+// The inlier distance, compared as a double.
+constexpr int kInlierDistance = 10;

@@ -1,0 +1,435 @@
+// The club's spin axis: four-plane hypotheses from pairs of frames, scored by
+// their inliers, the best refitted over all of their planes.
+#include "reconstruction/spin_axis.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <exception>
+#include <limits>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <opencv2/core.hpp>
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
+
+#include "reconstruction/geometry.h"
+#include "reconstruction/plane_cache.h"
+#include "tracker/records.h"
+
+namespace {
+
+// Hypotheses are evaluated in batches of this many line pairs, each split into
+// eight chunks.
+constexpr uint64_t kBatchSize = 262144;
+constexpr int kChunksPerBatch = 8;
+
+// Acceptance of a four-plane hypothesis (every bound inclusive).
+constexpr double kMaxPairResidual = 10.0;
+constexpr double kMinAlongAxis = 700.0;
+constexpr double kMaxAlongAxis = 2000.0;
+constexpr double kMinDistance = 700.0;
+constexpr double kMaxDistance = 2800.0;
+
+constexpr uint32_t kMinInliers = 2;
+constexpr int kMinUsableInliers = 2;
+constexpr double kInitialBestRefit = 1000.0;
+constexpr double kEarlyStopRefit = 3.0;
+
+size_t LineCount(const std::vector<CandidateAreaImage*>& areas, int frame) {
+  const CandidateAreaImage* area = areas[frame];
+  return area != nullptr ? area->lines.size() : 0;
+}
+
+// Every line pair in the order the search forms them (frame a, frame b > a,
+// then camera 1's line of a, camera 1's line of b, camera 2's line of a,
+// camera 2's line of b, the last running fastest), addressed by position
+// without forming the list.
+class LinePairs {
+ public:
+  struct FramePair {
+    int a;
+    int b;
+    uint32_t lines1a;
+    uint32_t lines1b;
+    uint32_t lines2a;
+    uint32_t lines2b;
+    uint64_t first;  // position of the pair's first line combination
+  };
+
+  struct Cursor {
+    size_t framePair;
+    uint32_t line1a;
+    uint32_t line1b;
+    uint32_t line2a;
+    uint32_t line2b;
+  };
+
+  LinePairs(const std::vector<CandidateAreaImage*>& cam1Areas,
+            const std::vector<CandidateAreaImage*>& cam2Areas) {
+    const int n = static_cast<int>(cam1Areas.size());
+    for (int a = 0; a < n; ++a) {
+      for (int b = a + 1; b < n; ++b) {
+        FramePair p{a,
+                    b,
+                    static_cast<uint32_t>(LineCount(cam1Areas, a)),
+                    static_cast<uint32_t>(LineCount(cam1Areas, b)),
+                    static_cast<uint32_t>(LineCount(cam2Areas, a)),
+                    static_cast<uint32_t>(LineCount(cam2Areas, b)),
+                    count_};
+        const uint64_t combinations = static_cast<uint64_t>(p.lines1a) * p.lines1b * p.lines2a *
+                                      p.lines2b;
+        if (combinations == 0) continue;
+        if (combinations > std::numeric_limits<uint64_t>::max() - count_) {
+          throw std::length_error("too many line pairs");
+        }
+        framePairs_.push_back(p);
+        count_ += combinations;
+      }
+    }
+  }
+
+  uint64_t Count() const { return count_; }
+  const FramePair& Frames(const Cursor& c) const { return framePairs_[c.framePair]; }
+
+  // Cursor at position g (< Count()).
+  Cursor Seek(uint64_t g) const {
+    const auto it = std::upper_bound(
+        framePairs_.begin(), framePairs_.end(), g,
+        [](uint64_t value, const FramePair& p) { return value < p.first; });
+    const size_t index = static_cast<size_t>(it - framePairs_.begin()) - 1;
+    const FramePair& p = framePairs_[index];
+    uint64_t rest = g - p.first;
+    Cursor c;
+    c.framePair = index;
+    c.line2b = static_cast<uint32_t>(rest % p.lines2b);
+    rest /= p.lines2b;
+    c.line2a = static_cast<uint32_t>(rest % p.lines2a);
+    rest /= p.lines2a;
+    c.line1b = static_cast<uint32_t>(rest % p.lines1b);
+    c.line1a = static_cast<uint32_t>(rest / p.lines1b);
+    return c;
+  }
+
+  void Next(Cursor& c) const {
+    const FramePair& p = framePairs_[c.framePair];
+    if (++c.line2b < p.lines2b) return;
+    c.line2b = 0;
+    if (++c.line2a < p.lines2a) return;
+    c.line2a = 0;
+    if (++c.line1b < p.lines1b) return;
+    c.line1b = 0;
+    if (++c.line1a < p.lines1a) return;
+    c.line1a = 0;
+    ++c.framePair;
+  }
+
+ private:
+  std::vector<FramePair> framePairs_;
+  uint64_t count_ = 0;
+};
+
+// Task body: evaluates the line pairs of the chunks of its range. Chunk c of
+// the first batch covers positions [c * chunk, (c + 1) * chunk); every
+// accepted pair goes to the chunk's own list, in position order.
+struct EvaluateLinePairs {
+  const LinePairs& pairs;
+  const PlaneCache& planes1;
+  const PlaneCache& planes2;
+  const MatRounding& rounding;
+  int axisIndex;
+  const double* referencePoint;
+  uint64_t chunk;
+  std::vector<PairHypothesis>* accepted;  // one list per chunk
+
+  void operator()(const tbb::blocked_range<int>& range) const {
+    // Scratch of this worker: the four planes, their offsets, the solution and
+    // the residuals, under fixed matrix headers.
+    double a[12];
+    double d[4];
+    double x[3];
+    double r[4];
+    const cv::Mat matA(4, 3, CV_64F, a);
+    const cv::Mat matD(4, 1, CV_64F, d);
+    cv::Mat matX(3, 1, CV_64F, x);
+    const cv::Mat matR(4, 1, CV_64F, r);
+
+    for (int c = range.begin(); c != range.end(); ++c) {
+      std::vector<PairHypothesis>& out = accepted[c];
+      if (chunk == 0) continue;
+      uint64_t g = chunk * static_cast<uint64_t>(c);
+      LinePairs::Cursor cursor = pairs.Seek(g);
+      for (uint64_t t = 0; t < chunk; ++t, ++g, pairs.Next(cursor)) {
+        const LinePairs::FramePair& frames = pairs.Frames(cursor);
+        const LinePlane* planes[4] = {&planes1.At(frames.a, static_cast<int>(cursor.line1a)),
+                                      &planes1.At(frames.b, static_cast<int>(cursor.line1b)),
+                                      &planes2.At(frames.a, static_cast<int>(cursor.line2a)),
+                                      &planes2.At(frames.b, static_cast<int>(cursor.line2b))};
+        for (int i = 0; i < 4; ++i) {
+          a[3 * i] = planes[i]->normal[0];
+          a[3 * i + 1] = planes[i]->normal[1];
+          a[3 * i + 2] = planes[i]->normal[2];
+          d[i] = planes[i]->offset;
+        }
+        // The pseudo-inverse solution, evaluated as the library evaluates
+        // A.inv(DECOMP_SVD) * d.
+        cv::solve(matA, matD, matX, cv::DECOMP_SVD);
+        if (matX.data != reinterpret_cast<uchar*>(x)) {
+          for (int i = 0; i < 3; ++i) x[i] = matX.at<double>(i);
+          matX = cv::Mat(3, 1, CV_64F, x);
+        }
+        PlaneResiduals(rounding, a, x, d, r, 4);
+        const double residual = matR.dot(matR) / 4;
+        const double along = std::abs(x[axisIndex] - referencePoint[axisIndex]);
+        const double offset[3] = {x[0] - referencePoint[0], x[1] - referencePoint[1],
+                                  x[2] - referencePoint[2]};
+        const double distance = Norm3(rounding, offset);
+        // Rejected only by a comparison that holds: NaN passes.
+        if (residual > kMaxPairResidual) continue;
+        if (along < kMinAlongAxis || along > kMaxAlongAxis) continue;
+        if (distance < kMinDistance || distance > kMaxDistance) continue;
+        out.push_back(PairHypothesis{static_cast<uint32_t>(g),
+                                     frames.a,
+                                     frames.b,
+                                     static_cast<int32_t>(cursor.line1a),
+                                     static_cast<int32_t>(cursor.line1b),
+                                     static_cast<int32_t>(cursor.line2a),
+                                     static_cast<int32_t>(cursor.line2b),
+                                     {x[0], x[1], x[2]},
+                                     static_cast<float>(residual)});
+      }
+    }
+  }
+};
+
+// The ball's position from the first frame that shows it before the impact in
+// both cameras; referencePoint keeps its value when there is none.
+void LocateBall(const CameraGeometry& camera1, const CameraGeometry& camera2,
+                const std::vector<CandidateAreaImage*>& cam1Areas,
+                const std::vector<CandidateAreaImage*>& cam2Areas, double* referencePoint) {
+  for (size_t k = 0; k < cam1Areas.size(); ++k) {
+    const CandidateAreaImage* a1 = cam1Areas[k];
+    const CandidateAreaImage* a2 = cam2Areas[k];
+    if (a1 == nullptr || a2 == nullptr) continue;
+    if (a1->afterImpact == 1 || (a1->ballX == 0 && a1->ballY == 0)) continue;
+    if (a2->afterImpact == 1 || (a2->ballX == 0 && a2->ballY == 0)) continue;
+    // Full-sensor pixels, formed in single precision.
+    const float u1 = a1->sensorOffsetX + a1->ballX;
+    const float v1 = a1->sensorOffsetY + a1->ballY;
+    const float u2 = a2->sensorOffsetX + a2->ballX;
+    const float v2 = a2->sensorOffsetY + a2->ballY;
+    const cv::Mat pixel1 = (cv::Mat_<double>(3, 1) << u1, v1, 1.0);
+    const cv::Mat pixel2 = (cv::Mat_<double>(3, 1) << u2, v2, 1.0);
+    cv::Mat ball(3, 1, CV_64F, referencePoint);
+    float quality = 0.0f;
+    ImageProcess::Coordinate2DTO3D(camera1.intrinsic, camera1.rotationToWorld, camera1.center,
+                                   pixel1, camera2.intrinsic, camera2.rotationToWorld,
+                                   camera2.center, pixel2, ball, quality);
+    return;
+  }
+}
+
+// One entry of the hypothesis list as the sort sees it.
+struct SortEntry {
+  uint32_t inliers;
+  int32_t hypothesis;  // index into the accepted pairs
+  int32_t position;    // position in the list before the sort: the id
+  double magnitude;    // |pivot[axisIndex]|
+};
+
+}  // namespace
+
+void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoint,
+                        const std::vector<CandidateAreaImage*>& cam1Areas,
+                        const std::vector<CandidateAreaImage*>& cam2Areas, ClubSpinAxis3D& axis,
+                        SpinAxisSearchStats* stats) {
+  if (cam1Areas.size() != cam2Areas.size()) {
+    throw std::invalid_argument("camera lists of different length");
+  }
+  const int axisIndex = setting.axisIndex;
+  if (axisIndex < 0 || axisIndex > 2) {
+    throw std::out_of_range("axisIndex " + std::to_string(axisIndex) + " is not 0, 1 or 2");
+  }
+  SpinAxisSearchStats ignored;
+  if (stats == nullptr) stats = &ignored;
+  *stats = SpinAxisSearchStats();
+
+  const LinePairs pairs(cam1Areas, cam2Areas);
+  stats->linePairs = pairs.Count();
+
+  const CameraGeometry camera1 = MakeCameraGeometry(setting.cam1Intrinsic, setting.cam1Extrinsic);
+  const CameraGeometry camera2 = MakeCameraGeometry(setting.cam2Intrinsic, setting.cam2Extrinsic);
+  LocateBall(camera1, camera2, cam1Areas, cam2Areas, referencePoint);
+
+  PlaneCache planes1;
+  PlaneCache planes2;
+  planes1.Build(cam1Areas, camera1);
+  planes2.Build(cam2Areas, camera2);
+  const MatRounding& rounding = MatRounding::Get();
+
+  // Only the first batch evaluates pairs: every later batch compares its
+  // positions with its own count and so skips them all, then collects its
+  // first `count` slots once more as the first batch left them. Up to seven
+  // trailing pairs of the first batch (all of a batch of fewer than eight)
+  // are never evaluated. Kept as it has always behaved.
+  const uint64_t total = pairs.Count();
+  const uint64_t batches = total / kBatchSize + 1;
+  const uint64_t firstCount = std::min(total, kBatchSize);
+  const uint64_t chunk = firstCount / kChunksPerBatch;
+  std::vector<PairHypothesis> chunkLists[kChunksPerBatch];
+  if (chunk > 0) {
+    const EvaluateLinePairs body{pairs,    planes1,        planes2, rounding, axisIndex,
+                                 referencePoint, chunk, chunkLists};
+    tbb::parallel_for(tbb::blocked_range<int>(0, kChunksPerBatch, 1), body);
+  }
+  stats->evaluatedPairs = chunk * kChunksPerBatch;
+
+  std::vector<PairHypothesis> accepted;
+  size_t acceptedCount = 0;
+  for (const auto& list : chunkLists) acceptedCount += list.size();
+  accepted.reserve(acceptedCount);
+  for (auto& list : chunkLists) {
+    accepted.insert(accepted.end(), list.begin(), list.end());
+    std::vector<PairHypothesis>().swap(list);
+  }
+
+  // The hypothesis list: the accepted pairs, then for every later batch the
+  // accepted pairs whose slot lies below that batch's count.
+  const uint64_t lastCount = total % kBatchSize;
+  const uint64_t lastPrefix = static_cast<uint64_t>(
+      std::lower_bound(accepted.begin(), accepted.end(), lastCount,
+                       [](const PairHypothesis& h, uint64_t count) { return h.slot < count; }) -
+      accepted.begin());
+  uint64_t listLength = accepted.size();
+  if (batches >= 2) listLength += (batches - 2) * accepted.size() + lastPrefix;
+  stats->hypotheses = listLength;
+  if (listLength == 0) return;
+  if (listLength > static_cast<uint64_t>(std::numeric_limits<int32_t>::max())) {
+    throw std::length_error("hypothesis list of " + std::to_string(listLength) +
+                            " entries is too long");
+  }
+
+  // Inliers of every accepted pair (repeated entries share them).
+  const InlierScanner scanner(planes1, planes2);
+  std::vector<uint32_t> counts;
+  CountSpinAxisInliers(scanner, accepted, counts);
+
+  // The sort ranks by the axisIndex of the first tracker that got here in this
+  // process, and keeps it for the process's life.
+  static const int sortAxisIndex = setting.axisIndex;
+  std::vector<SortEntry> list;
+  list.reserve(static_cast<size_t>(listLength));
+  const auto append = [&](uint64_t length) {
+    for (uint64_t i = 0; i < length; ++i) {
+      const PairHypothesis& h = accepted[static_cast<size_t>(i)];
+      list.push_back(SortEntry{counts[static_cast<size_t>(i)], static_cast<int32_t>(i),
+                               static_cast<int32_t>(list.size()),
+                               std::abs(h.pivot[sortAxisIndex])});
+    }
+  };
+  append(accepted.size());
+  for (uint64_t b = 1; b < batches; ++b) append(b + 1 < batches ? accepted.size() : lastPrefix);
+  std::sort(list.begin(), list.end(), [](const SortEntry& l, const SortEntry& r) {
+    if (l.inliers != r.inliers) return l.inliers > r.inliers;
+    return l.magnitude > r.magnitude;
+  });
+  if (list.front().inliers < kMinInliers) return;
+
+  // Refit over the hypotheses in rank order. A hypothesis whose inliers name
+  // the same lines as one already refitted gives the same residual, which can
+  // neither beat the best nor stop the search any more: it is skipped.
+  double best = kInitialBestRefit;
+  std::vector<char> visited(accepted.size(), 0);
+  std::set<std::vector<InlierLines>> solved;
+  std::vector<InlierLines> inliers;
+  cv::Mat matA;
+  cv::Mat matD;
+  cv::Mat matX;
+  cv::Mat matR;
+  for (const SortEntry& entry : list) {
+    if (entry.inliers < kMinInliers) continue;
+    if (visited[entry.hypothesis] != 0) continue;
+    visited[entry.hypothesis] = 1;
+    const PairHypothesis& h = accepted[entry.hypothesis];
+    ListSpinAxisInliers(scanner, h, inliers);
+    int usable = 0;
+    for (const InlierLines& in : inliers) {
+      const CandidateAreaImage* a1 = cam1Areas[in.frame];
+      const CandidateAreaImage* a2 = cam2Areas[in.frame];
+      if (a1 != nullptr && a2 != nullptr && a1->afterImpact == 0 && a2->afterImpact == 0) {
+        ++usable;
+      }
+    }
+    if (usable < kMinUsableInliers) continue;
+    if (!solved.insert(inliers).second) continue;
+
+    // Every inlier's planes, camera 1's rows first; the usable count above
+    // only gates the refit.
+    const int m = static_cast<int>(inliers.size());
+    matA.create(2 * m, 3, CV_64F);
+    matD.create(2 * m, 1, CV_64F);
+    for (int k = 0; k < m; ++k) {
+      const LinePlane& p1 = planes1.At(inliers[k].frame, inliers[k].cam1);
+      const LinePlane& p2 = planes2.At(inliers[k].frame, inliers[k].cam2);
+      double* row1 = matA.ptr<double>(k);
+      double* row2 = matA.ptr<double>(m + k);
+      for (int i = 0; i < 3; ++i) {
+        row1[i] = p1.refitNormal[i];
+        row2[i] = p2.refitNormal[i];
+      }
+      matD.at<double>(k) = p1.refitOffset;
+      matD.at<double>(m + k) = p2.refitOffset;
+    }
+    cv::solve(matA, matD, matX, cv::DECOMP_SVD);
+    cv::gemm(matA, matX, 1.0, matD, -1.0, matR);
+    const double residual = matR.dot(matR) / matR.rows;
+    ++stats->refits;
+
+    if (residual < best) {
+      best = residual;
+      ClubSpinAxis3D chosen;
+      chosen.id = entry.position;
+      chosen.firstFrame = h.firstFrame;
+      chosen.secondFrame = h.secondFrame;
+      chosen.firstCam1Line = cam1Areas[h.firstFrame]->lines[h.firstCam1];
+      chosen.firstCam2Line = cam2Areas[h.firstFrame]->lines[h.firstCam2];
+      chosen.secondCam1Line = cam1Areas[h.secondFrame]->lines[h.secondCam1];
+      chosen.secondCam2Line = cam2Areas[h.secondFrame]->lines[h.secondCam2];
+      chosen.inliers.reserve(inliers.size());
+      for (const InlierLines& in : inliers) {
+        SpinAxisInlier inlier;
+        inlier.frame = in.frame;
+        inlier.cam1Line = cam1Areas[in.frame]->lines[in.cam1];
+        inlier.cam2Line = cam2Areas[in.frame]->lines[in.cam2];
+        chosen.inliers.push_back(inlier);
+      }
+      for (int i = 0; i < 3; ++i) chosen.pivot[i] = matX.at<double>(i);
+      chosen.fitResidual = h.fitResidual;
+      axis = std::move(chosen);
+      stats->refitResidual = residual;
+    }
+    if (residual < kEarlyStopRefit) break;
+  }
+}
+
+int ClubTracker::FindClubSpinAxis(const std::vector<CandidateAreaImage*>& cam1Areas,
+                                  const std::vector<CandidateAreaImage*>& cam2Areas,
+                                  ClubSpinAxis3D& axis) {
+  Log("FindClubSpinAxis start");
+  if (cam1Areas.size() != cam2Areas.size()) return 0;
+  try {
+    SearchClubSpinAxis(setting, referencePoint, cam1Areas, cam2Areas, axis, nullptr);
+  } catch (const std::exception& e) {
+    Log("FindClubSpinAxis: %s", e.what());
+  }
+  if (axis.pivot[0] == 0.0 && axis.pivot[1] == 0.0 && axis.pivot[2] == 0.0) {
+    Log("Axis analysis failed.");
+    return 0;
+  }
+  Log("FindClubSpinAxis end.");
+  return 1;
+}

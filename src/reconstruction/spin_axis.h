@@ -1,0 +1,58 @@
+// The spin-axis search behind ClubTracker::FindClubSpinAxis and
+// ClubTracker::SelectSpinAxisInliers.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "reconstruction/plane_cache.h"
+#include "tracker/records.h"
+
+// An accepted line pair: its slot in the batch, its frames, the indexes of its
+// four lines in the frames' line lists, its pivot and four-plane residual.
+struct PairHypothesis {
+  uint32_t slot;
+  int32_t firstFrame;
+  int32_t secondFrame;
+  int32_t firstCam1;   // camera 1, first frame
+  int32_t secondCam1;  // camera 1, second frame
+  int32_t firstCam2;   // camera 2, first frame
+  int32_t secondCam2;  // camera 2, second frame
+  double pivot[3];
+  float fitResidual;
+};
+
+// One supporting frame by line indexes.
+struct InlierLines {
+  int32_t frame;
+  int32_t cam1;
+  int32_t cam2;
+  bool operator==(const InlierLines&) const = default;
+  auto operator<=>(const InlierLines&) const = default;
+};
+
+// Inlier count of every hypothesis, in parallel over the hypotheses.
+void CountSpinAxisInliers(const InlierScanner& scanner,
+                          const std::vector<PairHypothesis>& hypotheses,
+                          std::vector<uint32_t>& counts);
+
+// The supporting frames of one hypothesis in ascending frame order.
+void ListSpinAxisInliers(const InlierScanner& scanner, const PairHypothesis& hypothesis,
+                         std::vector<InlierLines>& inliers);
+
+// What one search went through.
+struct SpinAxisSearchStats {
+  uint64_t linePairs = 0;       // pairs formed
+  uint64_t evaluatedPairs = 0;  // pairs whose four planes were solved
+  uint64_t hypotheses = 0;      // entries of the hypothesis list
+  uint64_t refits = 0;          // refits actually solved
+  double refitResidual = 0.0;   // residual of the refit that gave the axis
+};
+
+// Steps 2 to 10 of FindClubSpinAxis on lists of equal length: writes the ball's
+// position to referencePoint when a frame shows it in both cameras and `axis`
+// when a refit is taken. Logs nothing; throws only what the allocations throw.
+void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoint,
+                        const std::vector<CandidateAreaImage*>& cam1Areas,
+                        const std::vector<CandidateAreaImage*>& cam2Areas, ClubSpinAxis3D& axis,
+                        SpinAxisSearchStats* stats);
