@@ -1,6 +1,115 @@
+// clubtrack run RECORDING [--json FILE|-] [--annotated DIR] [--sheet FILE] [--quiet]:
+// replay a recorded swing through the testing object and report what the
+// tracker measured.
+#include <unistd.h>
+
+#include <exception>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <system_error>
+
 #include "commands.h"
+#include "replay.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct RunCommandOptions {
+  std::string recording;
+  std::string json;
+  std::string annotated;
+  std::string sheet;
+  bool quiet = false;
+};
+
+int Fail(const std::string& reason) {
+  std::cerr << "clubtrack run: " << OneLine(reason) << "\n";
+  return 1;
+}
+
+int RunReplay(const RunCommandOptions& options) {
+  std::string error;
+  // Outputs are checked before the replay, so a typo does not cost a run.
+  if (!options.json.empty() && options.json != "-" && !CheckWritableFile(options.json, &error)) {
+    return Fail(error);
+  }
+  if (!options.sheet.empty() && !CheckWritableFile(options.sheet, &error)) return Fail(error);
+  if (!options.annotated.empty()) {
+    std::error_code ec;
+    const fs::path folder(options.annotated);
+    fs::create_directories(folder, ec);
+    if (ec || !fs::is_directory(folder) || ::access(folder.c_str(), W_OK) != 0) {
+      return Fail("cannot write into the folder " + options.annotated);
+    }
+  }
+
+  ReplayOutcome outcome;
+  if (!Replay(options.recording, outcome, &error)) return Fail(error);
+
+  const bool jsonToStdout = options.json == "-";
+  if (!options.json.empty()) {
+    const std::string text =
+        ReplayJson(outcome).dump(1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+    if (jsonToStdout) {
+      std::cout << text << std::flush;
+    } else {
+      std::ofstream out(options.json, std::ios::binary | std::ios::trunc);
+      out << text;
+      out.close();
+      if (!out) return Fail("cannot write " + options.json);
+    }
+  }
+
+  std::vector<FrameView> views;
+  if (!options.annotated.empty() || !options.sheet.empty()) views = ViewsOf(outcome);
+  if (!options.annotated.empty() && WriteAnnotatedFrames(views, options.annotated, &error) < 0) {
+    return Fail(error);
+  }
+  if (!options.sheet.empty()) {
+    const std::string title = outcome.runFile.string() + (outcome.images.empty()
+                                                               ? "  (no result frames: raw frames)"
+                                                               : "");
+    if (!WriteImage(options.sheet, ContactSheet(views, title), &error)) return Fail(error);
+  }
+
+  if (!options.quiet) {
+    // With the JSON on standard output the summary goes to standard error.
+    std::ostream& out = jsonToStdout ? std::cerr : std::cout;
+    PrintSummary(out, outcome, true);
+    if (!options.annotated.empty()) out << "Annotated frames written to " << options.annotated << "\n";
+    if (!options.sheet.empty()) out << "Contact sheet written to " << options.sheet << "\n";
+  }
+  return 0;
+}
+
+}  // namespace
 
 void AddRunCommand(CLI::App& app, int& exitStatus) {
-  (void)app;
-  (void)exitStatus;
+  auto options = std::make_shared<RunCommandOptions>();
+  CLI::App* cmd = app.add_subcommand(
+      "run", "Replay a recorded swing (a run option file, or a folder holding run.ini) through "
+             "the tracker and report the spin axis, the club-head speed and the log");
+  cmd->add_option("RECORDING", options->recording, "run option file or recording folder")
+      ->required();
+  cmd->add_option("--json", options->json,
+                  "write the result as one JSON object to FILE ('-' for standard output)")
+      ->type_name("FILE");
+  cmd->add_option("--annotated", options->annotated,
+                  "write every result frame as PNG into DIR: the annotated candidate image and "
+                  "the raw frame with the annotations")
+      ->type_name("DIR");
+  cmd->add_option("--sheet", options->sheet,
+                  "write a contact sheet PNG: both cameras side by side, one row per paired frame")
+      ->type_name("FILE");
+  cmd->add_flag("--quiet,-q", options->quiet, "print neither the summary nor the log");
+  cmd->callback([options, &exitStatus]() {
+    try {
+      exitStatus = RunReplay(*options);
+    } catch (const std::exception& e) {
+      exitStatus = Fail(e.what());
+    }
+  });
 }

@@ -1,0 +1,172 @@
+// Replaying a recording through the testing object, for `run` and `demo`.
+#include "replay.h"
+
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <ostream>
+#include <system_error>
+
+#include "harness/offline.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+void SetError(std::string* error, std::string text) {
+  if (error != nullptr) *error = std::move(text);
+}
+
+std::string Format(const char* format, double a, double b, double c) {
+  char text[160];
+  std::snprintf(text, sizeof text, format, a, b, c);
+  return text;
+}
+
+}  // namespace
+
+std::string OneLine(const std::string& text) {
+  std::string line;
+  line.reserve(text.size());
+  for (const char c : text) {
+    if (c == '\n' || c == '\r') {
+      if (!line.empty() && line.back() != ' ') line.push_back(' ');
+    } else {
+      line.push_back(c);
+    }
+  }
+  while (!line.empty() && line.back() == ' ') line.pop_back();
+  return line;
+}
+
+bool CheckWritableFile(const fs::path& path, std::string* error) {
+  std::error_code ec;
+  if (path.empty()) {
+    SetError(error, "an empty output file name");
+    return false;
+  }
+  if (fs::is_directory(path, ec)) {
+    SetError(error, "cannot write " + path.string() + ": it is a folder");
+    return false;
+  }
+  const fs::path parent = path.parent_path().empty() ? fs::path(".") : path.parent_path();
+  if (!fs::is_directory(parent, ec)) {
+    SetError(error, "cannot write " + path.string() + ": the folder " + parent.string() +
+                        " does not exist");
+    return false;
+  }
+  if (::access(parent.c_str(), W_OK) != 0 ||
+      (fs::exists(path, ec) && ::access(path.c_str(), W_OK) != 0)) {
+    SetError(error, "cannot write " + path.string() + ": permission denied");
+    return false;
+  }
+  return true;
+}
+
+bool Replay(const fs::path& recording, ReplayOutcome& outcome, std::string* error) {
+  if (!ResolveRunFile(recording, outcome.runFile, error)) return false;
+  RunOptions options;
+  if (!CheckRecording(outcome.runFile, options, error)) return false;
+
+  std::unique_ptr<QuarvelTestingInterface> tester(QTIFactoryFunc());
+  if (tester == nullptr) {
+    SetError(error, "out of memory");
+    return false;
+  }
+  outcome.report = OfflineRunReport{};
+  outcome.report.headTracking = true;
+  outcome.images.clear();
+  if (tester->RunOfflineTest(outcome.runFile, outcome.images, &outcome.report) != 1) {
+    const std::string last = outcome.report.log.empty() ? "" : ": " + outcome.report.log.back();
+    SetError(error, "the replay of " + outcome.runFile.string() + " did not run" + last);
+    return false;
+  }
+  const int counts[2] = {outcome.report.cam1FrameCount, outcome.report.cam2FrameCount};
+  for (int camera = 0; camera < 2; ++camera) {
+    if (counts[camera] == 0) {
+      SetError(error, "no file in the camera folder " +
+                          CameraFolder(options.folder, camera).string() + " decodes as an image");
+      return false;
+    }
+  }
+  return true;
+}
+
+std::vector<FrameView> ViewsOf(const ReplayOutcome& outcome) {
+  if (!outcome.images.empty()) return ViewsFromResult(outcome.images);
+  // The tracker stopped before it filled its result frames: show the frames.
+  LoadedRecording recording;
+  if (!LoadRecording(outcome.runFile, recording, nullptr)) return {};
+  std::vector<ClubImage*> pairs1;
+  std::vector<ClubImage*> pairs2;
+  PairFrames(recording.cam1, recording.cam2, pairs1, pairs2);
+  return ViewsFromFrames(pairs1, pairs2);
+}
+
+nlohmann::json ReplayJson(const ReplayOutcome& outcome) {
+  const OfflineRunReport& r = outcome.report;
+  nlohmann::json json;
+  json["recording"] = outcome.runFile.string();
+  json["clubHeadSpeed"] = r.clubHeadSpeed;
+  json["clubHeadSpeedMps"] = r.clubHeadSpeed * kMpsPerUnit;
+  json["angularVelocity"] = r.angularVelocity;
+  json["headRadius"] = r.headRadius;
+  json["axisDirection"] = {r.axisDirection[0], r.axisDirection[1], r.axisDirection[2]};
+  json["axisPosition"] = {r.axisPosition[0], r.axisPosition[1], r.axisPosition[2]};
+  json["speedFrameFrom"] = r.speedFrameFrom;
+  json["speedFrameTo"] = r.speedFrameTo;
+  json["frameCount"] = r.frameCount;
+  json["pairedFrames"] = r.pairedFrames;
+  json["cam1Frames"] = r.cam1FrameCount;
+  json["cam2Frames"] = r.cam2FrameCount;
+  json["headTrackingSpeed"] = r.headTrackingSpeed;
+  json["headTrackingSpeedMps"] = r.headTrackingSpeed * kMpsPerUnit;
+  json["processingTimeMs"] = r.processingTimeMs;
+  json["log"] = r.log;
+  json["headTrackingLog"] = r.headTrackingLog;
+  return json;
+}
+
+void PrintSummary(std::ostream& out, const ReplayOutcome& outcome, bool withLog) {
+  const OfflineRunReport& r = outcome.report;
+  out << "Recording        " << outcome.runFile.string() << "\n";
+  out << "Frames           " << r.cam1FrameCount << " + " << r.cam2FrameCount << ", "
+      << r.pairedFrames << " paired in the result\n";
+  out << "Spin axis        direction "
+      << Format("(%.4f, %.4f, %.4f)", r.axisDirection[0], r.axisDirection[1], r.axisDirection[2])
+      << ", pivot "
+      << Format("(%.2f, %.2f, %.2f)", r.axisPosition[0], r.axisPosition[1], r.axisPosition[2])
+      << "\n";
+  char line[200];
+  std::snprintf(line, sizeof line, "Head radius      %.3f\n", static_cast<double>(r.headRadius));
+  out << line;
+  std::snprintf(line, sizeof line, "Angular velocity %.6e rad per time-stamp unit\n",
+                static_cast<double>(r.angularVelocity));
+  out << line;
+  if (r.clubHeadSpeed != 0.0) {
+    std::snprintf(line, sizeof line,
+                  "Club-head speed  %.6f mm/us = %.2f m/s, from frames %d to %d\n",
+                  r.clubHeadSpeed, r.clubHeadSpeed * kMpsPerUnit, r.speedFrameFrom,
+                  r.speedFrameTo);
+  } else {
+    std::snprintf(line, sizeof line, "Club-head speed  none found\n");
+  }
+  out << line;
+  if (r.headTrackingSpeed != 0.0) {
+    std::snprintf(line, sizeof line, "Head tracking    %.6f mm/us = %.2f m/s\n",
+                  r.headTrackingSpeed, r.headTrackingSpeed * kMpsPerUnit);
+  } else {
+    std::snprintf(line, sizeof line, "Head tracking    no speed\n");
+  }
+  out << line;
+  std::snprintf(line, sizeof line, "Processing time  %.1f ms\n", r.processingTimeMs);
+  out << line;
+  if (!withLog) return;
+  out << "Log:\n";
+  for (const std::string& l : r.log) out << "  " << l << "\n";
+  if (!r.headTrackingLog.empty()) {
+    out << "Head-tracking log:\n";
+    for (const std::string& l : r.headTrackingLog) out << "  " << l << "\n";
+  }
+}
