@@ -13,9 +13,11 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
 
 #include "analysis/analysis.h"
 #include "support/access.h"
+#include "synth/swing.h"
 
 namespace {
 
@@ -242,5 +244,192 @@ TEST_P(GoldenStages, PresenceHeadSizesAndLineCountsOfEveryPass) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Recordings, GoldenStages, ::testing::Values("g01", "g02"));
+
+// ---------------------------------------------------------------------------
+// Synthetic swing (default scene: near cameras, 24 frames, impact at frame 10)
+
+bool Sanitized() { return std::getenv("CLUBTRACKER_SANITIZED") != nullptr; }
+
+// Angle between two Hough directions, in degrees, modulo 180.
+double AngleBetween(float theta1, float theta2) {
+  double d = std::fabs(static_cast<double>(theta1) - theta2) * 180.0 / CV_PI;
+  d = std::fmod(d, 180.0);
+  return std::min(d, 180.0 - d);
+}
+
+// Signed distance of a full-sensor point from a Hough line.
+double DistanceFromLine(const cv::Vec2f& line, const cv::Vec2d& point) {
+  return point[0] * std::cos(line[1]) + point[1] * std::sin(line[1]) - line[0];
+}
+
+class SwingAnalysis : public ::testing::Test {
+ protected:
+  struct State {
+    synth::Recording recording;
+    ClubTracker tracker;
+    CameraStages cams[2];
+    std::vector<cv::Mat> masksBeforeHeadDeletion[2];
+    int bothPresent = 0;
+    int headValue[2] = {0, 0};
+  };
+
+  static void SetUpTestSuite() {
+    state_ = new State();
+    State& s = *state_;
+    s.recording = synth::Render(synth::SwingScene{});
+    s.tracker = ClubTracker(s.recording.setting);
+    RunToCandidates(s.tracker, s.recording.Cam1(), s.cams[0]);
+    RunToCandidates(s.tracker, s.recording.Cam2(), s.cams[1]);
+    for (int c = 0; c < 2; ++c) {
+      for (const CandidateAreaImage* cand : s.cams[c].cand) {
+        s.masksBeforeHeadDeletion[c].push_back(cand->image.clone());
+      }
+    }
+    s.bothPresent = CountBothPresent(s.cams[0], s.cams[1]);
+    MeasureAndDeleteHeads(s.tracker, s.cams[0], s.cams[1], s.headValue[0], s.headValue[1]);
+    for (int c = 0; c < 2; ++c) ExtractLines(s.tracker, s.cams[c].cand, 4.5f);
+  }
+
+  static void TearDownTestSuite() {
+    delete state_;
+    state_ = nullptr;
+  }
+
+  // Middle of the part of the shaft's axis that the camera's window shows, in
+  // full-sensor pixels, and the shaft's projected radius there.
+  static bool VisibleShaftPoint(int camera, double time, cv::Vec2d& point, double& radius) {
+    const synth::SwingTruth& truth = state_->recording.truth;
+    const synth::CameraModel& model = truth.cameras[camera];
+    std::vector<double> inside;
+    for (double d = truth.hoselDistance; d >= truth.gripDistance; d -= 2.0) {
+      const cv::Vec2d p = model.ProjectToWindow(truth.ShaftPoint(time, d));
+      if (p[0] >= 0 && p[1] >= 0 && p[0] < model.width && p[1] < model.height) inside.push_back(d);
+    }
+    if (inside.empty()) return false;
+    const cv::Vec3d middle = truth.ShaftPoint(time, inside[inside.size() / 2]);
+    point = model.Project(middle);
+    const cv::Vec3d inCamera = model.R * middle + model.t;
+    radius = model.K(0, 0) * truth.shaftRadius / inCamera[2];
+    return true;
+  }
+
+  static State* state_;
+};
+
+SwingAnalysis::State* SwingAnalysis::state_ = nullptr;
+
+TEST_F(SwingAnalysis, EveryBeforeImpactMaskHoldsTheProjectedClubHead) {
+  const synth::SwingTruth& truth = state_->recording.truth;
+  for (int c = 0; c < 2; ++c) {
+    const synth::CameraModel& model = truth.cameras[c];
+    for (int k = 0; k < truth.impactIndex; ++k) {
+      SCOPED_TRACE(testing::Message() << "camera " << c + 1 << " frame " << k);
+      const cv::Mat& mask = state_->masksBeforeHeadDeletion[c][k];
+      ASSERT_EQ(state_->cams[c].cand[k]->afterImpact, 0u);
+      EXPECT_GT(cv::countNonZero(mask), 0);
+      const cv::Vec3d head = truth.HeadCentre(truth.FrameTime(c, k));
+      const cv::Vec2d centre = model.ProjectToWindow(head);
+      const cv::Point p(static_cast<int>(std::lround(centre[0])),
+                        static_cast<int>(std::lround(centre[1])));
+      if (p.inside(cv::Rect(0, 0, mask.cols, mask.rows))) {
+        EXPECT_EQ(mask.at<uchar>(p), 255) << "at " << p;
+      } else {
+        // The head centre lies outside the window: the part of the head that
+        // the window shows is in the mask.
+        const double depth = (model.R * head + model.t)[2];
+        const double semiAxis = std::min({truth.headSemiAxes[0], truth.headSemiAxes[1],
+                                          truth.headSemiAxes[2]});
+        const int radius = static_cast<int>(model.K(0, 0) * semiAxis / depth);
+        cv::Mat disc = cv::Mat::zeros(mask.size(), CV_8UC1);
+        cv::circle(disc, p, radius, cv::Scalar(255), cv::FILLED);
+        EXPECT_GT(cv::countNonZero(disc & mask), 0) << "near " << p << " radius " << radius;
+      }
+    }
+  }
+}
+
+TEST_F(SwingAnalysis, BlobInBothCamerasGivesPositiveHeadSizesAndCoresOnTheHead) {
+  EXPECT_GT(state_->bothPresent, 10);
+  EXPECT_GT(state_->headValue[0], 0);
+  EXPECT_GT(state_->headValue[1], 0);
+  const synth::SwingTruth& truth = state_->recording.truth;
+  // The core is the thickest part of the refined mask; before the impact it
+  // is the head in all frames but at most one per camera (where the head
+  // blob merges with other moving parts).
+  for (int c = 0; c < 2; ++c) {
+    int eligible = 0, onHead = 0;
+    for (int k = 0; k < truth.impactIndex; ++k) {
+      const cv::Vec2d centre =
+          truth.cameras[c].ProjectToWindow(truth.HeadCentre(truth.FrameTime(c, k)));
+      const cv::Mat& mask = state_->cams[c].masks[k];
+      if (!state_->cams[c].present[k] || centre[0] < 0 || centre[1] < 0 ||
+          centre[0] >= mask.cols || centre[1] >= mask.rows) {
+        continue;
+      }
+      ++eligible;
+      const CandidateAreaImage& cand = *state_->cams[c].cand[k];
+      if (cv::norm(cv::Vec2d(cand.headX, cand.headY) - centre) < 20.0) ++onHead;
+    }
+    EXPECT_GE(eligible, 8) << "camera " << c + 1;
+    EXPECT_GE(onHead, eligible - 1) << "camera " << c + 1;
+  }
+}
+
+TEST_F(SwingAnalysis, StrongestLineFollowsAnEdgeOfTheShaftBeforeImpact) {
+  const synth::SwingTruth& truth = state_->recording.truth;
+  for (int c = 0; c < 2; ++c) {
+    int onEdge = 0;
+    for (int k = 0; k < truth.impactIndex; ++k) {
+      const CandidateAreaImage& cand = *state_->cams[c].cand[k];
+      if (cand.lines.empty()) continue;
+      const double time = truth.FrameTime(c, k);
+      cv::Vec2d point;
+      double radius = 0.0;
+      if (!VisibleShaftPoint(c, time, point, radius)) continue;
+      const cv::Vec2f& strongest = cand.lines[0];
+      const double angle = AngleBetween(strongest[1], truth.ShaftLine(c, time)[1]);
+      const double offEdge = std::fabs(std::fabs(DistanceFromLine(strongest, point)) - radius);
+      if (angle <= 2.0 && offEdge <= 4.0) ++onEdge;
+      RecordProperty("camera" + std::to_string(c + 1) + "_frame" + std::to_string(k),
+                     std::to_string(angle) + " deg, " + std::to_string(offEdge) + " px");
+    }
+    EXPECT_GE(onEdge, 8) << "camera " << c + 1;
+  }
+}
+
+// The edge map computed once per frame gives, for every threshold the
+// adaptive extraction can reach, the lines of the full extraction.
+TEST_F(SwingAnalysis, CachedEdgeMapsGiveTheLinesOfRecomputing) {
+  std::vector<float> divisors;
+  const int steps = Sanitized() ? 3 : 10;
+  float grow = 4.5f, shrink = 4.5f;
+  for (int k = 0; k < steps; ++k) {
+    divisors.push_back(grow);
+    if (k > 0) divisors.push_back(shrink);
+    grow = static_cast<float>(grow * 1.1);
+    shrink = static_cast<float>(shrink - 0.2);
+  }
+  ClubTracker& tracker = state_->tracker;
+  int compared = 0;
+  for (int c = 0; c < 2; ++c) {
+    for (const CandidateAreaImage* cand : state_->cams[c].cand) {
+      cv::Mat edges;
+      ComputeShaftEdges(cand->image, edges);
+      for (float divisor : divisors) {
+        CandidateAreaImage full, cached;
+        full.image = cand->image;
+        CopyMetadata(full, *cand);
+        CopyMetadata(cached, *cand);
+        const int threshold = Access::GetLineThreshold(tracker, &full, divisor);
+        ASSERT_GT(threshold, 0);
+        ASSERT_EQ(Access::ExtractCandidates(tracker, &full, threshold), 1);
+        ASSERT_EQ(ExtractCandidatesFromEdges(&cached, edges, threshold), 1);
+        ASSERT_EQ(full.lines, cached.lines) << "divisor " << divisor;
+        compared += full.lines.empty() ? 0 : 1;
+      }
+    }
+  }
+  EXPECT_GT(compared, 0);
+}
 
 }  // namespace
