@@ -1,6 +1,7 @@
 // Replaying a recording through the testing object, for `run` and `demo`.
 #include "replay.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cmath>
@@ -23,6 +24,32 @@ std::string Format(const char* format, double a, double b, double c) {
   std::snprintf(text, sizeof text, format, a, b, c);
   return text;
 }
+
+// Image decoders report broken files on standard error themselves (libpng
+// does, once per file); the replay skips such files, and the tool reports
+// what matters in one line of its own. Silences descriptor 2 while alive.
+class QuietDecoders {
+ public:
+  QuietDecoders() {
+    std::fflush(stderr);
+    saved_ = ::dup(STDERR_FILENO);
+    const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (saved_ >= 0 && null >= 0) ::dup2(null, STDERR_FILENO);
+    if (null >= 0) ::close(null);
+  }
+  ~QuietDecoders() {
+    std::fflush(stderr);
+    if (saved_ >= 0) {
+      ::dup2(saved_, STDERR_FILENO);
+      ::close(saved_);
+    }
+  }
+  QuietDecoders(const QuietDecoders&) = delete;
+  QuietDecoders& operator=(const QuietDecoders&) = delete;
+
+ private:
+  int saved_ = -1;
+};
 
 }  // namespace
 
@@ -77,7 +104,12 @@ bool Replay(const fs::path& recording, ReplayOutcome& outcome, std::string* erro
   outcome.report = OfflineRunReport{};
   outcome.report.headTracking = true;
   outcome.images.clear();
-  if (tester->RunOfflineTest(outcome.runFile, outcome.images, &outcome.report) != 1) {
+  int ran = 0;
+  {
+    const QuietDecoders quiet;
+    ran = tester->RunOfflineTest(outcome.runFile, outcome.images, &outcome.report);
+  }
+  if (ran != 1) {
     const std::string last = outcome.report.log.empty() ? "" : ": " + outcome.report.log.back();
     SetError(error, "the replay of " + outcome.runFile.string() + " did not run" + last);
     return false;
@@ -97,7 +129,10 @@ std::vector<FrameView> ViewsOf(const ReplayOutcome& outcome) {
   if (!outcome.images.empty()) return ViewsFromResult(outcome.images);
   // The tracker stopped before it filled its result frames: show the frames.
   LoadedRecording recording;
-  if (!LoadRecording(outcome.runFile, recording, nullptr)) return {};
+  {
+    const QuietDecoders quiet;
+    if (!LoadRecording(outcome.runFile, recording, nullptr)) return {};
+  }
   std::vector<ClubImage*> pairs1;
   std::vector<ClubImage*> pairs2;
   PairFrames(recording.cam1, recording.cam2, pairs1, pairs2);

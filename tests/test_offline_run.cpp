@@ -1,0 +1,278 @@
+// The testing object end to end: a recording on disk replayed through the
+// shared library's QTIFactoryFunc, against the same swing measured in memory
+// and against the golden recordings.
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "clubtracker/QuarvelTestingInterface.h"
+#include "harness/offline.h"
+#include "synth/swing.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct TempFolder {
+  fs::path path;
+  TempFolder() {
+    static int counter = 0;
+    path = fs::temp_directory_path() /
+           ("clubtracker-replay-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
+    fs::remove_all(path);
+    fs::create_directories(path);
+  }
+  ~TempFolder() {
+    std::error_code ec;
+    fs::remove_all(path, ec);
+  }
+};
+
+// The shared library as a host loads it.
+class LoadedLibrary {
+ public:
+  LoadedLibrary() : handle_(dlopen(CLUBTRACKER_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL)) {}
+  ~LoadedLibrary() {
+    if (handle_ != nullptr) dlclose(handle_);
+  }
+  LoadedLibrary(const LoadedLibrary&) = delete;
+  LoadedLibrary& operator=(const LoadedLibrary&) = delete;
+
+  std::unique_ptr<QuarvelTestingInterface> MakeTester() const {
+    if (handle_ == nullptr) return nullptr;
+    auto factory = reinterpret_cast<QuarvelTestingInterface* (*)()>(dlsym(handle_, "QTIFactoryFunc"));
+    if (factory == nullptr) return nullptr;
+    return std::unique_ptr<QuarvelTestingInterface>(factory());
+  }
+
+ private:
+  void* handle_;
+};
+
+void CollectLine(std::wstring line, void* context) {
+  std::string narrow(line.begin(), line.end());
+  while (!narrow.empty() && narrow.back() == '\n') narrow.pop_back();
+  static_cast<std::vector<std::string>*>(context)->push_back(narrow);
+}
+
+const char* kEndLinePrefix = "Clubtracker::Find end. Processing Time : ";
+
+// The default synthetic swing, rendered, written and replayed once for all
+// tests of the suite (Find is the expensive part).
+struct DefaultSwingReplay {
+  synth::Recording recording;
+  TempFolder folder;
+  int returned = 0;
+  OfflineRunReport report;
+  std::vector<std::unique_ptr<OfflineResultImage>> images;
+  std::string stderrText;
+
+  DefaultSwingReplay() : recording(synth::Render(synth::SwingScene{})) {
+    synth::WriteRecording(recording, folder.path);
+    LoadedLibrary library;
+    std::unique_ptr<QuarvelTestingInterface> tester = library.MakeTester();
+    if (tester == nullptr) return;
+    images.push_back(std::make_unique<OfflineResultImage>());  // a record of the host's own
+    images.back()->frameNumber = -7;
+    report.headTracking = true;
+    testing::internal::CaptureStderr();
+    returned = tester->RunOfflineTest(folder.path / "run.ini", images, &report);
+    stderrText = testing::internal::GetCapturedStderr();
+  }
+};
+
+const DefaultSwingReplay& Replayed() {
+  static const DefaultSwingReplay replay;
+  return replay;
+}
+
+}  // namespace
+
+TEST(OfflineRun, RunsThroughTheFactoryOfTheSharedLibrary) {
+  const DefaultSwingReplay& run = Replayed();
+  ASSERT_EQ(run.returned, 1) << "QTIFactoryFunc or RunOfflineTest failed";
+  EXPECT_TRUE(run.stderrText.empty()) << "with a report the log is collected: " << run.stderrText;
+  EXPECT_EQ(run.report.cam1FrameCount, 24);
+  EXPECT_EQ(run.report.cam2FrameCount, 24);
+  EXPECT_EQ(run.report.frameCount, 48);
+  EXPECT_EQ(run.report.pairedFrames, 24);
+  ASSERT_FALSE(run.report.log.empty());
+  EXPECT_EQ(run.report.log.front(), "ClubTracker::Find start");
+  EXPECT_EQ(run.report.log.back().rfind(kEndLinePrefix, 0), 0u) << run.report.log.back();
+  for (const std::string& line : run.report.log) {
+    EXPECT_EQ(line.find('\n'), std::string::npos) << line;
+  }
+  EXPECT_GT(run.report.processingTimeMs, 0.0);
+}
+
+TEST(OfflineRun, OutputRecordsCarryEachResultEntry) {
+  const DefaultSwingReplay& run = Replayed();
+  ASSERT_EQ(run.returned, 1);
+  ASSERT_EQ(run.images.size(), 1u + 48u);
+  EXPECT_EQ(run.images[0]->frameNumber, -7) << "records are appended to the host's list";
+  for (int e = 0; e < 48; ++e) {
+    const OfflineResultImage& image = *run.images[1 + e];
+    const int camera = e < 24 ? 0 : 1;
+    const ClubImage& frame = run.recording.images[camera][e % 24];
+    SCOPED_TRACE("entry " + std::to_string(e));
+    EXPECT_EQ(image.camera, camera);
+    EXPECT_EQ(image.frameNumber, e);
+    ASSERT_EQ(image.width, frame.width);
+    ASSERT_EQ(image.height, frame.height);
+    EXPECT_EQ(image.bytesPerChannel, 1u);
+    EXPECT_EQ(image.channels, 3u);
+    EXPECT_EQ(image.pixels.size(), size_t{frame.width} * frame.height * 3);
+    ASSERT_EQ(image.rawPixels.size(), size_t{frame.width} * frame.height);
+    EXPECT_EQ(std::memcmp(image.rawPixels.data(), frame.pixels, image.rawPixels.size()), 0);
+    EXPECT_EQ(image.timeStamp, frame.timeStamp);
+    EXPECT_EQ(image.afterImpact, frame.afterImpact);
+    EXPECT_EQ(image.sensorOffsetX, frame.sensorOffsetX);
+    EXPECT_EQ(image.sensorOffsetY, frame.sensorOffsetY);
+    EXPECT_EQ(image.ballX, frame.ballX);
+    EXPECT_EQ(image.ballY, frame.ballY);
+  }
+}
+
+TEST(OfflineRun, SameMeasurementAsTheSwingInMemory) {
+  // Files, names, option files and the impact index lose nothing: the replay
+  // measures exactly what Find measures on the rendered frames.
+  const DefaultSwingReplay& run = Replayed();
+  ASSERT_EQ(run.returned, 1);
+  synth::Recording& recording = const_cast<synth::Recording&>(run.recording);
+  std::vector<std::string> log;
+  ClubTrackerSetting setting = recording.setting;
+  setting.logCallback = &CollectLine;
+  setting.logContext = &log;
+  ClubTracker tracker(setting);
+  ClubTrackerResult result;
+  tracker.Find(recording.Cam1(), recording.Cam2(), result, 0);
+
+  EXPECT_EQ(run.report.clubHeadSpeed, result.clubHeadSpeed);
+  EXPECT_EQ(run.report.angularVelocity, result.angularVelocity);
+  EXPECT_EQ(run.report.headRadius, result.headRadius);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(run.report.axisDirection[i], result.axisDirection[i]);
+    EXPECT_EQ(run.report.axisPosition[i], result.axisPosition[i]);
+  }
+  EXPECT_EQ(run.report.speedFrameFrom, result.speedFrameFrom);
+  EXPECT_EQ(run.report.speedFrameTo, result.speedFrameTo);
+  EXPECT_EQ(run.report.frameCount, result.frameCount);
+  ASSERT_EQ(run.report.log.size(), log.size());
+  for (size_t i = 0; i + 1 < log.size(); ++i) EXPECT_EQ(run.report.log[i], log[i]);
+
+  // The template path on the same paired frames (all frames pair here).
+  double headSpeed = -1.0;
+  tracker.FindbyTemplate(recording.Cam1(), recording.Cam2(), headSpeed);
+  EXPECT_EQ(run.report.headTrackingSpeed, std::isnan(headSpeed) ? 0.0 : headSpeed);
+}
+
+TEST(OfflineRun, SpeedNearTheTruth) {
+  // The line-based speed quantises shaft directions to 1 degree and takes one
+  // frame interval, so it is only expected within tens of percent.
+  const DefaultSwingReplay& run = Replayed();
+  ASSERT_EQ(run.returned, 1);
+  const double truth = run.recording.truth.clubHeadSpeed;
+  ASSERT_GT(run.report.clubHeadSpeed, 0.0);
+  EXPECT_LT(std::fabs(run.report.clubHeadSpeed / truth - 1.0), 0.5)
+      << "measured " << run.report.clubHeadSpeed << " mm/us, truth " << truth;
+}
+
+TEST(OfflineRun, EmptyFolderPathStillCallsFind) {
+  TempFolder temp;
+  {
+    std::ofstream run(temp.path / "run.ini");
+    run << "[ROI]\nX=0\n[Info]\nFolderPath=\nImpactIndex=3\n";
+  }
+  LoadedLibrary library;
+  std::unique_ptr<QuarvelTestingInterface> tester = library.MakeTester();
+  ASSERT_NE(tester, nullptr);
+
+  std::vector<std::unique_ptr<OfflineResultImage>> images;
+  OfflineRunReport report;
+  EXPECT_EQ(tester->RunOfflineTest(temp.path / "run.ini", images, &report), 1);
+  EXPECT_EQ(report.log, std::vector<std::string>{"ClubTracker::Find start"});
+  EXPECT_TRUE(images.empty());
+  EXPECT_EQ(report.cam1FrameCount, 0);
+  EXPECT_EQ(report.frameCount, 0);
+
+  // Without a report the lines go to standard error through DebugLog; a
+  // missing run option file reads as all defaults, so FolderPath is empty.
+  for (const fs::path& runFile : {temp.path / "run.ini", temp.path / "absent.ini"}) {
+    testing::internal::CaptureStderr();
+    const int returned = tester->RunOfflineTest(runFile, images);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "ClubTracker::Find start\n");
+    EXPECT_EQ(returned, 1);
+    EXPECT_TRUE(images.empty());
+  }
+}
+
+TEST(OfflineRun, DebugLogWritesTheLineAndABreak) {
+  testing::internal::CaptureStderr();
+  DebugLog(L"Cannot find enough line pairs.", nullptr);
+  DebugLog(L"Axis pos: 1.000000\n", reinterpret_cast<void*>(0x1));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Cannot find enough line pairs.\nAxis pos: 1.000000\n\n");
+}
+
+class GoldenReplay : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(GoldenReplay, SameLogAndResultAsTheReference) {
+  const fs::path folder = fs::path(CLUBTRACKER_GOLDEN_DIR) / GetParam();
+  if (!fs::exists(folder / "expected.json")) GTEST_SKIP() << "no golden recording " << folder;
+  nlohmann::json expected;
+  std::ifstream(folder / "expected.json") >> expected;
+
+  LoadedLibrary library;
+  std::unique_ptr<QuarvelTestingInterface> tester = library.MakeTester();
+  ASSERT_NE(tester, nullptr);
+  std::vector<std::unique_ptr<OfflineResultImage>> images;
+  OfflineRunReport report;
+  ASSERT_EQ(tester->RunOfflineTest(folder / "run.ini", images, &report), 1);
+
+  const auto& log = expected["log"];
+  ASSERT_EQ(report.log.size(), log.size());
+  for (size_t i = 0; i + 1 < log.size(); ++i) EXPECT_EQ(report.log[i], log[i].get<std::string>());
+  EXPECT_EQ(report.log.back().rfind(kEndLinePrefix, 0), 0u);
+
+  const auto near = [](double actual, double wanted, double absolute = 0.0) {
+    return std::fabs(actual - wanted) <= std::max(absolute, 1e-6 * std::fabs(wanted));
+  };
+  EXPECT_TRUE(near(report.clubHeadSpeed, expected["clubHeadSpeed"]));
+  EXPECT_TRUE(near(report.angularVelocity, expected["angularVelocity"]));
+  EXPECT_TRUE(near(report.headRadius, expected["headRadius"]));
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_TRUE(near(report.axisDirection[i], expected["axisDirection"][i]));
+    EXPECT_TRUE(near(report.axisPosition[i], expected["axisPosition"][i]));
+  }
+  EXPECT_EQ(report.speedFrameFrom, expected["speedFrameFrom"].get<int>());
+  EXPECT_EQ(report.speedFrameTo, expected["speedFrameTo"].get<int>());
+  EXPECT_EQ(report.frameCount, expected["frameCount"].get<int>());
+  EXPECT_EQ(report.pairedFrames, expected["pairedFrames"].get<int>());
+
+  const auto& frames = expected["frames"];
+  ASSERT_EQ(images.size(), frames.size());
+  for (size_t e = 0; e < images.size(); ++e) {
+    SCOPED_TRACE("entry " + std::to_string(e));
+    EXPECT_EQ(images[e]->camera, frames[e]["camera"].get<int>());
+    EXPECT_EQ(images[e]->frameNumber, frames[e]["frameNumber"].get<int>());
+    EXPECT_EQ(images[e]->hasShaft, frames[e]["hasShaft"].get<int>());
+    EXPECT_EQ(images[e]->width, frames[e]["width"].get<uint32_t>());
+    EXPECT_EQ(images[e]->height, frames[e]["height"].get<uint32_t>());
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_TRUE(near(images[e]->head[i], frames[e]["head"][i], 1e-3))
+          << images[e]->head[i] << " vs " << frames[e]["head"][i];
+    }
+    EXPECT_EQ(images[e]->rawPixels.size(), size_t{images[e]->width} * images[e]->height);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Recordings, GoldenReplay, ::testing::Values("g01", "g02"));
