@@ -1,0 +1,277 @@
+// The clubtrack tool as a user runs it: run with JSON, pictures and the
+// summary, the demo, and the errors users make.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <opencv2/imgcodecs.hpp>
+
+#include "synth/swing.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct TempFolder {
+  fs::path path;
+  TempFolder() {
+    static int counter = 0;
+    path = fs::temp_directory_path() /
+           ("clubtracker-tool-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
+    fs::remove_all(path);
+    fs::create_directories(path);
+  }
+  ~TempFolder() {
+    std::error_code ec;
+    fs::remove_all(path, ec);
+  }
+};
+
+std::string ReadAll(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+std::string Quote(const std::string& text) {
+  std::string quoted = "'";
+  for (char c : text) {
+    if (c == '\'') {
+      quoted += "'\\''";
+    } else {
+      quoted += c;
+    }
+  }
+  return quoted + "'";
+}
+
+struct ToolRun {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+// Runs the tool with `arguments` (already quoted) in `workDir`.
+ToolRun RunTool(const std::string& arguments, const fs::path& workDir) {
+  const fs::path outFile = workDir / ".stdout";
+  const fs::path errFile = workDir / ".stderr";
+  const std::string command = "cd " + Quote(workDir.string()) + " && " +
+                              Quote(CLUBTRACK_TOOL_PATH) + " " + arguments + " >" +
+                              Quote(outFile.string()) + " 2>" + Quote(errFile.string());
+  const int raw = std::system(command.c_str());
+  ToolRun run;
+  run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+  run.out = ReadAll(outFile);
+  run.err = ReadAll(errFile);
+  fs::remove(outFile);
+  fs::remove(errFile);
+  return run;
+}
+
+size_t LineCount(const std::string& text) {
+  size_t lines = 0;
+  for (char c : text) lines += c == '\n' ? 1 : 0;
+  return lines;
+}
+
+// The default swing written once for the suite.
+struct DefaultRecording {
+  TempFolder folder;
+  synth::SwingTruth truth;
+  fs::path recording;
+  DefaultRecording() {
+    const synth::Recording rendered = synth::Render(synth::SwingScene{});
+    truth = rendered.truth;
+    recording = folder.path / "swing";
+    synth::WriteRecording(rendered, recording);
+  }
+};
+
+const DefaultRecording& Default() {
+  static const DefaultRecording recording;
+  return recording;
+}
+
+}  // namespace
+
+TEST(ClubtrackRun, JsonOnStandardOutputWithTheStableKeys) {
+  const DefaultRecording& rec = Default();
+  const ToolRun run = RunTool("run " + Quote(rec.recording.string()) + " --json -", rec.folder.path);
+  ASSERT_EQ(run.status, 0) << run.err;
+  nlohmann::json json;
+  ASSERT_NO_THROW(json = nlohmann::json::parse(run.out)) << run.out;
+  for (const char* key : {"clubHeadSpeed", "clubHeadSpeedMps", "angularVelocity", "headRadius",
+                          "speedFrameFrom", "speedFrameTo", "frameCount", "pairedFrames",
+                          "processingTimeMs", "headTrackingSpeed", "headTrackingSpeedMps"}) {
+    ASSERT_TRUE(json.contains(key)) << key;
+    EXPECT_TRUE(json[key].is_number()) << key;
+  }
+  for (const char* key : {"axisDirection", "axisPosition"}) {
+    ASSERT_TRUE(json[key].is_array()) << key;
+    EXPECT_EQ(json[key].size(), 3u) << key;
+  }
+  ASSERT_TRUE(json["log"].is_array());
+  ASSERT_FALSE(json["log"].empty());
+  EXPECT_EQ(json["log"][0], "ClubTracker::Find start");
+  for (const auto& line : json["log"]) {
+    EXPECT_EQ(line.get<std::string>().find('\n'), std::string::npos) << line;
+  }
+  EXPECT_EQ(json["frameCount"], 48);
+  EXPECT_EQ(json["pairedFrames"], 24);
+  const double speed = json["clubHeadSpeed"];
+  EXPECT_DOUBLE_EQ(json["clubHeadSpeedMps"].get<double>(), speed * 1000.0);
+  EXPECT_DOUBLE_EQ(json["headTrackingSpeedMps"].get<double>(),
+                   json["headTrackingSpeed"].get<double>() * 1000.0);
+  // The line-based speed: within tens of percent of the truth (1-degree shaft
+  // directions, one frame interval).
+  EXPECT_LT(std::fabs(speed / rec.truth.clubHeadSpeed - 1.0), 0.5)
+      << "measured " << speed << ", truth " << rec.truth.clubHeadSpeed;
+  // The human summary and the log went to standard error, out of the JSON's way.
+  EXPECT_NE(run.err.find("Club-head speed"), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("  ClubTracker::Find start"), std::string::npos) << run.err;
+}
+
+TEST(ClubtrackRun, QuietRunWritesJsonFileAnnotatedFramesAndSheet) {
+  const DefaultRecording& rec = Default();
+  TempFolder out;
+  const ToolRun run =
+      RunTool("run " + Quote((rec.recording / "run.ini").string()) + " --quiet --json result.json" +
+                  " --annotated frames --sheet sheet.png",
+              out.path);
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.out, "");
+  EXPECT_EQ(run.err, "");
+
+  nlohmann::json json = nlohmann::json::parse(ReadAll(out.path / "result.json"));
+  EXPECT_EQ(json["pairedFrames"], 24);
+
+  int candidates = 0;
+  int raws = 0;
+  for (const auto& entry : fs::directory_iterator(out.path / "frames")) {
+    const std::string name = entry.path().filename().string();
+    candidates += name.find("_candidates.png") != std::string::npos ? 1 : 0;
+    raws += name.find("_raw.png") != std::string::npos ? 1 : 0;
+  }
+  EXPECT_EQ(candidates, 48);
+  EXPECT_EQ(raws, 48);
+  const cv::Mat raw = cv::imread((out.path / "frames" / "cam2_frame07_raw.png").string());
+  ASSERT_FALSE(raw.empty());
+  EXPECT_EQ(raw.cols, 640);
+  EXPECT_EQ(raw.rows, 208);
+
+  const cv::Mat sheet = cv::imread((out.path / "sheet.png").string());
+  ASSERT_FALSE(sheet.empty());
+  EXPECT_GT(sheet.cols, 2 * 400);    // two cameras side by side
+  EXPECT_GT(sheet.rows, 24 * 150);  // one row per paired frame
+}
+
+TEST(ClubtrackDemo, MeasuresTheDefaultSwingAndWritesTheSheet) {
+  TempFolder work;
+  const ToolRun run = RunTool("demo", work.path);
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_NE(run.out.find("club-head speed (m/s)"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("relative error of the club-head speed"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("Contact sheet written to demo-sheet.png"), std::string::npos);
+  EXPECT_FALSE(cv::imread((work.path / "demo-sheet.png").string()).empty());
+}
+
+// Errors a user makes: one line on standard error, a non-zero status, nothing
+// on standard output. `setup` prepares a copy of the default recording in
+// `folder` and returns the arguments.
+struct UserError {
+  const char* name;
+  std::string (*setup)(const fs::path& folder);
+};
+
+class ClubtrackUserErrors : public ::testing::TestWithParam<UserError> {};
+
+TEST_P(ClubtrackUserErrors, OneLineAndNonZeroStatus) {
+  const DefaultRecording& rec = Default();
+  TempFolder work;
+  fs::copy(rec.recording, work.path / "rec", fs::copy_options::recursive);
+  const ToolRun run = RunTool(GetParam().setup(work.path), work.path);
+  EXPECT_NE(run.status, 0);
+  EXPECT_EQ(run.out, "");
+  EXPECT_EQ(LineCount(run.err), 1u) << run.err;
+  EXPECT_EQ(run.err.rfind("clubtrack", 0), 0u) << run.err;
+}
+
+void Rewrite(const fs::path& file, const std::string& from, const std::string& to) {
+  std::string text = ReadAll(file);
+  const size_t at = text.find(from);
+  ASSERT_NE(at, std::string::npos) << from;
+  text.replace(at, from.size(), to);
+  std::ofstream(file, std::ios::binary | std::ios::trunc) << text;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, ClubtrackUserErrors,
+    ::testing::Values(
+        UserError{"MissingRecording", [](const fs::path&) { return std::string("run no-such-rec"); }},
+        UserError{"FolderWithoutRunFile",
+                  [](const fs::path& f) {
+                    fs::remove(f / "rec" / "run.ini");
+                    return std::string("run rec");
+                  }},
+        UserError{"NoFramesInOneCamera",
+                  [](const fs::path& f) {
+                    for (const auto& e : fs::directory_iterator(f / "rec" / "Slave")) {
+                      if (e.path().extension() == ".bmp") fs::remove(e.path());
+                    }
+                    return std::string("run rec");
+                  }},
+        UserError{"FramesThatDoNotDecode",
+                  [](const fs::path& f) {
+                    // An image signature with nothing behind it: looks like a
+                    // frame, decodes to nothing.
+                    for (const auto& e : fs::directory_iterator(f / "rec" / "Master")) {
+                      if (e.path().extension() == ".bmp") {
+                        std::ofstream(e.path(), std::ios::binary | std::ios::trunc)
+                            << "\x89PNG\r\n\x1a\n broken";
+                      }
+                    }
+                    return std::string("run rec --json -");
+                  }},
+        UserError{"MissingCameraFolder",
+                  [](const fs::path& f) {
+                    fs::remove_all(f / "rec" / "Master");
+                    return std::string("run rec");
+                  }},
+        UserError{"GarbageInteger",
+                  [](const fs::path& f) {
+                    Rewrite(f / "rec" / "run.ini", "ImpactIndex=", "ImpactIndex=ten");
+                    return std::string("run rec/run.ini");
+                  }},
+        UserError{"GarbageCalibration",
+                  [](const fs::path& f) {
+                    Rewrite(f / "rec" / "Slave" / "SlaveOption.ini", "22=", "22=focal");
+                    return std::string("run rec");
+                  }},
+        UserError{"MissingCalibration",
+                  [](const fs::path& f) {
+                    fs::remove(f / "rec" / "Slave" / "SlaveOption.ini");
+                    return std::string("run rec");
+                  }},
+        UserError{"EmptyFolderPath",
+                  [](const fs::path& f) {
+                    std::ofstream(f / "rec" / "run.ini", std::ios::trunc) << "[Info]\nFolderPath=\n";
+                    return std::string("run rec");
+                  }},
+        UserError{"JsonIntoAMissingFolder",
+                  [](const fs::path&) { return std::string("run rec --json no/such/dir/out.json"); }},
+        UserError{"JsonOntoAFolder", [](const fs::path&) { return std::string("run rec --json rec"); }},
+        UserError{"SheetWithAnUnknownFormat",
+                  [](const fs::path&) { return std::string("run rec --sheet sheet.xyz"); }},
+        UserError{"AnnotatedIntoAFile",
+                  [](const fs::path&) { return std::string("run rec --annotated rec/run.ini"); }},
+        UserError{"NoRecordingGiven", [](const fs::path&) { return std::string("run"); }},
+        UserError{"UnknownOption", [](const fs::path&) { return std::string("run rec --fast"); }}),
+    [](const ::testing::TestParamInfo<UserError>& info) { return std::string(info.param.name); });
