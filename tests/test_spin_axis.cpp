@@ -1,0 +1,689 @@
+// The spin-axis search: exact reconstruction from projected shaft lines, and
+// the rules of the hypotheses, their inliers, the sort and the refit.
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <opencv2/core.hpp>
+
+#include "reconstruction/spin_axis.h"
+#include "support/access.h"
+#include "support/reference_spin_axis.h"
+#include "synth/swing.h"
+#include "tracker/records.h"
+
+namespace {
+
+bool Sanitized() { return std::getenv("CLUBTRACKER_SANITIZED") != nullptr; }
+
+void CollectLog(std::wstring line, void* context) {
+  static_cast<std::vector<std::string>*>(context)->push_back(std::string(line.begin(), line.end()));
+}
+
+// Candidate areas of both cameras, owned.
+struct Areas {
+  std::vector<std::unique_ptr<CandidateAreaImage>> owned;
+  std::vector<CandidateAreaImage*> cam1;
+  std::vector<CandidateAreaImage*> cam2;
+
+  CandidateAreaImage* Add(std::vector<CandidateAreaImage*>& list, int top, int rows) {
+    owned.push_back(std::make_unique<CandidateAreaImage>());
+    CandidateAreaImage* area = owned.back().get();
+    area->image = cv::Mat::zeros(rows, 8, CV_8UC1);  // only the rows count here
+    area->sensorOffsetY = top;
+    list.push_back(area);
+    return area;
+  }
+};
+
+// A tracker whose log lines are collected.
+struct LoggedTracker {
+  std::vector<std::string> log;
+  ClubTracker tracker;
+  explicit LoggedTracker(ClubTrackerSetting setting) : tracker(setting) {
+    tracker.setting.logCallback = CollectLog;
+    tracker.setting.logContext = &log;
+  }
+};
+
+// ---------------------------------------------------------------- swings from the truth
+
+// The true shaft line of every frame in both cameras, projected without
+// images; the ball is given in every frame.
+struct TruthSwing {
+  synth::SwingTruth truth;
+  ClubTrackerSetting setting{};
+  Areas areas;
+};
+
+std::unique_ptr<TruthSwing> MakeTruthSwing(const synth::SwingScene& scene) {
+  auto swing = std::make_unique<TruthSwing>();
+  swing->truth = synth::MakeTruth(scene);
+  swing->setting = synth::MakeSetting(swing->truth);
+  const synth::SwingTruth& truth = swing->truth;
+  const int frames = static_cast<int>(
+      std::min(truth.timeStamps[0].size(), truth.timeStamps[1].size()));
+  for (int i = 0; i < frames; ++i) {
+    for (int c = 0; c < 2; ++c) {
+      const synth::CameraModel& camera = truth.cameras[c];
+      CandidateAreaImage* area = swing->areas.Add(c == 0 ? swing->areas.cam1 : swing->areas.cam2,
+                                                  camera.sensorOffsetY, camera.height);
+      area->sensorOffsetX = camera.sensorOffsetX;
+      area->afterImpact = i >= truth.impactIndex ? 1u : 0u;
+      const cv::Vec2d ball = truth.BallInWindow(c);
+      area->ballX = static_cast<float>(ball[0]);
+      area->ballY = static_cast<float>(ball[1]);
+      area->lines.push_back(truth.ShaftLine(c, truth.FrameTime(c, i)));
+    }
+  }
+  return swing;
+}
+
+double Distance(const double* p, const cv::Vec3d& q) {
+  return std::sqrt((p[0] - q[0]) * (p[0] - q[0]) + (p[1] - q[1]) * (p[1] - q[1]) +
+                   (p[2] - q[2]) * (p[2] - q[2]));
+}
+
+class ExactReconstruction : public ::testing::TestWithParam<int> {};
+
+// Lines projected from the true shaft give the true pivot, and the ball's
+// pixels give the ball.
+TEST_P(ExactReconstruction, PivotAndBallWithinOneMillimetre) {
+  const int seed = GetParam();
+  const synth::SwingScene scene = seed == 0 ? synth::SwingScene() : synth::SwingScene::Varied(seed);
+  const std::unique_ptr<TruthSwing> swing = MakeTruthSwing(scene);
+  LoggedTracker t(swing->setting);
+  ClubSpinAxis3D axis;
+  const int found =
+      ClubTrackerTestAccess::FindClubSpinAxis(t.tracker, swing->areas.cam1, swing->areas.cam2, axis);
+  ASSERT_EQ(found, 1);
+  EXPECT_EQ(t.log, (std::vector<std::string>{"FindClubSpinAxis start", "FindClubSpinAxis end."}));
+  EXPECT_LT(Distance(axis.pivot, swing->truth.pivot), 1.0);
+  EXPECT_LT(Distance(t.tracker.referencePoint, swing->truth.ball), 1.0);
+  // Every frame agrees with the true pivot.
+  EXPECT_EQ(axis.inliers.size(), swing->areas.cam1.size());
+  EXPECT_LT(axis.firstFrame, axis.secondFrame);
+}
+
+INSTANTIATE_TEST_SUITE_P(Scenes, ExactReconstruction, ::testing::Values(0, 3, 11, 27, 40));
+
+// With no frame showing the ball in both cameras before the impact, the
+// search goes on against the reference point the tracker already holds.
+TEST(ReferencePoint, KeptWhenNoFrameShowsTheBall) {
+  const std::unique_ptr<TruthSwing> swing = MakeTruthSwing(synth::SwingScene());
+  for (CandidateAreaImage* area : swing->areas.cam2) {
+    area->ballX = 0.0f;
+    area->ballY = 0.0f;
+  }
+  // Camera 1 alone does not count, nor does a ball seen after the impact.
+  swing->areas.cam2.back()->ballX = 200.0f;
+  LoggedTracker t(swing->setting);
+  const double held[3] = {swing->truth.ball[0] + 0.25, swing->truth.ball[1], swing->truth.ball[2]};
+  std::memcpy(t.tracker.referencePoint, held, sizeof held);
+  ClubSpinAxis3D axis;
+  ASSERT_EQ(ClubTrackerTestAccess::FindClubSpinAxis(t.tracker, swing->areas.cam1,
+                                                    swing->areas.cam2, axis),
+            1);
+  EXPECT_EQ(std::memcmp(t.tracker.referencePoint, held, sizeof held), 0);
+  EXPECT_LT(Distance(axis.pivot, swing->truth.pivot), 1.0);
+
+  // Held at zero, the acceptance windows around the origin still decide.
+  LoggedTracker zero(swing->setting);
+  ClubSpinAxis3D none;
+  ClubTrackerTestAccess::FindClubSpinAxis(zero.tracker, swing->areas.cam1, swing->areas.cam2, none);
+  EXPECT_EQ(zero.tracker.referencePoint[0], 0.0);
+  EXPECT_EQ(zero.tracker.referencePoint[1], 0.0);
+  EXPECT_EQ(zero.tracker.referencePoint[2], 0.0);
+}
+
+TEST(FindClubSpinAxisFailures, ListsOfDifferentLengthLogOnlyTheStart) {
+  const std::unique_ptr<TruthSwing> swing = MakeTruthSwing(synth::SwingScene());
+  std::vector<CandidateAreaImage*> shorter = swing->areas.cam2;
+  shorter.pop_back();
+  LoggedTracker t(swing->setting);
+  ClubSpinAxis3D axis;
+  EXPECT_EQ(ClubTrackerTestAccess::FindClubSpinAxis(t.tracker, swing->areas.cam1, shorter, axis), 0);
+  EXPECT_EQ(t.log, std::vector<std::string>{"FindClubSpinAxis start"});
+  EXPECT_EQ(t.tracker.referencePoint[1], 0.0);
+}
+
+TEST(FindClubSpinAxisFailures, NoLinesOrOneFrameFindNoAxis) {
+  const std::unique_ptr<TruthSwing> swing = MakeTruthSwing(synth::SwingScene());
+  const std::vector<std::string> failed{"FindClubSpinAxis start", "Axis analysis failed."};
+  {
+    std::vector<CandidateAreaImage*> one1{swing->areas.cam1[0]};
+    std::vector<CandidateAreaImage*> one2{swing->areas.cam2[0]};
+    LoggedTracker t(swing->setting);
+    ClubSpinAxis3D axis;
+    EXPECT_EQ(ClubTrackerTestAccess::FindClubSpinAxis(t.tracker, one1, one2, axis), 0);
+    EXPECT_EQ(t.log, failed);
+  }
+  {
+    std::vector<CandidateAreaImage*> none;
+    LoggedTracker t(swing->setting);
+    ClubSpinAxis3D axis;
+    EXPECT_EQ(ClubTrackerTestAccess::FindClubSpinAxis(t.tracker, none, none, axis), 0);
+    EXPECT_EQ(t.log, failed);
+  }
+  {
+    for (CandidateAreaImage* area : swing->areas.cam2) area->lines.clear();
+    LoggedTracker t(swing->setting);
+    ClubSpinAxis3D axis;
+    EXPECT_EQ(ClubTrackerTestAccess::FindClubSpinAxis(t.tracker, swing->areas.cam1,
+                                                      swing->areas.cam2, axis),
+              0);
+    EXPECT_EQ(t.log, failed);
+  }
+}
+
+// Null frames have no lines and never count.
+TEST(FindClubSpinAxisFailures, NullFramesAreSkipped) {
+  const std::unique_ptr<TruthSwing> swing = MakeTruthSwing(synth::SwingScene());
+  swing->areas.cam1[3] = nullptr;
+  swing->areas.cam2[5] = nullptr;
+  LoggedTracker t(swing->setting);
+  ClubSpinAxis3D axis;
+  ASSERT_EQ(ClubTrackerTestAccess::FindClubSpinAxis(t.tracker, swing->areas.cam1,
+                                                    swing->areas.cam2, axis),
+            1);
+  EXPECT_LT(Distance(axis.pivot, swing->truth.pivot), 1.0);
+  for (const SpinAxisInlier& in : axis.inliers) {
+    EXPECT_NE(in.frame, 3);
+    EXPECT_NE(in.frame, 5);
+  }
+}
+
+TEST(FindClubSpinAxisFailures, AxisIndexOutOfRangeIsRefused) {
+  const std::unique_ptr<TruthSwing> swing = MakeTruthSwing(synth::SwingScene());
+  swing->setting.axisIndex = 3;
+  LoggedTracker t(swing->setting);
+  ClubSpinAxis3D axis;
+  EXPECT_EQ(ClubTrackerTestAccess::FindClubSpinAxis(t.tracker, swing->areas.cam1,
+                                                    swing->areas.cam2, axis),
+            0);
+  ASSERT_EQ(t.log.size(), 3u);
+  EXPECT_NE(t.log[1].find("axisIndex 3"), std::string::npos);
+  EXPECT_EQ(t.log[2], "Axis analysis failed.");
+}
+
+// ---------------------------------------------------------------- batches and windows
+
+// Two frames whose true lines are repeated: every combination is the same
+// four planes, so every pair gives the same pivot.
+struct RepeatedPair {
+  std::unique_ptr<TruthSwing> swing;
+  Areas areas;
+};
+
+RepeatedPair MakeRepeatedPair(int cam1First, int cam1Second, int cam2First, int cam2Second) {
+  RepeatedPair r;
+  r.swing = MakeTruthSwing(synth::SwingScene());
+  const int a = 4;
+  const int b = 8;
+  const int counts[4] = {cam1First, cam1Second, cam2First, cam2Second};
+  int k = 0;
+  for (const int frame : {a, b}) {
+    for (int c = 0; c < 2; ++c) {
+      const CandidateAreaImage* source = (c == 0 ? r.swing->areas.cam1 : r.swing->areas.cam2)[frame];
+      CandidateAreaImage* area =
+          r.areas.Add(c == 0 ? r.areas.cam1 : r.areas.cam2, source->sensorOffsetY, source->image.rows);
+      area->sensorOffsetX = source->sensorOffsetX;
+      area->ballX = source->ballX;
+      area->ballY = source->ballY;
+      const int count = counts[c == 0 ? (frame == a ? 0 : 1) : (frame == a ? 2 : 3)];
+      area->lines.assign(count, source->lines[0]);
+      ++k;
+    }
+  }
+  return r;
+}
+
+// The pivot that the first pair gives, formed as the search forms it.
+cv::Vec3d PairPivot(const ClubTrackerSetting& setting, const Areas& areas) {
+  const reference::Camera c1 = reference::MakeCamera(setting.cam1Intrinsic, setting.cam1Extrinsic);
+  const reference::Camera c2 = reference::MakeCamera(setting.cam2Intrinsic, setting.cam2Extrinsic);
+  cv::Mat a(4, 3, CV_64F);
+  cv::Mat d(4, 1, CV_64F);
+  const int frames[4] = {0, 1, 0, 1};
+  for (int i = 0; i < 4; ++i) {
+    const bool first = i < 2;
+    const std::vector<CandidateAreaImage*>& list = first ? areas.cam1 : areas.cam2;
+    cv::Mat n;
+    reference::ImageLineToPlane(n, list, frames[i], list[frames[i]]->lines[0],
+                                first ? c1.rayMatrix : c2.rayMatrix);
+    for (int col = 0; col < 3; ++col) a.at<double>(i, col) = n.at<double>(col);
+    d.at<double>(i) = n.dot(first ? c1.center : c2.center);
+  }
+  const cv::Mat x = a.inv(cv::DECOMP_SVD) * d;
+  return {x.at<double>(0), x.at<double>(1), x.at<double>(2)};
+}
+
+class SmallBatch : public ::testing::TestWithParam<int> {};
+
+// Pairs are evaluated in eight chunks of count / 8: a batch of one to seven
+// pairs evaluates none.
+TEST_P(SmallBatch, FewerThanEightPairsEvaluateNothing) {
+  const int pairs = GetParam();
+  // pairs = cam1 lines of the second frame; one line everywhere else.
+  RepeatedPair r = MakeRepeatedPair(1, pairs, 1, 1);
+  ClubSpinAxis3D axis;
+  SpinAxisSearchStats stats;
+  double reference[3] = {0.0, 0.0, 0.0};
+  SearchClubSpinAxis(r.swing->setting, reference, r.areas.cam1, r.areas.cam2, axis, &stats);
+  EXPECT_EQ(stats.linePairs, static_cast<uint64_t>(pairs));
+  EXPECT_EQ(stats.evaluatedPairs, static_cast<uint64_t>(pairs / 8 * 8));
+  EXPECT_LT(Distance(reference, r.swing->truth.ball), 1.0);
+  if (pairs < 8) {
+    EXPECT_EQ(stats.hypotheses, 0u);
+    EXPECT_EQ(axis.pivot[0], 0.0);
+  } else {
+    EXPECT_EQ(stats.hypotheses, 8u);
+    EXPECT_LT(Distance(axis.pivot, r.swing->truth.pivot), 1.0);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Pairs, SmallBatch, ::testing::Range(1, 10));
+
+struct Window {
+  double along;
+  bool accepted;
+};
+
+class AcceptanceWindow : public ::testing::TestWithParam<Window> {};
+
+// The pivot's distance from the reference point along axisIndex must lie in
+// [700, 2000], bounds included.
+TEST_P(AcceptanceWindow, AlongTheAxis) {
+  const Window w = GetParam();
+  RepeatedPair r = MakeRepeatedPair(2, 2, 2, 1);
+  for (CandidateAreaImage* area : r.areas.cam1) area->ballX = area->ballY = 0.0f;
+  const cv::Vec3d x = PairPivot(r.swing->setting, r.areas);
+  // A reference point straight below the pivot on axisIndex 1, nudged until
+  // the subtraction gives the wanted distance exactly.
+  double reference[3] = {x[0], x[1] - w.along, x[2]};
+  for (int i = 0; i < 8 && x[1] - reference[1] != w.along; ++i) {
+    reference[1] = std::nextafter(reference[1], x[1] - reference[1] < w.along ? -1e9 : 1e9);
+  }
+  ASSERT_EQ(x[1] - reference[1], w.along);
+
+  LoggedTracker t(r.swing->setting);
+  std::memcpy(t.tracker.referencePoint, reference, sizeof reference);
+  ClubSpinAxis3D axis;
+  const int found =
+      ClubTrackerTestAccess::FindClubSpinAxis(t.tracker, r.areas.cam1, r.areas.cam2, axis);
+  EXPECT_EQ(found, w.accepted ? 1 : 0) << w.along;
+  EXPECT_EQ(t.log.back(), w.accepted ? "FindClubSpinAxis end." : "Axis analysis failed.");
+}
+
+INSTANTIATE_TEST_SUITE_P(Bounds, AcceptanceWindow,
+                         ::testing::Values(Window{699.9999, false}, Window{700.0, true},
+                                           Window{1300.0, true}, Window{2000.0, true},
+                                           Window{2000.0001, false}));
+
+// Only the first batch of 262144 pairs is evaluated; every later batch then
+// collects its first `count` slots again as the first batch left them.
+TEST(Batches, SecondBatchRepeatsTheFirstSlots) {
+  if (Sanitized()) GTEST_SKIP() << "a quarter of a million pairs";
+  RepeatedPair r = MakeRepeatedPair(5, 13, 37, 109);  // 262145 pairs
+  ClubSpinAxis3D axis;
+  SpinAxisSearchStats stats;
+  double reference[3] = {0.0, 0.0, 0.0};
+  SearchClubSpinAxis(r.swing->setting, reference, r.areas.cam1, r.areas.cam2, axis, &stats);
+  EXPECT_EQ(stats.linePairs, 262145u);
+  EXPECT_EQ(stats.evaluatedPairs, 262144u);
+  EXPECT_EQ(stats.hypotheses, 262145u);
+  EXPECT_EQ(stats.refits, 1u);
+  EXPECT_LT(Distance(axis.pivot, r.swing->truth.pivot), 1.0);
+}
+
+// ---------------------------------------------------------------- inliers
+
+// Cameras with K = I and R = I, centred at (cam1X, 0, 0) and (cam2X, 0, 0). A
+// line (rho, 0) in a frame of rows [0, 100) then sweeps the plane through the
+// camera centre with normal (-1, 0, rho) / |(-1, 0, rho)|.
+ClubTrackerSetting PlainCameras(double cam1X, double cam2X = 0.0) {
+  ClubTrackerSetting setting{};
+  InitClubTrackerSetting(setting);
+  const double k[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+  const double e1[12] = {1, 0, 0, -cam1X, 0, 1, 0, 0, 0, 0, 1, 0};
+  const double e2[12] = {1, 0, 0, -cam2X, 0, 1, 0, 0, 0, 0, 1, 0};
+  std::memcpy(setting.cam1Intrinsic, k, sizeof k);
+  std::memcpy(setting.cam2Intrinsic, k, sizeof k);
+  std::memcpy(setting.cam1Extrinsic, e1, sizeof e1);
+  std::memcpy(setting.cam2Extrinsic, e2, sizeof e2);
+  return setting;
+}
+
+// Distance of x from the plane of `line`, as the inlier test forms it.
+double LiteralDistance(const ClubTrackerSetting& setting, int camera, CandidateAreaImage* area,
+                       cv::Vec2f line, const double* x) {
+  const reference::Camera c =
+      camera == 1 ? reference::MakeCamera(setting.cam1Intrinsic, setting.cam1Extrinsic)
+                  : reference::MakeCamera(setting.cam2Intrinsic, setting.cam2Extrinsic);
+  cv::Mat n;
+  reference::ImageLineToPlane(n, {area}, 0, line, c.rayMatrix);
+  const cv::Mat xm(3, 1, CV_64F, const_cast<double*>(x));
+  return std::abs((n.dot(xm) - n.dot(c.center)) / std::sqrt(n.dot(n)));
+}
+
+ClubSpinAxis3D Hypothesis(double x, double y, double z) {
+  ClubSpinAxis3D h;
+  h.firstFrame = 0;
+  h.secondFrame = 1;
+  h.firstCam1Line = cv::Vec2f(11.0f, 0.1f);
+  h.firstCam2Line = cv::Vec2f(12.0f, 0.2f);
+  h.secondCam1Line = cv::Vec2f(13.0f, 0.3f);
+  h.secondCam2Line = cv::Vec2f(14.0f, 0.4f);
+  h.pivot[0] = x;
+  h.pivot[1] = y;
+  h.pivot[2] = z;
+  return h;
+}
+
+// Frames 0 and 1 hold lines far from everything; the frames after them get
+// the given lines.
+Areas InlierFrames(const std::vector<std::pair<std::vector<cv::Vec2f>, std::vector<cv::Vec2f>>>& frames) {
+  Areas areas;
+  for (int i = 0; i < 2; ++i) {
+    areas.Add(areas.cam1, 0, 100)->lines.push_back(cv::Vec2f(5000.0f, 0.0f));
+    areas.Add(areas.cam2, 0, 100)->lines.push_back(cv::Vec2f(5000.0f, 0.0f));
+  }
+  for (const auto& [lines1, lines2] : frames) {
+    areas.Add(areas.cam1, 0, 100)->lines = lines1;
+    areas.Add(areas.cam2, 0, 100)->lines = lines2;
+  }
+  return areas;
+}
+
+TEST(SelectSpinAxisInliers, EmptyListReturnsOne) {
+  ClubTracker tracker(PlainCameras(0.0));
+  Areas areas = InlierFrames({{{cv::Vec2f(0.0f, 0.0f)}, {cv::Vec2f(0.0f, 0.0f)}}});
+  std::vector<ClubSpinAxis3D> axes;
+  EXPECT_EQ(ClubTrackerTestAccess::SelectSpinAxisInliers(tracker, areas.cam1, areas.cam2, axes), 1);
+  EXPECT_TRUE(axes.empty());
+}
+
+// The hypothesis's own frames count without a test, with its stored lines.
+TEST(SelectSpinAxisInliers, OwnFramesOnly) {
+  ClubTracker tracker(PlainCameras(0.0));
+  Areas areas = InlierFrames({{{cv::Vec2f(0.0f, 0.0f)}, {}}, {{}, {cv::Vec2f(0.0f, 0.0f)}}});
+  std::vector<ClubSpinAxis3D> axes{Hypothesis(0.0, 5.0, 5.0)};
+  axes[0].inliers.push_back(SpinAxisInlier{});  // replaced, not appended to
+  ASSERT_EQ(ClubTrackerTestAccess::SelectSpinAxisInliers(tracker, areas.cam1, areas.cam2, axes), 1);
+  ASSERT_EQ(axes[0].inliers.size(), 2u);
+  EXPECT_EQ(axes[0].inliers[0].frame, 0);
+  EXPECT_EQ(axes[0].inliers[0].cam1Line, axes[0].firstCam1Line);
+  EXPECT_EQ(axes[0].inliers[0].cam2Line, axes[0].firstCam2Line);
+  EXPECT_EQ(axes[0].inliers[1].frame, 1);
+  EXPECT_EQ(axes[0].inliers[1].cam1Line, axes[0].secondCam1Line);
+  EXPECT_EQ(axes[0].inliers[1].cam2Line, axes[0].secondCam2Line);
+}
+
+struct Strictness {
+  double cam1X;  // the cameras' centres
+  double cam2X;
+  double x;  // the pivot's x
+  bool inlier;
+};
+
+class InlierStrictness : public ::testing::TestWithParam<Strictness> {};
+
+// Both cameras must be strictly within 10.
+TEST_P(InlierStrictness, BothCamerasStrictlyBelowTen) {
+  const Strictness s = GetParam();
+  const ClubTrackerSetting setting = PlainCameras(s.cam1X, s.cam2X);
+  ClubTracker tracker(setting);
+  const cv::Vec2f line(0.0f, 0.0f);  // the plane x = centre's x: distance |x - centre x|
+  Areas areas = InlierFrames({{{line}, {line}}});
+  std::vector<ClubSpinAxis3D> axes{Hypothesis(s.x, 40.0, 900.0)};
+  const double d1 = LiteralDistance(setting, 1, areas.cam1[2], line, axes[0].pivot);
+  const double d2 = LiteralDistance(setting, 2, areas.cam2[2], line, axes[0].pivot);
+  ASSERT_EQ(10.0 > d1 && 10.0 > d2, s.inlier) << d1 << " " << d2;
+  ASSERT_EQ(ClubTrackerTestAccess::SelectSpinAxisInliers(tracker, areas.cam1, areas.cam2, axes), 1);
+  EXPECT_EQ(axes[0].inliers.size(), s.inlier ? 3u : 2u) << d1 << " " << d2;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Distances, InlierStrictness,
+    ::testing::Values(Strictness{0.01, 0.0, 10.0, false},    // 9.99 and exactly 10.0
+                      Strictness{0.0, 0.01, 10.0, false},    // exactly 10.0 and 9.99
+                      Strictness{-0.01, 0.0, -10.0, false},  // the same on the other side
+                      Strictness{0.0, 0.0, 10.0, false},     // 10.0 in both
+                      Strictness{0.01, 0.0, 9.999, true},    // 9.989 and 9.999
+                      Strictness{0.0, 0.0, -9.99, true}));
+
+// Two lines at the same distance: the earlier one in the list is recorded.
+TEST(SelectSpinAxisInliers, EqualDistancesKeepTheEarlierLine) {
+  ClubTracker tracker(PlainCameras(0.0));
+  const cv::Vec2f plus(0.004f, 0.0f);
+  const cv::Vec2f minus(-0.004f, 0.0f);
+  const cv::Vec2f far(3.0f, 0.0f);
+  Areas areas = InlierFrames({{{far, plus, minus}, {minus, plus}}});
+  std::vector<ClubSpinAxis3D> axes{Hypothesis(0.0, 0.0, 1000.0)};
+  const double dp = LiteralDistance(tracker.setting, 1, areas.cam1[2], plus, axes[0].pivot);
+  const double dm = LiteralDistance(tracker.setting, 1, areas.cam1[2], minus, axes[0].pivot);
+  ASSERT_EQ(dp, dm);
+  ASSERT_LT(dp, 10.0);
+  ASSERT_EQ(ClubTrackerTestAccess::SelectSpinAxisInliers(tracker, areas.cam1, areas.cam2, axes), 1);
+  ASSERT_EQ(axes[0].inliers.size(), 3u);
+  EXPECT_EQ(axes[0].inliers[2].frame, 2);
+  EXPECT_EQ(axes[0].inliers[2].cam1Line, plus);
+  EXPECT_EQ(axes[0].inliers[2].cam2Line, minus);
+}
+
+// A frame without lines in a camera, or with a degenerate (NaN) plane, never
+// supports a hypothesis.
+TEST(SelectSpinAxisInliers, MissingLinesAndNaNPlanesNeverCount) {
+  ClubTracker tracker(PlainCameras(0.0));
+  const cv::Vec2f line(0.0f, 0.0f);
+  Areas areas = InlierFrames({{{line}, {}}, {{}, {line}}, {{line}, {line}}, {{line}, {line}}});
+  areas.cam2[5]->image = cv::Mat();  // no rows: both points of the line coincide
+  std::vector<ClubSpinAxis3D> axes{Hypothesis(1.0, 0.0, 500.0), Hypothesis(1.0, 0.0, 500.0)};
+  axes[1].secondFrame = 7;  // out of range: only frame 0 is its own
+  ASSERT_EQ(ClubTrackerTestAccess::SelectSpinAxisInliers(tracker, areas.cam1, areas.cam2, axes), 1);
+  std::vector<int> frames;
+  for (const SpinAxisInlier& in : axes[0].inliers) frames.push_back(in.frame);
+  EXPECT_EQ(frames, (std::vector<int>{0, 1, 4}));
+  frames.clear();
+  for (const SpinAxisInlier& in : axes[1].inliers) frames.push_back(in.frame);
+  EXPECT_EQ(frames, (std::vector<int>{0, 4}));
+}
+
+// ---------------------------------------------------------------- sort and refit
+
+// Group A (frames 0-4) turns about the true pivot, with frame 4's camera-1
+// line shifted so that A's refit has about `targetResidual`; group B (frames
+// 5-8) turns exactly about a pivot 130 mm away. A's hypotheses have five
+// inliers and rank first.
+struct TwoPivots {
+  std::unique_ptr<TruthSwing> swing;
+  Areas areas;
+};
+
+// Frames [0, groupA) turn about the true pivot, frames [groupA, groupA +
+// groupB) about the true pivot moved by `moved`. Camera 1's line of frame
+// groupA - 1 is shifted sideways by `shift` mm.
+TwoPivots MakeTwoPivots(double shift, int groupA = 5, int groupB = 4,
+                        cv::Vec3d moved = cv::Vec3d(110.0, 0.0, 70.0)) {
+  TwoPivots s;
+  s.swing = MakeTruthSwing(synth::SwingScene());
+  const synth::SwingTruth& truth = s.swing->truth;
+  const cv::Vec3d pivots[2] = {truth.pivot, truth.pivot + moved};
+  for (int i = 0; i < groupA + groupB; ++i) {
+    const cv::Vec3d pivot = pivots[i < groupA ? 0 : 1];
+    const double time = truth.FrameTime(0, 2 * i);
+    const cv::Vec3d dir = truth.ShaftDirection(time);
+    for (int c = 0; c < 2; ++c) {
+      const synth::CameraModel& camera = truth.cameras[c];
+      cv::Vec3d offset(0.0, 0.0, 0.0);
+      if (i == groupA - 1 && c == 0) offset = shift * cv::normalize(dir.cross(pivot - camera.Center()));
+      CandidateAreaImage* area =
+          s.areas.Add(c == 0 ? s.areas.cam1 : s.areas.cam2, camera.sensorOffsetY, camera.height);
+      area->sensorOffsetX = camera.sensorOffsetX;
+      const cv::Vec2d ball = truth.BallInWindow(c);
+      area->ballX = static_cast<float>(ball[0]);
+      area->ballY = static_cast<float>(ball[1]);
+      area->lines.push_back(synth::HoughLineOf(camera, pivot + offset + truth.gripDistance * dir,
+                                               pivot + offset + truth.headRadius * dir));
+    }
+  }
+  return s;
+}
+
+// Refit residual of a hypothesis's inliers, formed literally.
+double LiteralRefit(const ClubTrackerSetting& setting, const Areas& areas,
+                    const std::vector<SpinAxisInlier>& inliers, cv::Vec3d* pivot = nullptr) {
+  const reference::Camera c1 = reference::MakeCamera(setting.cam1Intrinsic, setting.cam1Extrinsic);
+  const reference::Camera c2 = reference::MakeCamera(setting.cam2Intrinsic, setting.cam2Extrinsic);
+  const int m = static_cast<int>(inliers.size());
+  cv::Mat a(2 * m, 3, CV_64F);
+  cv::Mat d(2 * m, 1, CV_64F);
+  for (int k = 0; k < 2 * m; ++k) {
+    const bool first = k < m;
+    const SpinAxisInlier& in = inliers[first ? k : k - m];
+    cv::Mat n;
+    reference::ImageLineToPlane(n, first ? areas.cam1 : areas.cam2, in.frame,
+                                first ? in.cam1Line : in.cam2Line,
+                                first ? c1.rayMatrix : c2.rayMatrix);
+    n = n * (1.0 / cv::norm(n));
+    for (int col = 0; col < 3; ++col) a.at<double>(k, col) = n.at<double>(col);
+    d.at<double>(k) = n.dot(first ? c1.center : c2.center);
+  }
+  const cv::Mat x = a.inv(cv::DECOMP_SVD) * d;
+  const cv::Mat r = a * x - d;
+  if (pivot != nullptr) *pivot = cv::Vec3d(x.at<double>(0), x.at<double>(1), x.at<double>(2));
+  return r.dot(r) / r.rows;
+}
+
+std::vector<SpinAxisInlier> GroupInliers(const Areas& areas, int from, int to) {
+  std::vector<SpinAxisInlier> inliers;
+  for (int j = from; j < to; ++j) {
+    SpinAxisInlier in;
+    in.frame = j;
+    in.cam1Line = areas.cam1[j]->lines[0];
+    in.cam2Line = areas.cam2[j]->lines[0];
+    inliers.push_back(in);
+  }
+  return inliers;
+}
+
+// The shift of frame 4 that gives group A's refit the wanted residual.
+double ShiftFor(double residual) {
+  double low = 0.0;
+  double high = 12.0;
+  for (int i = 0; i < 40; ++i) {
+    const double mid = 0.5 * (low + high);
+    const TwoPivots s = MakeTwoPivots(mid);
+    (LiteralRefit(s.swing->setting, s.areas, GroupInliers(s.areas, 0, 5)) < residual ? low : high) =
+        mid;
+  }
+  return 0.5 * (low + high);
+}
+
+// The refit walks the hypotheses in rank order and stops at the first
+// residual below 3.0, even when a later hypothesis fits better; above 3.0 it
+// goes on and keeps the best.
+TEST(Refit, StopsAtTheFirstResidualBelowThree) {
+  for (const double target : {2.9, 3.1}) {
+    const TwoPivots s = MakeTwoPivots(ShiftFor(target));
+    const double groupA = LiteralRefit(s.swing->setting, s.areas, GroupInliers(s.areas, 0, 5));
+    ASSERT_NEAR(groupA, target, 0.01);
+    const double groupB = LiteralRefit(s.swing->setting, s.areas, GroupInliers(s.areas, 5, 9));
+    ASSERT_LT(groupB, 1e-6);
+
+    LoggedTracker t(s.swing->setting);
+    ClubSpinAxis3D axis;
+    ASSERT_EQ(ClubTrackerTestAccess::FindClubSpinAxis(t.tracker, s.areas.cam1, s.areas.cam2, axis),
+              1);
+    std::vector<int> frames;
+    for (const SpinAxisInlier& in : axis.inliers) frames.push_back(in.frame);
+    cv::Vec3d pivot;
+    const double residual = LiteralRefit(s.swing->setting, s.areas, axis.inliers, &pivot);
+    EXPECT_EQ(std::memcmp(axis.pivot, pivot.val, sizeof axis.pivot), 0);
+    if (target < 3.0) {
+      EXPECT_EQ(frames, (std::vector<int>{0, 1, 2, 3, 4}));
+      EXPECT_EQ(residual, groupA);
+    } else {
+      // Group A's refit was solved and passed over; the best is taken.
+      EXPECT_LT(residual, 3.0);
+      EXPECT_EQ(frames, (std::vector<int>{5, 6, 7, 8}));
+    }
+  }
+}
+
+// Equal inlier counts rank by |pivot[axisIndex]|, and the axisIndex of the
+// sort is the one the first search of the process used: a later tracker with
+// another axisIndex still ranks by it.
+TEST(Sort, RanksByTheFirstTrackersAxisIndex) {
+  // Two groups of four frames about two pivots: equal inlier counts; the
+  // second pivot lies further out on y and less far on z.
+  const synth::SwingTruth truth = synth::MakeTruth(synth::SwingScene());
+  const cv::Vec3d moved(0.0, truth.pivot[1] > 0 ? 60.0 : -60.0, truth.pivot[2] > 0 ? -80.0 : 80.0);
+  const TwoPivots s = MakeTwoPivots(0.0, 4, 4, moved);
+  const std::unique_ptr<TruthSwing>& swing = s.swing;
+  const std::vector<CandidateAreaImage*>& cam1 = s.areas.cam1;
+  const std::vector<CandidateAreaImage*>& cam2 = s.areas.cam2;
+
+  // Make sure this process's sort has been set up, by a tracker on axis 1.
+  {
+    ClubTracker first(swing->setting);
+    ClubSpinAxis3D axis;
+    ASSERT_EQ(ClubTrackerTestAccess::FindClubSpinAxis(first, cam1, cam2, axis), 1);
+  }
+  ClubTrackerSetting other = swing->setting;
+  other.axisIndex = 2;
+  double referenceOther[3] = {0.0, 0.0, 0.0};
+  ClubSpinAxis3D axisOther;
+  SpinAxisSearchStats statsOther;
+  SearchClubSpinAxis(other, referenceOther, cam1, cam2, axisOther, &statsOther);
+
+  // The literal search ranks with its own static, set here on axis 1.
+  double referenceLiteral[3] = {0.0, 0.0, 0.0};
+  reference::SpinAxisStats literal;
+  ClubSpinAxis3D axisLiteral;
+  reference::FindClubSpinAxis(swing->setting, referenceLiteral, nullptr, cam1, cam2, axisLiteral,
+                              &literal);
+  ASSERT_GT(literal.sorted.size(), 2u);
+  for (size_t i = 1; i < literal.sorted.size(); ++i) {
+    const ClubSpinAxis3D& l = literal.sorted[i - 1];
+    const ClubSpinAxis3D& r = literal.sorted[i];
+    ASSERT_GE(l.inliers.size(), r.inliers.size());
+    if (l.inliers.size() == r.inliers.size()) {
+      ASSERT_GE(std::abs(l.pivot[1]), std::abs(r.pivot[1]));
+    }
+  }
+  // Among the most supported hypotheses, axis 1 and axis 2 would put
+  // different ones first.
+  const size_t top = literal.sorted[0].inliers.size();
+  const auto firstBy = [&](int index) {
+    int best = -1;
+    double magnitude = -1.0;
+    bool unique = true;
+    for (const ClubSpinAxis3D& h : literal.sorted) {
+      if (h.inliers.size() != top) break;
+      const double m = std::abs(h.pivot[index]);
+      if (m > magnitude) {
+        magnitude = m;
+        best = h.id;
+        unique = true;
+      } else if (m == magnitude) {
+        unique = false;
+      }
+    }
+    return unique ? best : -1;
+  };
+  const int byAxis1 = firstBy(1);
+  const int byAxis2 = firstBy(2);
+  ASSERT_NE(byAxis1, -1);
+  ASSERT_NE(byAxis2, -1);
+  ASSERT_NE(byAxis1, byAxis2);
+  ASSERT_EQ(axisLiteral.id, byAxis1);
+  EXPECT_EQ(axisOther.id, byAxis1);
+  EXPECT_EQ(std::memcmp(axisOther.pivot, axisLiteral.pivot, sizeof axisLiteral.pivot), 0);
+}
+
+}  // namespace
