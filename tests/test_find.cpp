@@ -7,6 +7,7 @@
 #include <cstring>
 #include <functional>
 #include <limits>
+#include <memory>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -16,7 +17,9 @@
 
 #include <gtest/gtest.h>
 
+#include "analysis/analysis.h"
 #include "support/access.h"
+#include "synth/swing.h"
 
 namespace {
 
@@ -447,6 +450,197 @@ TEST(Find, ThrowingLogCallbackDoesNotEscape) {
   tracker.setting.logContext = nullptr;
   ClubTrackerResult result;
   EXPECT_NO_THROW(tracker.Find(cam1.List(), cam2.List(), result, 0));
+}
+
+// --- whole swings --------------------------------------------------------------
+
+class WholeSwing : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { recording_ = new synth::Recording(synth::Render(synth::SwingScene{})); }
+  static void TearDownTestSuite() {
+    delete recording_;
+    recording_ = nullptr;
+  }
+
+  // A tracker configured for the swing, logging into `log`.
+  static ClubTrackerSetting Setting(LogCapture& log) {
+    ClubTrackerSetting setting = recording_->setting;
+    setting.logCallback = CaptureLog;
+    setting.logContext = &log;
+    return setting;
+  }
+
+  static synth::Recording* recording_;
+};
+
+synth::Recording* WholeSwing::recording_ = nullptr;
+
+TEST_F(WholeSwing, SecondCallReplacesTheResultArrays) {
+  LogCapture log;
+  TemplateSpy tracker(log);
+  tracker.SetTrackerSetting(Setting(log));
+  ClubTrackerResult result;
+  tracker.Find(recording_->Cam1(), recording_->Cam2(), result, 0);
+  ASSERT_GT(result.clubHeadSpeed, 0.0);
+  const double speed = result.clubHeadSpeed;
+  const int frames = static_cast<int>(recording_->Cam1().size() + recording_->Cam2().size());
+  ASSERT_EQ(result.frameCount, frames);
+
+  // The second call starts from the filled result; the sanitizer run checks
+  // that the first call's arrays and buffers are released.
+  log.lines.clear();
+  tracker.Find(recording_->Cam1(), recording_->Cam2(), result, 0);
+  EXPECT_EQ(result.frameCount, frames);
+  EXPECT_EQ(result.clubHeadSpeed, speed);
+  EXPECT_EQ(tracker.calls, 0);
+  EXPECT_TRUE(IsEndLine(log.lines.back()));
+
+  // Every entry's size matches its paired frame, so every entry has raw pixels.
+  const std::vector<ClubImage*> cam1 = recording_->Cam1();
+  const std::vector<ClubImage*> cam2 = recording_->Cam2();
+  for (int e = 0; e < result.frameCount; ++e) {
+    SCOPED_TRACE(e);
+    const ClubImage* source =
+        e < static_cast<int>(cam1.size()) ? cam1[static_cast<size_t>(e)]
+                                          : cam2[static_cast<size_t>(e) - cam1.size()];
+    ASSERT_NE(result.frames[e].rawPixels, nullptr);
+    EXPECT_EQ(std::memcmp(result.frames[e].rawPixels, source->pixels,
+                          static_cast<size_t>(source->width) * source->height),
+              0);
+  }
+}
+
+// The entries are sized after the region of interest, so a cropping region
+// leaves every raw-pixel buffer null.
+TEST_F(WholeSwing, CroppingRegionLeavesRawPixelsNull) {
+  LogCapture log;
+  TemplateSpy tracker(log);
+  ClubTrackerSetting setting = Setting(log);
+  setting.roiWidth = static_cast<int32_t>(recording_->Cam1()[0]->width);
+  setting.roiHeight = static_cast<int32_t>(recording_->Cam1()[0]->height) - 8;
+  tracker.SetTrackerSetting(setting);
+  ClubTrackerResult result;
+  tracker.Find(recording_->Cam1(), recording_->Cam2(), result, 0);
+  ASSERT_EQ(result.frameCount,
+            static_cast<int>(recording_->Cam1().size() + recording_->Cam2().size()));
+  for (int e = 0; e < result.frameCount; ++e) {
+    EXPECT_EQ(result.frames[e].image.height, static_cast<uint32_t>(setting.roiHeight));
+    EXPECT_EQ(result.frames[e].rawPixels, nullptr);
+  }
+}
+
+TEST_F(WholeSwing, TimeIsCheckedAfterTheSpinAxis) {
+  LogCapture log;
+  log.onLine = [](const std::string& line) {
+    if (line == "FindClubSpinAxis end.") std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  };
+  TemplateSpy tracker(log);
+  tracker.SetTrackerSetting(Setting(log));
+  ClubTrackerResult result;
+  tracker.Find(recording_->Cam1(), recording_->Cam2(), result, 1);
+  ASSERT_FALSE(log.lines.empty());
+  EXPECT_EQ(log.lines.back(), "FindClubSpinAxis end.");
+  EXPECT_EQ(result.frames, nullptr);
+  EXPECT_EQ(tracker.calls, 0);
+}
+
+// The driver makes each frame's edge map once and reuses it in every pass:
+// the passes report what extracting the lines from the masks anew reports.
+TEST_F(WholeSwing, LinePassesMatchExtractionFromTheMasks) {
+  LogCapture log;
+  TemplateSpy tracker(log);
+  tracker.SetTrackerSetting(Setting(log));
+  ClubTrackerResult result;
+  tracker.Find(recording_->Cam1(), recording_->Cam2(), result, 0);
+  std::vector<std::string> passes;
+  for (const std::string& line : log.lines) {
+    if (line.rfind("cam1LineSize(", 0) == 0) passes.push_back(line);
+  }
+  ASSERT_FALSE(passes.empty());
+
+  // The same steps with the stages called one by one.
+  ClubTracker literal(recording_->setting);
+  using Access = ClubTrackerTestAccess;
+  std::vector<PreprocessedImage> pre[2];
+  std::vector<CandidateAreaImage*> cand[2];
+  std::vector<std::unique_ptr<CandidateAreaImage>> owned;
+  const std::vector<ClubImage*> frames[2] = {recording_->Cam1(), recording_->Cam2()};
+  ASSERT_EQ(frames[0].size(), frames[1].size());  // the default swing pairs one to one
+  const int n = static_cast<int>(frames[0].size());
+  for (int c = 0; c < 2; ++c) {
+    pre[c].resize(frames[c].size());
+    std::vector<PreprocessedImage*> list;
+    for (size_t k = 0; k < frames[c].size(); ++k) {
+      Access::Preprocessing(literal, frames[c][k], &pre[c][k]);
+      list.push_back(&pre[c][k]);
+    }
+    Access::FindCandidateArea(literal, list, cand[c]);
+    for (CandidateAreaImage* area : cand[c]) owned.emplace_back(area);
+  }
+  std::vector<cv::Mat> masks[2] = {std::vector<cv::Mat>(n), std::vector<cv::Mat>(n)};
+  int both = 0;
+  for (int k = 0; k < n; ++k) {
+    int present[2] = {0, 0};
+    for (int c = 0; c < 2; ++c) RefineCandidateMask(cand[c][k]->image, masks[c][k], &present[c]);
+    both += present[0] == 1 && present[1] == 1;
+  }
+  int head[2] = {0, 0};
+  if (both > 10) {
+    for (int c = 0; c < 2; ++c) {
+      std::vector<int> sizes;
+      MeasureHeadSizes(literal, cand[c], masks[c], sizes);
+      std::vector<int> positive;
+      for (const int size : sizes) {
+        if (size > 0) positive.push_back(size);
+      }
+      std::sort(positive.begin(), positive.end());
+      ASSERT_FALSE(positive.empty());
+      head[c] = positive[2 * positive.size() / 3];
+    }
+  }
+  for (int k = 0; k < n; ++k) {
+    for (int c = 0; c < 2; ++c) Access::DeleteDriverHeadArea(literal, cand[c][k], head[c]);
+  }
+  float lineSize[2] = {4.5f, 4.5f};
+  int redo[2] = {1, 1};
+  std::vector<std::string> literalPasses;
+  for (int pass = 1; redo[0] != 0 || redo[1] != 0; ++pass) {
+    for (int c = 0; c < 2; ++c) {
+      if (redo[c] != 1) continue;
+      const int before = Access::GetLineThreshold(literal, cand[c][0], lineSize[c]);
+      int after = 0;
+      for (CandidateAreaImage* area : cand[c]) {
+        if (area->afterImpact == 1) {
+          if (after <= 0) after = Access::GetLineThreshold(literal, area, lineSize[c]);
+          Access::ExtractCandidates(literal, area, after);
+        } else {
+          Access::ExtractCandidates(literal, area, before);
+        }
+      }
+      redo[c] = 0;
+    }
+    int count[2] = {0, 0};
+    int pairs = 0;
+    for (int k = 0; k < n; ++k) {
+      for (int c = 0; c < 2; ++c) count[c] += static_cast<int>(cand[c][k]->lines.size());
+      pairs += !cand[0][k]->lines.empty() && !cand[1][k]->lines.empty() &&
+               cand[0][k]->afterImpact == 0 && cand[1][k]->afterImpact == 0;
+    }
+    char line[160];
+    std::snprintf(line, sizeof line, "cam1LineSize(%f - %d), cam2LineSize(%f - %d), foundPair:%d",
+                  static_cast<double>(lineSize[0]), count[0], static_cast<double>(lineSize[1]),
+                  count[1], pairs);
+    literalPasses.push_back(line);
+    if (pass >= 10) break;
+    for (int c = 0; c < 2; ++c) {
+      const bool enough = pairs >= 3 && count[c] >= 2 * n;
+      if (enough && count[c] <= 4 * n) continue;
+      redo[c] = 1;
+      lineSize[c] = static_cast<float>(enough ? lineSize[c] - 0.2 : lineSize[c] * 1.1);
+      for (CandidateAreaImage* area : cand[c]) area->lines.clear();
+    }
+  }
+  EXPECT_EQ(passes, literalPasses);
 }
 
 }  // namespace
