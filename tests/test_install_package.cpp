@@ -1,0 +1,145 @@
+// The installed package stays usable: cmake --install into a fresh prefix,
+// the example host configured with find_package(clubtracker CONFIG) and built
+// against it, then run on a synthetic recording; pkg-config finds the library.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "synth/swing.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct TempFolder {
+  fs::path path;
+  TempFolder() {
+    path = fs::temp_directory_path() / ("clubtracker-install-" + std::to_string(::getpid()));
+    fs::remove_all(path);
+    fs::create_directories(path);
+  }
+  ~TempFolder() {
+    std::error_code ec;
+    fs::remove_all(path, ec);
+  }
+};
+
+std::string Quote(const std::string& text) {
+  std::string quoted = "'";
+  for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
+std::string ReadAll(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// Runs a shell command with its output in `log`; returns the exit status.
+int Shell(const std::string& command, const fs::path& log, std::string* output = nullptr) {
+  const int raw = std::system((command + " >" + Quote(log.string()) + " 2>&1").c_str());
+  if (output != nullptr) *output = ReadAll(log);
+  return WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+}
+
+fs::path FindFile(const fs::path& root, const std::string& name) {
+  for (const auto& entry : fs::recursive_directory_iterator(root)) {
+    if (entry.path().filename() == name) return entry.path();
+  }
+  return {};
+}
+
+}  // namespace
+
+TEST(InstallPackage, HostBuildsAgainstTheInstalledPackageAndRuns) {
+  TempFolder temp;
+  const fs::path prefix = temp.path / "prefix";
+  const fs::path log = temp.path / "command.log";
+  std::string output;
+
+  ASSERT_EQ(Shell("cmake --install " + Quote(CLUBTRACKER_BINARY_DIR) + " --prefix " +
+                      Quote(prefix.string()),
+                  log, &output),
+            0)
+      << output;
+  for (const char* header : {"clubtracker/ClubTracker.h", "clubtracker/QuarvelTestingInterface.h",
+                             "imageprocess/ImageProcess.h"}) {
+    EXPECT_TRUE(fs::exists(prefix / "include" / header)) << header;
+  }
+  EXPECT_TRUE(fs::exists(prefix / "bin" / "clubtrack"));
+  const fs::path library = FindFile(prefix, "libclubtracker.so");
+  ASSERT_FALSE(library.empty());
+  EXPECT_TRUE(fs::exists(library.parent_path() / "libimageprocess.so"));
+  EXPECT_FALSE(FindFile(prefix, "clubtrackerConfig.cmake").empty());
+  EXPECT_FALSE(FindFile(prefix, "clubtrackerConfigVersion.cmake").empty());
+  const fs::path pcFile = FindFile(prefix, "clubtracker.pc");
+  ASSERT_FALSE(pcFile.empty());
+
+  // pkg-config: the .pc file finds its prefix from where it lies.
+  ASSERT_EQ(Shell("PKG_CONFIG_PATH=" + Quote(pcFile.parent_path().string()) +
+                      " pkg-config --cflags --libs clubtracker",
+                  log, &output),
+            0)
+      << output;
+  EXPECT_NE(output.find("-lclubtracker"), std::string::npos) << output;
+  EXPECT_NE(output.find("-limageprocess"), std::string::npos) << output;
+  const std::smatch include = [&] {
+    std::smatch m;
+    std::regex_search(output, m, std::regex("-I(\\S+)"));
+    return m;
+  }();
+  ASSERT_FALSE(include.empty()) << output;
+  EXPECT_TRUE(fs::exists(fs::path(include[1].str()) / "clubtracker" / "ClubTracker.h"))
+      << include[1].str();
+
+  // The example host, configured and built against the installed package only.
+  std::string flags;
+#if defined(__SANITIZE_ADDRESS__)
+  // The installed library is instrumented; the host must load the runtime first.
+  flags = " -DCMAKE_CXX_FLAGS=-fsanitize=address,undefined"
+          " -DCMAKE_EXE_LINKER_FLAGS=-fsanitize=address,undefined";
+#endif
+  const fs::path hostBuild = temp.path / "host-build";
+  ASSERT_EQ(Shell("cmake -S " + Quote(std::string(CLUBTRACKER_SOURCE_DIR) + "/examples/host") +
+                      " -B " + Quote(hostBuild.string()) + " -DCMAKE_BUILD_TYPE=Release" +
+                      " -DCMAKE_PREFIX_PATH=" + Quote(prefix.string()) + flags,
+                  log, &output),
+            0)
+      << output;
+  ASSERT_EQ(Shell("cmake --build " + Quote(hostBuild.string()), log, &output), 0) << output;
+
+  // A short synthetic swing, enough for a line-based speed.
+  synth::SwingScene scene;
+  scene.frames = 16;
+  scene.impactIndex = 10;
+  const synth::Recording recording = synth::Render(scene);
+  const fs::path swing = temp.path / "swing";
+  synth::WriteRecording(recording, swing);
+
+  const int status = Shell(Quote((hostBuild / "clubtracker_host").string()) + " " +
+                               Quote(swing.string()) + " " + Quote(library.string()),
+                           log, &output);
+  ASSERT_EQ(status, 0) << output;
+  std::smatch speed;
+  ASSERT_TRUE(std::regex_search(output, speed, std::regex("club-head speed: (\\S+) mm/us")))
+      << output;
+  const double measured = std::stod(speed[1].str());
+  EXPECT_LT(std::fabs(measured / recording.truth.clubHeadSpeed - 1.0), 0.5)
+      << "measured " << measured << ", truth " << recording.truth.clubHeadSpeed;
+  EXPECT_NE(output.find("paired frames: 16"), std::string::npos) << output;
+
+  // The installed tool runs from its own prefix.
+  ASSERT_EQ(Shell(Quote((prefix / "bin" / "clubtrack").string()) + " --help", log, &output), 0)
+      << output;
+  EXPECT_NE(output.find("run"), std::string::npos);
+}
