@@ -14,6 +14,7 @@
 #include <opencv2/core.hpp>
 
 #include "analysis/analysis.h"
+#include "tracker/find_lines.h"
 #include "tracker/records.h"
 
 namespace {
@@ -22,10 +23,6 @@ using Clock = std::chrono::steady_clock;
 
 // Frames whose time stamps differ by at most this many units are one pair.
 constexpr int64_t kPairTolerance = 10;
-// Passes of the adaptive line extraction.
-constexpr int kMaxLinePasses = 10;
-constexpr float kInitialLineSize = 4.5f;
-
 // Takes the records that a stage appended to `made` into `owned`. Every record
 // is owned once this returns or throws.
 template <typename T>
@@ -51,53 +48,6 @@ int AgreedHeadSize(std::vector<int>& sizes) {
   if (positive.empty()) return 0;
   std::sort(positive.begin(), positive.end());
   return positive[(2 * positive.size()) / 3];
-}
-
-// One camera's shaft-line extraction with the current line size: frames
-// before the impact share the first frame's threshold, frames after it the
-// threshold of the first after-impact frame that gives a positive one.
-void ExtractCameraLines(ClubTracker& tracker,
-                        int (ClubTracker::*threshold)(CandidateAreaImage*, float),
-                        const std::vector<CandidateAreaImage*>& areas,
-                        const std::vector<cv::Mat>& edges, float lineSize) {
-  CandidateAreaImage* first = areas.empty() ? nullptr : areas[0];
-  const int beforeThreshold = (tracker.*threshold)(first, lineSize);
-  int afterThreshold = 0;
-  for (size_t k = 0; k < areas.size(); ++k) {
-    CandidateAreaImage* area = areas[k];
-    if (area->afterImpact == 1) {
-      if (afterThreshold <= 0) afterThreshold = (tracker.*threshold)(area, lineSize);
-      ExtractCandidatesFromEdges(area, edges[k], afterThreshold);
-    } else {
-      ExtractCandidatesFromEdges(area, edges[k], beforeThreshold);
-    }
-  }
-}
-
-int CountLines(const std::vector<CandidateAreaImage*>& areas) {
-  size_t total = 0;
-  for (const CandidateAreaImage* area : areas) total += area->lines.size();
-  return static_cast<int>(total);
-}
-
-void ClearLines(const std::vector<CandidateAreaImage*>& areas) {
-  for (CandidateAreaImage* area : areas) area->lines.clear();
-}
-
-// Decides whether a camera's lines are extracted again, and with which size.
-void AdaptLineSize(int foundPair, int lineCount, int frames, float& lineSize, int& redo,
-                   const std::vector<CandidateAreaImage*>& areas) {
-  if (foundPair >= 3 && lineCount >= 2 * frames) {
-    if (lineCount > 4 * frames) {
-      redo = 1;
-      lineSize = static_cast<float>(static_cast<double>(lineSize) - 0.2);
-      ClearLines(areas);
-    }
-  } else {
-    redo = 1;
-    lineSize = static_cast<float>(static_cast<double>(lineSize) * 1.1);
-    ClearLines(areas);
-  }
 }
 
 // One line of text without line breaks, for the failure log line.
@@ -226,54 +176,26 @@ int ClubTracker::Find(std::vector<ClubImage*> cam1Images, std::vector<ClubImage*
     }
     if (timeUp()) return 0;
 
-    // The masks stay as they are from here on: each frame's edge map is made
-    // once and serves every pass of the line extraction.
-    std::vector<cv::Mat> edges1(n);
-    std::vector<cv::Mat> edges2(n);
-    for (int k = 0; k < n; ++k) {
-      ComputeShaftEdges(cand1[k]->image, edges1[k]);
-      ComputeShaftEdges(cand2[k]->image, edges2[k]);
-    }
-
-    // Adaptive line extraction.
-    float lineSize1 = kInitialLineSize;
-    float lineSize2 = kInitialLineSize;
-    int redo1 = 1;
-    int redo2 = 1;
+    // Adaptive line extraction. The masks stay as they are from here on, so
+    // each frame's edge map is made once and serves every pass.
     int foundPair = 0;
-    int pass = 0;
-    do {
-      ++pass;
-      foundPair = 0;
-      if (redo1 == 1) ExtractCameraLines(*this, &ClubTracker::GetLineThreshold, cand1, edges1, lineSize1);
-      if (redo2 == 1) ExtractCameraLines(*this, &ClubTracker::GetLineThreshold, cand2, edges2, lineSize2);
-      redo1 = 0;
-      redo2 = 0;
-      if (cand1.size() != cand2.size()) return 0;
-
-      const int lineCount1 = CountLines(cand1);
-      const int lineCount2 = CountLines(cand2);
-      for (int k = 0; k < n; ++k) {
-        if (!cand1[k]->lines.empty() && !cand2[k]->lines.empty() && cand1[k]->afterImpact == 0 &&
-            cand2[k]->afterImpact == 0) {
-          ++foundPair;
-        }
-      }
-      Log("cam1LineSize(%f - %d), cam2LineSize(%f - %d), foundPair:%d",
-          static_cast<double>(lineSize1), lineCount1, static_cast<double>(lineSize2), lineCount2,
-          foundPair);
-
-      if (pass < kMaxLinePasses) {
-        AdaptLineSize(foundPair, lineCount1, n, lineSize1, redo1, cand1);
-        AdaptLineSize(foundPair, lineCount2, n, lineSize2, redo2, cand2);
-      } else {
-        const auto within = [n](int count) { return count >= 2 * n && count <= 4 * n; };
-        if (!(within(lineCount1) && within(lineCount2))) foundPair = 0;
-      }
-      if (timeUp()) return 0;
-    } while (redo1 != 0 || redo2 != 0);
-    edges1.clear();
-    edges2.clear();
+    {
+      LinePasses passes(
+          [this](CandidateAreaImage* area, float lineSize) {
+            return GetLineThreshold(area, lineSize);
+          },
+          cand1, cand2);
+      do {
+        passes.Extract();
+        if (cand1.size() != cand2.size()) return 0;
+        Log("cam1LineSize(%f - %d), cam2LineSize(%f - %d), foundPair:%d",
+            static_cast<double>(passes.lineSize(0)), passes.lineCount(0),
+            static_cast<double>(passes.lineSize(1)), passes.lineCount(1), passes.foundPair());
+        passes.Decide();
+        if (timeUp()) return 0;
+      } while (passes.Again());
+      foundPair = passes.foundPair();
+    }
 
     // Spin axis, then shaft, head and speed.
     if (foundPair < 3) {

@@ -1,0 +1,86 @@
+#include "tracker/find_lines.h"
+
+#include <utility>
+
+#include "analysis/analysis.h"
+
+namespace {
+
+void ClearLines(const std::vector<CandidateAreaImage*>& areas) {
+  for (CandidateAreaImage* area : areas) area->lines.clear();
+}
+
+}  // namespace
+
+LinePasses::LinePasses(LineThreshold threshold, const std::vector<CandidateAreaImage*>& cam1,
+                       const std::vector<CandidateAreaImage*>& cam2)
+    : threshold_(std::move(threshold)), areas_{&cam1, &cam2} {
+  frames_ = static_cast<int>(cam1.size());
+  for (int c = 0; c < 2; ++c) {
+    const std::vector<CandidateAreaImage*>& areas = *areas_[c];
+    edges_[c].resize(areas.size());
+    for (size_t k = 0; k < areas.size(); ++k) ComputeShaftEdges(areas[k]->image, edges_[c][k]);
+  }
+}
+
+void LinePasses::Extract() {
+  ++pass_;
+  foundPair_ = 0;
+  for (int c = 0; c < 2; ++c) {
+    if (redo_[c] != 1) continue;
+    // Frames before the impact share the first frame's threshold; frames
+    // after it share the threshold of the first after-impact frame that
+    // gives a positive one.
+    const std::vector<CandidateAreaImage*>& areas = *areas_[c];
+    const int before = threshold_(areas.empty() ? nullptr : areas[0], lineSize_[c]);
+    int after = 0;
+    for (size_t k = 0; k < areas.size(); ++k) {
+      CandidateAreaImage* area = areas[k];
+      if (area->afterImpact == 1) {
+        if (after <= 0) after = threshold_(area, lineSize_[c]);
+        ExtractCandidatesFromEdges(area, edges_[c][k], after);
+      } else {
+        ExtractCandidatesFromEdges(area, edges_[c][k], before);
+      }
+    }
+  }
+  redo_[0] = 0;
+  redo_[1] = 0;
+
+  for (int c = 0; c < 2; ++c) {
+    size_t total = 0;
+    for (const CandidateAreaImage* area : *areas_[c]) total += area->lines.size();
+    lineCount_[c] = static_cast<int>(total);
+  }
+  const std::vector<CandidateAreaImage*>& cam1 = *areas_[0];
+  const std::vector<CandidateAreaImage*>& cam2 = *areas_[1];
+  for (size_t k = 0; k < cam1.size() && k < cam2.size(); ++k) {
+    if (!cam1[k]->lines.empty() && !cam2[k]->lines.empty() && cam1[k]->afterImpact == 0 &&
+        cam2[k]->afterImpact == 0) {
+      ++foundPair_;
+    }
+  }
+}
+
+void LinePasses::Decide() {
+  const int n = frames_;
+  if (pass_ >= kMaxPasses) {
+    const auto within = [n](int count) { return count >= 2 * n && count <= 4 * n; };
+    if (!(within(lineCount_[0]) && within(lineCount_[1]))) foundPair_ = 0;
+    return;
+  }
+  for (int c = 0; c < 2; ++c) {
+    // Size arithmetic in double, stored as float.
+    if (foundPair_ >= 3 && lineCount_[c] >= 2 * n) {
+      if (lineCount_[c] > 4 * n) {  // too many lines
+        redo_[c] = 1;
+        lineSize_[c] = static_cast<float>(static_cast<double>(lineSize_[c]) - 0.2);
+        ClearLines(*areas_[c]);
+      }
+    } else {  // too few pairs or too few lines
+      redo_[c] = 1;
+      lineSize_[c] = static_cast<float>(static_cast<double>(lineSize_[c]) * 1.1);
+      ClearLines(*areas_[c]);
+    }
+  }
+}

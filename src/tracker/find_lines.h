@@ -1,0 +1,51 @@
+// The adaptive shaft-line extraction of the Find driver: each camera's line
+// size is tuned over up to ten passes until both cameras give between 2n and
+// 4n lines for n frames and at least three frames before the impact have lines
+// in both cameras.
+#pragma once
+
+#include <functional>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "tracker/records.h"
+
+// The Hough vote threshold of a frame for a line size (the tracker's
+// GetLineThreshold).
+using LineThreshold = std::function<int(CandidateAreaImage*, float)>;
+
+class LinePasses {
+ public:
+  static constexpr int kMaxPasses = 10;
+  static constexpr float kInitialLineSize = 4.5f;
+
+  // The masks of `cam1` and `cam2` (equal lengths) must not change while the
+  // passes run: each frame's edge map is made here, once, and serves every pass.
+  LinePasses(LineThreshold threshold, const std::vector<CandidateAreaImage*>& cam1,
+             const std::vector<CandidateAreaImage*>& cam2);
+
+  // One pass: extracts the lines of each camera marked for it, then counts.
+  void Extract();
+  // Marks the cameras to redo and adapts their line sizes (emptying their
+  // lines); after the last pass keeps foundPair only when both counts are in
+  // range.
+  void Decide();
+  bool Again() const { return redo_[0] != 0 || redo_[1] != 0; }
+
+  int pass() const { return pass_; }
+  float lineSize(int camera) const { return lineSize_[camera]; }
+  int lineCount(int camera) const { return lineCount_[camera]; }
+  int foundPair() const { return foundPair_; }
+
+ private:
+  LineThreshold threshold_;
+  const std::vector<CandidateAreaImage*>* areas_[2];
+  std::vector<cv::Mat> edges_[2];
+  int frames_ = 0;
+  int pass_ = 0;
+  float lineSize_[2] = {kInitialLineSize, kInitialLineSize};
+  int redo_[2] = {1, 1};
+  int lineCount_[2] = {0, 0};
+  int foundPair_ = 0;
+};
