@@ -50,8 +50,18 @@ double SampleTime(int s) { return (kTimePermutation[s] + 0.5) / kSamples - 0.5; 
 struct Material {
   double albedo = 0.0;
   double gloss = 0.0;
-  double shininess = 40.0;
+  int shininess = 40;
 };
+
+double PowInt(double x, int n) {
+  double result = 1.0;
+  while (n > 0) {
+    if (n & 1) result *= x;
+    x *= x;
+    n >>= 1;
+  }
+  return result;
+}
 
 struct Light {
   cv::Vec3d position;   // in the frame of the surface points handed to Shade
@@ -63,6 +73,8 @@ struct Light {
 
 // Grey level of a surface point: ambient plus Lambert plus a Blinn highlight,
 // the strobe falling off with the square of its distance.
+cv::Vec3d Unit(const cv::Vec3d& v) { return v * (1.0 / std::sqrt(v.dot(v))); }
+
 double Shade(const Light& light, const Material& material, const cv::Vec3d& point,
              const cv::Vec3d& normal, const cv::Vec3d& towardViewer) {
   cv::Vec3d toLight = light.position - point;
@@ -72,8 +84,8 @@ double Shade(const Light& light, const Material& material, const cv::Vec3d& poin
   const double lambert = std::max(0.0, normal.dot(toLight));
   double radiance = material.albedo * (light.ambient + (1.0 - light.ambient) * lambert * falloff);
   if (material.gloss > 0.0 && lambert > 0.0) {
-    const cv::Vec3d half = cv::normalize(toLight + towardViewer);
-    const double specular = std::pow(std::max(0.0, normal.dot(half)), material.shininess);
+    const cv::Vec3d half = Unit(toLight + towardViewer);
+    const double specular = PowInt(std::max(0.0, normal.dot(half)), material.shininess);
     radiance += material.gloss * specular * falloff;
   }
   return light.black + light.gain * radiance;
@@ -82,18 +94,6 @@ double Shade(const Light& light, const Material& material, const cv::Vec3d& poin
 // ---------------------------------------------------------------------------
 // Intersections. Rays are origin + t * direction; each returns the smallest
 // t > minT of the surface, or kInf.
-
-double HitSphere(const cv::Vec3d& origin, const cv::Vec3d& direction, const cv::Vec3d& centre,
-                 double radius, double minT) {
-  const cv::Vec3d oc = origin - centre;
-  const double a = direction.dot(direction);
-  const double b = oc.dot(direction);
-  const double c = oc.dot(oc) - radius * radius;
-  const double disc = b * b - a * c;
-  if (disc < 0.0) return kInf;
-  const double t = (-b - std::sqrt(disc)) / a;
-  return t > minT ? t : kInf;
-}
 
 // Ellipsoid given by its centre, its local axes (rows of `axes`) and semi-axes.
 struct Ellipsoid {
@@ -194,11 +194,17 @@ class StaticScene {
       legs_[f].axis = up;
       legs_[f].length = 1000.0;
       legs_[f].radius = d.legRadius;
+      // One sphere around the leg and the shoe.
+      bounds_[f].centre = {d.feet[f][0], 530.0, d.feet[f][1]};
+      bounds_[f].radius = 560.0;
     }
   }
 
   // Grey level seen along the ray and the hit distance (kInf for the void).
-  double Trace(const cv::Vec3d& origin, const cv::Vec3d& direction, double* hitT) const {
+  // `surface` tells the surfaces apart (0 = the void) so that their edges can
+  // be found.
+  double Trace(const cv::Vec3d& origin, const cv::Vec3d& direction, double* hitT,
+               int* surface) const {
     double best = kInf;
     int what = 0;
     cv::Vec3d normal;
@@ -220,6 +226,7 @@ class StaticScene {
       }
     }
     for (int f = 0; f < 2; ++f) {
+      if (!MayHit(origin, direction, bounds_[f])) continue;
       double t = HitCylinder(origin, direction, legs_[f], 0.0, &n);
       if (t < best) {
         best = t;
@@ -234,17 +241,21 @@ class StaticScene {
       }
     }
     *hitT = best;
+    *surface = what;
     if (what == 0) return light_.black;
     const cv::Vec3d point = origin + best * direction;
     Material material;
     switch (what) {
-      case 1: material.albedo = GroundAlbedo(point[0], point[2]); break;
+      case 1:
+        material.albedo = GroundAlbedo(point[0], point[2]);
+        if (!OnMat(point[0], point[2])) *surface = 5;
+        break;
       case 2: material.albedo = WallAlbedo(point[0], point[1]); break;
       case 3: material.albedo = d_.trouserAlbedo; break;
       default:
         material.albedo = d_.shoeAlbedo;
         material.gloss = 0.05;
-        material.shininess = 20.0;
+        material.shininess = 20;
         break;
     }
     const cv::Vec3d toViewer = cv::normalize(origin - point);
@@ -252,11 +263,14 @@ class StaticScene {
   }
 
  private:
+  bool OnMat(double x, double z) const {
+    return x >= d_.matExtent[0] && x <= d_.matExtent[1] && z >= d_.matExtent[2] &&
+           z <= d_.matExtent[3];
+  }
+
   double GroundAlbedo(double x, double z) const {
     const uint64_t salt = d_.textureSalt;
-    const bool onMat = x >= d_.matExtent[0] && x <= d_.matExtent[1] && z >= d_.matExtent[2] &&
-                       z <= d_.matExtent[3];
-    if (onMat) {
+    if (OnMat(x, z)) {
       const double g = 0.55 * ValueNoise(x / 3.0, z / 3.0, salt) +
                        0.30 * ValueNoise(x / 11.0, z / 11.0, salt + 1) +
                        0.15 * ValueNoise(x / 45.0, z / 45.0, salt + 2);
@@ -275,10 +289,22 @@ class StaticScene {
                                              ValueNoise(x / 20.0, y / 20.0, d_.textureSalt + 5));
   }
 
+  struct Sphere {
+    cv::Vec3d centre;
+    double radius = 0.0;
+  };
+  static bool MayHit(const cv::Vec3d& origin, const cv::Vec3d& direction, const Sphere& s) {
+    const cv::Vec3d oc = s.centre - origin;
+    const double along = oc.dot(direction);
+    const double d2 = direction.dot(direction);
+    return oc.dot(oc) - along * along / d2 <= s.radius * s.radius;
+  }
+
   const SceneDraws& d_;
   Light light_;
   Ellipsoid shoes_[2];
   Cylinder legs_[2];
+  Sphere bounds_[2];
 };
 
 // ---------------------------------------------------------------------------
@@ -296,30 +322,54 @@ cv::Vec3d PixelRay(const CameraSetup& cam, double u, double v) {
   return cam.inverseK * cv::Vec3d(u, v, 1.0);
 }
 
+// One ray through every pixel centre; pixels on the edge between two surfaces
+// are traced again with 2 x 2 samples.
 void RenderBackground(CameraSetup& cam, const StaticScene& scene) {
   const CameraModel& m = cam.model;
   cam.background.create(m.height, m.width);
   cam.depth.create(m.height, m.width);
+  cv::Mat1i surfaces(m.height, m.width);
   const cv::Matx33d toWorld = m.R.t();
   const cv::Vec3d centre = m.Center();
+  auto trace = [&](double u, double v, double& depth, int& surface) {
+    const cv::Vec3d rayCam = PixelRay(cam, m.sensorOffsetX + u, m.sensorOffsetY + v);
+    double t = kInf;
+    const double grey = scene.Trace(centre, toWorld * rayCam, &t, &surface);
+    depth = std::min(t * rayCam[2], 1.0e9);  // camera-space depth
+    return grey;
+  };
   tbb::parallel_for(tbb::blocked_range<int>(0, m.height, 8), [&](const tbb::blocked_range<int>& rows) {
     for (int y = rows.begin(); y < rows.end(); ++y) {
-      float* value = cam.background.ptr<float>(y);
-      float* depth = cam.depth.ptr<float>(y);
       for (int x = 0; x < m.width; ++x) {
+        double depth = 0.0;
+        int surface = 0;
+        cam.background(y, x) = static_cast<float>(trace(x + 0.5, y + 0.5, depth, surface));
+        cam.depth(y, x) = static_cast<float>(depth);
+        surfaces(y, x) = surface;
+      }
+    }
+  });
+  tbb::parallel_for(tbb::blocked_range<int>(0, m.height, 8), [&](const tbb::blocked_range<int>& rows) {
+    for (int y = rows.begin(); y < rows.end(); ++y) {
+      for (int x = 0; x < m.width; ++x) {
+        const int here = surfaces(y, x);
+        const bool edge = (x > 0 && surfaces(y, x - 1) != here) ||
+                          (x + 1 < m.width && surfaces(y, x + 1) != here) ||
+                          (y > 0 && surfaces(y - 1, x) != here) ||
+                          (y + 1 < m.height && surfaces(y + 1, x) != here);
+        if (!edge) continue;
         double sum = 0.0;
         double nearest = kInf;
         for (int sy = 0; sy < 2; ++sy) {
           for (int sx = 0; sx < 2; ++sx) {
-            const cv::Vec3d rayCam = PixelRay(cam, m.sensorOffsetX + x + 0.25 + 0.5 * sx,
-                                              m.sensorOffsetY + y + 0.25 + 0.5 * sy);
-            double t = kInf;
-            sum += scene.Trace(centre, toWorld * rayCam, &t);
-            nearest = std::min(nearest, t * rayCam[2]);  // camera-space depth
+            double depth = 0.0;
+            int surface = 0;
+            sum += trace(x + 0.25 + 0.5 * sx, y + 0.25 + 0.5 * sy, depth, surface);
+            nearest = std::min(nearest, depth);
           }
         }
-        value[x] = static_cast<float>(sum * 0.25);
-        depth[x] = static_cast<float>(std::min(nearest, 1.0e9));
+        cam.background(y, x) = static_cast<float>(sum * 0.25);
+        cam.depth(y, x) = static_cast<float>(std::min<double>(nearest, cam.depth(y, x)));
       }
     }
   });
@@ -340,13 +390,108 @@ struct Capsule2 {  // conservative image bound of a cylinder
   double halfWidth = -1.0;
 };
 
+// Camera-space forms of the moving objects: every ray starts at the camera
+// centre (the origin), so the origin-dependent terms are computed once per
+// sample time.
+struct FastSphere {
+  cv::Vec3d centre;
+  double c = 0.0;  // |centre|^2 - r^2
+};
+
+struct FastEllipsoid {
+  cv::Matx33d toUnit;  // rows: local axes divided by the semi-axes
+  cv::Vec3d origin;    // the camera centre in unit-sphere coordinates
+  double c = 0.0;      // |origin|^2 - 1
+};
+
+struct FastCylinder {
+  cv::Vec3d axis;
+  cv::Vec3d wPerp;       // camera centre minus base, across the axis
+  double wAlong = 0.0;   // and along it
+  double c = 0.0;        // |wPerp|^2 - r^2
+  double length = 0.0;
+  double inverseRadius = 0.0;
+};
+
+FastSphere MakeFast(const cv::Vec3d& centre, double radius) {
+  return {centre, centre.dot(centre) - radius * radius};
+}
+
+FastEllipsoid MakeFast(const Ellipsoid& e) {
+  FastEllipsoid f;
+  for (int r = 0; r < 3; ++r) {
+    for (int c = 0; c < 3; ++c) f.toUnit(r, c) = e.axes(r, c) / e.semi[r];
+  }
+  f.origin = f.toUnit * (-e.centre);
+  f.c = f.origin.dot(f.origin) - 1.0;
+  return f;
+}
+
+FastCylinder MakeFast(const Cylinder& cyl) {
+  FastCylinder f;
+  f.axis = cyl.axis;
+  const cv::Vec3d w = -cyl.base;
+  f.wAlong = w.dot(cyl.axis);
+  f.wPerp = w - cyl.axis * f.wAlong;
+  f.c = f.wPerp.dot(f.wPerp) - cyl.radius * cyl.radius;
+  f.length = cyl.length;
+  f.inverseRadius = 1.0 / cyl.radius;
+  return f;
+}
+
+double Hit(const FastSphere& s, const cv::Vec3d& d) {
+  const double a = d.dot(d);
+  const double b = -d.dot(s.centre);
+  const double disc = b * b - a * s.c;
+  if (disc < 0.0) return kInf;
+  const double t = (-b - std::sqrt(disc)) / a;
+  return t > 0.0 ? t : kInf;
+}
+
+double Hit(const FastEllipsoid& e, const cv::Vec3d& dir) {
+  const cv::Vec3d d = e.toUnit * dir;
+  const double a = d.dot(d);
+  const double b = e.origin.dot(d);
+  const double disc = b * b - a * e.c;
+  if (disc < 0.0) return kInf;
+  const double t = (-b - std::sqrt(disc)) / a;
+  return t > 0.0 ? t : kInf;
+}
+
+double Hit(const FastCylinder& cyl, const cv::Vec3d& d) {
+  const double dAlong = d.dot(cyl.axis);
+  const cv::Vec3d dPerp = d - cyl.axis * dAlong;
+  const double a = dPerp.dot(dPerp);
+  if (a <= 0.0) return kInf;
+  const double b = dPerp.dot(cyl.wPerp);
+  const double disc = b * b - a * cyl.c;
+  if (disc < 0.0) return kInf;
+  const double t = (-b - std::sqrt(disc)) / a;
+  if (!(t > 0.0)) return kInf;
+  const double along = cyl.wAlong + t * dAlong;
+  return (along < 0.0 || along > cyl.length) ? kInf : t;
+}
+
+cv::Vec3d NormalAt(const FastSphere& s, const cv::Vec3d& point) {
+  return Unit(point - s.centre);
+}
+
+cv::Vec3d NormalAt(const FastEllipsoid& e, const cv::Vec3d& dir, double t) {
+  const cv::Vec3d p = e.origin + t * (e.toUnit * dir);
+  return Unit(e.toUnit.t() * p);
+}
+
+cv::Vec3d NormalAt(const FastCylinder& cyl, const cv::Vec3d& dir, double t) {
+  const cv::Vec3d dPerp = dir - cyl.axis * dir.dot(cyl.axis);
+  return (cyl.wPerp + t * dPerp) * cyl.inverseRadius;
+}
+
 struct SampleScene {
   bool present[kObjectCount] = {false, false, false, false};
-  cv::Vec3d ballCentre;
-  double ballRadius = 0.0;
-  Ellipsoid head;
-  Cylinder shaft;
-  Cylinder hosel;
+  FastSphere ball;
+  FastEllipsoid head;
+  FastCylinder shaft;
+  FastCylinder hosel;
   Disc2 ballBound, headBound;
   Capsule2 shaftBound, hoselBound;
 };
@@ -390,39 +535,43 @@ SampleScene MakeSampleScene(const SwingTruth& truth, const SwingScene& scene,
   const cv::Vec3d& t = cam.model.t;
   auto toCam = [&](const cv::Vec3d& p) { return R * p + t; };
 
-  s.ballCentre = toCam(truth.BallCentre(time));
-  s.ballRadius = truth.ballRadius;
+  const cv::Vec3d ballCentre = toCam(truth.BallCentre(time));
+  s.ball = MakeFast(ballCentre, truth.ballRadius);
   s.present[kBall] = true;
-  s.ballBound = BoundOfRound(cam, s.ballCentre, s.ballRadius);
+  s.ballBound = BoundOfRound(cam, ballCentre, truth.ballRadius);
 
   if (!scene.noClub) {
     const cv::Vec3d radial = truth.ShaftDirection(time);
     const cv::Vec3d along = truth.axis;
     const cv::Vec3d tangent = along.cross(radial);
     const cv::Vec3d rc = R * radial, ac = R * along, tc = R * tangent;
-    s.head.centre = toCam(truth.pivot + truth.headRadius * radial);
-    s.head.axes = cv::Matx33d(tc[0], tc[1], tc[2], rc[0], rc[1], rc[2], ac[0], ac[1], ac[2]);
-    s.head.semi = truth.headSemiAxes;
+    Ellipsoid head;
+    head.centre = toCam(truth.pivot + truth.headRadius * radial);
+    head.axes = cv::Matx33d(tc[0], tc[1], tc[2], rc[0], rc[1], rc[2], ac[0], ac[1], ac[2]);
+    head.semi = truth.headSemiAxes;
+    s.head = MakeFast(head);
     s.present[kHead] = true;
     const double headReach =
         std::max({truth.headSemiAxes[0], truth.headSemiAxes[1], truth.headSemiAxes[2]});
-    s.headBound = BoundOfRound(cam, s.head.centre, headReach);
+    s.headBound = BoundOfRound(cam, head.centre, headReach);
 
     // The shaft runs from the hosel (inside the head) up to the grip.
-    s.shaft.base = toCam(truth.pivot + truth.hoselDistance * radial);
-    s.shaft.axis = -rc;
-    s.shaft.length = truth.hoselDistance - truth.gripDistance;
-    s.shaft.radius = truth.shaftRadius;
+    Cylinder shaft;
+    shaft.base = toCam(truth.pivot + truth.hoselDistance * radial);
+    shaft.axis = -rc;
+    shaft.length = truth.hoselDistance - truth.gripDistance;
+    shaft.radius = truth.shaftRadius;
+    s.shaft = MakeFast(shaft);
     s.present[kShaft] = true;
-    s.shaftBound = BoundOfCylinder(cam, s.shaft);
+    s.shaftBound = BoundOfCylinder(cam, shaft);
 
     const double hoselTop = truth.headRadius - truth.headSemiAxes[1] - 28.0;
-    s.hosel.base = s.shaft.base;
-    s.hosel.axis = -rc;
-    s.hosel.length = truth.hoselDistance - hoselTop;
-    s.hosel.radius = truth.shaftRadius * 1.45;
+    Cylinder hosel = shaft;
+    hosel.length = truth.hoselDistance - hoselTop;
+    hosel.radius = truth.shaftRadius * 1.45;
+    s.hosel = MakeFast(hosel);
     s.present[kHosel] = true;
-    s.hoselBound = BoundOfCylinder(cam, s.hosel);
+    s.hoselBound = BoundOfCylinder(cam, hosel);
   }
   return s;
 }
@@ -461,56 +610,90 @@ bool SpanOfCapsule(const Capsule2& c, double y, double& lo, double& hi) {
   return true;
 }
 
-// Nearest moving surface along a camera-space ray; its grey level in `grey`.
-bool TraceMoving(const SampleScene& s, const cv::Vec3d& dir, unsigned active, double limit,
-                 const Light& light, const MovingMaterials& materials, bool darkShaft,
-                 double& grey, bool& shaftHit) {
-  const cv::Vec3d origin(0.0, 0.0, 0.0);
-  double best = limit;
+bool InDisc(const Disc2& d, const cv::Vec2d& p) {
+  const cv::Vec2d q = p - d.centre;
+  return d.radius >= 0.0 && q.dot(q) <= d.radius * d.radius;
+}
+
+bool InCapsule(const Capsule2& c, const cv::Vec2d& p) {
+  if (c.halfWidth < 0.0) return false;
+  const cv::Vec2d ab = c.b - c.a;
+  const double len2 = ab.dot(ab);
+  const double t = len2 > 0.0 ? std::clamp((p - c.a).dot(ab) / len2, 0.0, 1.0) : 0.0;
+  const cv::Vec2d q = p - (c.a + t * ab);
+  return q.dot(q) <= c.halfWidth * c.halfWidth;
+}
+
+// Objects of one sample whose image bound holds the window point p.
+unsigned ActiveAt(const SampleScene& s, unsigned candidates, const cv::Vec2d& p) {
+  unsigned active = 0;
+  if ((candidates & (1u << kBall)) && s.present[kBall] && InDisc(s.ballBound, p)) {
+    active |= 1u << kBall;
+  }
+  if ((candidates & (1u << kHead)) && s.present[kHead] && InDisc(s.headBound, p)) {
+    active |= 1u << kHead;
+  }
+  if ((candidates & (1u << kShaft)) && s.present[kShaft] && InCapsule(s.shaftBound, p)) {
+    active |= 1u << kShaft;
+  }
+  if ((candidates & (1u << kHosel)) && s.present[kHosel] && InCapsule(s.hoselBound, p)) {
+    active |= 1u << kHosel;
+  }
+  return active;
+}
+
+// Nearest moving surface along a camera-space ray that is closer than
+// `limit`: its object (-1 for none) and distance.
+int NearestMoving(const SampleScene& s, const cv::Vec3d& dir, unsigned active, double limit,
+                  double& best) {
+  best = limit;
   int what = -1;
-  cv::Vec3d normal, n;
-  if ((active & (1u << kBall)) && s.present[kBall]) {
-    const double t = HitSphere(origin, dir, s.ballCentre, s.ballRadius, 0.0);
+  if (active & (1u << kBall)) {
+    const double t = Hit(s.ball, dir);
     if (t < best) {
       best = t;
       what = kBall;
     }
   }
-  if ((active & (1u << kHead)) && s.present[kHead]) {
-    const double t = HitEllipsoid(origin, dir, s.head, 0.0, &n);
+  if (active & (1u << kHead)) {
+    const double t = Hit(s.head, dir);
     if (t < best) {
       best = t;
       what = kHead;
-      normal = n;
     }
   }
-  if ((active & (1u << kShaft)) && s.present[kShaft]) {
-    const double t = HitCylinder(origin, dir, s.shaft, 0.0, &n);
+  if (active & (1u << kShaft)) {
+    const double t = Hit(s.shaft, dir);
     if (t < best) {
       best = t;
       what = kShaft;
-      normal = n;
     }
   }
-  if ((active & (1u << kHosel)) && s.present[kHosel]) {
-    const double t = HitCylinder(origin, dir, s.hosel, 0.0, &n);
+  if (active & (1u << kHosel)) {
+    const double t = Hit(s.hosel, dir);
     if (t < best) {
       best = t;
       what = kHosel;
-      normal = n;
     }
   }
-  if (what < 0) return false;
-  const cv::Vec3d point = best * dir;
-  if (what == kBall) normal = cv::normalize(point - s.ballCentre);
-  shaftHit = what == kShaft || what == kHosel;
-  if (shaftHit && darkShaft) return true;  // caller takes the background behind it
-  const Material& material = what == kBall   ? materials.ball
-                             : what == kHead ? materials.head
-                             : what == kShaft ? materials.shaft
-                                              : materials.hosel;
-  grey = Shade(light, material, point, normal, cv::normalize(-point));
-  return true;
+  return what;
+}
+
+double ShadeMoving(const SampleScene& s, int what, const cv::Vec3d& dir, double t,
+                   const Light& light, const MovingMaterials& materials) {
+  const cv::Vec3d point = t * dir;
+  switch (what) {
+    case kBall:
+      return Shade(light, materials.ball, point, NormalAt(s.ball, point), Unit(-point));
+    case kHead:
+      return Shade(light, materials.head, point, NormalAt(s.head, dir, t), Unit(-point));
+    case kShaft:
+      return Shade(light, materials.shaft, point, NormalAt(s.shaft, dir, t),
+                   Unit(-point));
+    default:
+      return Shade(light, materials.hosel, point, NormalAt(s.hosel, dir, t),
+                   Unit(-point));
+  }
 }
 
 // Quantile table of the standard normal distribution scaled by sigma and
@@ -588,22 +771,39 @@ void RenderFrame(const FrameJob& job, const SwingTruth& truth, const SwingScene&
           if (x >= lo[o] && x <= hi[o]) active |= 1u << o;
         }
         if (!active) continue;
+        // Half the samples first; a pixel where they all see the same thing
+        // (the inside of a silhouette, or nothing) keeps their mean, the
+        // others get all eight.
         double sum = 0.0;
+        int first = -2;
+        bool uniform = true;
         bool touched = false;
-        for (int s = 0; s < kSamples; ++s) {
-          const cv::Vec3d dir = PixelRay(cam, cam.model.sensorOffsetX + x + SampleX(s),
-                                         cam.model.sensorOffsetY + y + SampleY(s));
-          double grey = bg[x];
-          bool shaftHit = false;
-          double sampleGrey = 0.0;
-          if (TraceMoving(samples[s], dir, active, depth[x], cam.light, materials,
-                          scene.darkShaft, sampleGrey, shaftHit)) {
-            touched = true;
-            if (!(shaftHit && scene.darkShaft)) grey = sampleGrey;
+        for (int pass = 0; pass < 2; ++pass) {
+          for (int s = pass; s < kSamples; s += 2) {
+            double grey = bg[x];
+            int what = -1;
+            const cv::Vec2d at(x + SampleX(s), y + SampleY(s));
+            const unsigned here = ActiveAt(samples[s], active, at);
+            if (here) {
+              const cv::Vec3d dir = PixelRay(cam, cam.model.sensorOffsetX + at[0],
+                                             cam.model.sensorOffsetY + at[1]);
+              double t = 0.0;
+              what = NearestMoving(samples[s], dir, here, depth[x], t);
+              const bool hidden = scene.darkShaft && (what == kShaft || what == kHosel);
+              if (what >= 0 && !hidden) {
+                grey = ShadeMoving(samples[s], what, dir, t, cam.light, materials);
+              }
+            }
+            touched = touched || what >= 0;
+            if (first == -2) first = what;
+            uniform = uniform && what == first;
+            sum += grey;
           }
-          sum += grey;
+          if (pass == 0 && uniform) break;
         }
-        if (touched) row[static_cast<size_t>(x)] = static_cast<float>(sum / kSamples);
+        if (touched) {
+          row[static_cast<size_t>(x)] = static_cast<float>(sum / (uniform ? kSamples / 2 : kSamples));
+        }
       }
     }
 
@@ -622,8 +822,8 @@ void RenderFrame(const FrameJob& job, const SwingTruth& truth, const SwingScene&
       bits >>= kNoiseTableBits;
       bitsLeft -= kNoiseTableBits;
       const double value = black + job.gain * (row[static_cast<size_t>(x)] - black);
-      const long level = std::lround(value) + n;
-      dst[x] = static_cast<unsigned char>(std::clamp(level, 0L, 255L));
+      const int level = static_cast<int>(std::floor(value + 0.5)) + n;
+      dst[x] = static_cast<unsigned char>(std::clamp(level, 0, 255));
     }
   }
 }
@@ -660,10 +860,10 @@ Recording Render(const SwingScene& input) {
   }
 
   MovingMaterials materials;
-  materials.ball = {d.ballAlbedo, 0.06, 30.0};
-  materials.head = {d.headAlbedo, d.headGloss, 25.0};
-  materials.shaft = {d.shaftAlbedo, d.shaftGloss, 60.0};
-  materials.hosel = {d.headAlbedo * 0.9, d.headGloss, 25.0};
+  materials.ball = {d.ballAlbedo, 0.06, 30};
+  materials.head = {d.headAlbedo, d.headGloss, 25};
+  materials.shaft = {d.shaftAlbedo, d.shaftGloss, 60};
+  materials.hosel = {d.headAlbedo * 0.9, d.headGloss, 25};
 
   // Frames of both cameras, with their pixel buffers and metadata.
   std::vector<FrameJob> jobs;

@@ -90,17 +90,17 @@ SceneDraws Draw(const SwingScene& scene) {
 
   // The pair of cameras sits on the far side of the ball from the golfer,
   // camera 1 on the +x side; both aim at the ball region.
-  const double distance = near ? geometry.Uniform(680.0, 820.0) : geometry.Uniform(1550.0, 1850.0);
+  const double distance = near ? geometry.Uniform(680.0, 820.0) : geometry.Uniform(1500.0, 1800.0);
   const double elevation = near ? geometry.Uniform(9.0, 15.0) : geometry.Uniform(14.0, 20.0);
   const double azimuth = geometry.Uniform(-8.0, 8.0);
-  d.baseline = near ? geometry.Uniform(200.0, 400.0) : geometry.Uniform(300.0, 600.0);
-  const double halfAngle = std::asin(d.baseline / (2.0 * distance)) / kDeg;
+  d.baseline = near ? geometry.Uniform(230.0, 380.0) : geometry.Uniform(330.0, 560.0);
+  const double halfAngle = std::asin(d.baseline / (2.0 * distance * std::cos(elevation * kDeg))) / kDeg;
   for (int c = 0; c < 2; ++c) {
     CameraDraw& cam = d.cameras[c];
     cam.distance = distance + geometry.Uniform(-40.0, 40.0);
     cam.azimuthDeg = azimuth + (c == 0 ? halfAngle : -halfAngle);
     cam.elevationDeg = elevation + geometry.Uniform(-1.5, 1.5);
-    cam.focal = near ? geometry.Uniform(1000.0, 1100.0) : geometry.Uniform(1700.0, 1850.0);
+    cam.focal = near ? geometry.Uniform(1000.0, 1100.0) : geometry.Uniform(1750.0, 1900.0);
     cam.principal = {640.0 + geometry.Uniform(-12.0, 12.0), 512.0 + geometry.Uniform(-12.0, 12.0)};
     if (near) {
       cam.aim = {geometry.Uniform(-25.0, 25.0), kBallRadius + geometry.Uniform(-5.0, 15.0),
