@@ -1,0 +1,500 @@
+// The optimised spin-axis search against the literal cv::Mat version of it:
+// the same hypotheses, inliers, ranking and refit, bit for bit, on the line
+// candidates that the analysis stages extract from synthetic and golden
+// recordings, and on projected true lines with duplicates and perturbations
+// (ties everywhere).
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <opencv2/core.hpp>
+
+#include "analysis/analysis.h"
+#include "harness/offline.h"
+#include "reconstruction/plane_cache.h"
+#include "reconstruction/spin_axis.h"
+#include "support/access.h"
+#include "support/reference_spin_axis.h"
+#include "synth/swing.h"
+#include "tracker/records.h"
+
+namespace {
+
+using Access = ClubTrackerTestAccess;
+
+bool Sanitized() { return std::getenv("CLUBTRACKER_SANITIZED") != nullptr; }
+
+void CollectLog(std::wstring line, void* context) {
+  static_cast<std::vector<std::string>*>(context)->push_back(std::string(line.begin(), line.end()));
+}
+
+template <typename T>
+bool SameBits(const T& a, const T& b) {
+  return std::memcmp(&a, &b, sizeof(T)) == 0;
+}
+
+// ---------------------------------------------------------------- the analysis stages
+
+// The candidate areas of both cameras after Find's line extraction, owned.
+struct Candidates {
+  std::vector<std::unique_ptr<PreprocessedImage>> pre;
+  std::vector<std::unique_ptr<CandidateAreaImage>> owned;
+  std::vector<CandidateAreaImage*> cam1;
+  std::vector<CandidateAreaImage*> cam2;
+  int passes = 0;
+};
+
+int AgreedHeadSize(const std::vector<int>& sizes) {
+  std::vector<int> positive;
+  for (const int size : sizes) {
+    if (size > 0) positive.push_back(size);
+  }
+  if (positive.empty()) return 0;
+  std::sort(positive.begin(), positive.end());
+  return positive[(2 * positive.size()) / 3];
+}
+
+void ExtractCameraLines(ClubTracker& tracker, const std::vector<CandidateAreaImage*>& areas,
+                        const std::vector<cv::Mat>& edges, float lineSize) {
+  const int before = Access::GetLineThreshold(tracker, areas[0], lineSize);
+  int after = 0;
+  for (size_t k = 0; k < areas.size(); ++k) {
+    if (areas[k]->afterImpact == 1) {
+      if (after <= 0) after = Access::GetLineThreshold(tracker, areas[k], lineSize);
+      ExtractCandidatesFromEdges(areas[k], edges[k], after);
+    } else {
+      ExtractCandidatesFromEdges(areas[k], edges[k], before);
+    }
+  }
+}
+
+int CountLines(const std::vector<CandidateAreaImage*>& areas) {
+  size_t total = 0;
+  for (const CandidateAreaImage* area : areas) total += area->lines.size();
+  return static_cast<int>(total);
+}
+
+void AdaptLineSize(int foundPair, int lineCount, int frames, float& lineSize, int& redo,
+                   const std::vector<CandidateAreaImage*>& areas) {
+  if (foundPair >= 3 && lineCount >= 2 * frames) {
+    if (lineCount <= 4 * frames) return;
+    lineSize = static_cast<float>(static_cast<double>(lineSize) - 0.2);
+  } else {
+    lineSize = static_cast<float>(static_cast<double>(lineSize) * 1.1);
+  }
+  redo = 1;
+  for (CandidateAreaImage* area : areas) area->lines.clear();
+}
+
+// Find's stages from the pairing to the last pass of the line extraction.
+// False when Find would stop before the spin axis.
+bool ExtractLines(ClubTracker& tracker, const std::vector<ClubImage*>& images1,
+                  const std::vector<ClubImage*>& images2, Candidates& out) {
+  std::vector<ClubImage*> pairs1;
+  std::vector<ClubImage*> pairs2;
+  PairFrames(images1, images2, pairs1, pairs2);
+  std::vector<PreprocessedImage*> pre[2];
+  for (int c = 0; c < 2; ++c) {
+    for (ClubImage* image : c == 0 ? pairs1 : pairs2) {
+      out.pre.push_back(std::make_unique<PreprocessedImage>());
+      Access::Preprocessing(tracker, image, out.pre.back().get());
+      pre[c].push_back(out.pre.back().get());
+    }
+  }
+  for (int c = 0; c < 2; ++c) {
+    std::vector<CandidateAreaImage*>& cand = c == 0 ? out.cam1 : out.cam2;
+    const int found = Access::FindCandidateArea(tracker, pre[c], cand);
+    for (CandidateAreaImage* area : cand) out.owned.emplace_back(area);
+    if (found == 0) return false;
+  }
+  if (out.cam1.size() != out.cam2.size() || out.cam1.empty()) return false;
+  const int n = static_cast<int>(out.cam1.size());
+
+  std::vector<cv::Mat> masks[2] = {std::vector<cv::Mat>(n), std::vector<cv::Mat>(n)};
+  int bothPresent = 0;
+  for (int k = 0; k < n; ++k) {
+    int present1 = 0;
+    int present2 = 0;
+    RefineCandidateMask(out.cam1[k]->image, masks[0][k], &present1);
+    RefineCandidateMask(out.cam2[k]->image, masks[1][k], &present2);
+    if (present1 == 1 && present2 == 1) ++bothPresent;
+  }
+  int head[2] = {0, 0};
+  if (bothPresent > 10) {
+    for (int c = 0; c < 2; ++c) {
+      std::vector<int> sizes(n, 0);
+      MeasureHeadSizes(tracker, c == 0 ? out.cam1 : out.cam2, masks[c], sizes);
+      head[c] = AgreedHeadSize(sizes);
+    }
+    if (head[0] <= 0 || head[1] <= 0) return false;
+  }
+  for (int k = 0; k < n; ++k) {
+    Access::DeleteDriverHeadArea(tracker, out.cam1[k], head[0]);
+    Access::DeleteDriverHeadArea(tracker, out.cam2[k], head[1]);
+  }
+
+  std::vector<cv::Mat> edges[2] = {std::vector<cv::Mat>(n), std::vector<cv::Mat>(n)};
+  for (int k = 0; k < n; ++k) {
+    ComputeShaftEdges(out.cam1[k]->image, edges[0][k]);
+    ComputeShaftEdges(out.cam2[k]->image, edges[1][k]);
+  }
+  float lineSize[2] = {4.5f, 4.5f};
+  int redo[2] = {1, 1};
+  int foundPair = 0;
+  do {
+    ++out.passes;
+    foundPair = 0;
+    for (int c = 0; c < 2; ++c) {
+      if (redo[c] == 1) ExtractCameraLines(tracker, c == 0 ? out.cam1 : out.cam2, edges[c], lineSize[c]);
+      redo[c] = 0;
+    }
+    const int count1 = CountLines(out.cam1);
+    const int count2 = CountLines(out.cam2);
+    for (int k = 0; k < n; ++k) {
+      if (!out.cam1[k]->lines.empty() && !out.cam2[k]->lines.empty() &&
+          out.cam1[k]->afterImpact == 0 && out.cam2[k]->afterImpact == 0) {
+        ++foundPair;
+      }
+    }
+    if (out.passes < 10) {
+      AdaptLineSize(foundPair, count1, n, lineSize[0], redo[0], out.cam1);
+      AdaptLineSize(foundPair, count2, n, lineSize[1], redo[1], out.cam2);
+    } else {
+      const auto within = [n](int count) { return count >= 2 * n && count <= 4 * n; };
+      if (!(within(count1) && within(count2))) foundPair = 0;
+    }
+  } while (redo[0] != 0 || redo[1] != 0);
+  return foundPair >= 3;
+}
+
+// ---------------------------------------------------------------- the comparison
+
+struct Outcome {
+  int found = 0;
+  std::vector<std::string> log;
+  ClubSpinAxis3D axis;
+  double referencePoint[3] = {0.0, 0.0, 0.0};
+};
+
+void ExpectSameAxis(const ClubSpinAxis3D& a, const ClubSpinAxis3D& b) {
+  EXPECT_EQ(a.id, b.id);
+  EXPECT_EQ(a.firstFrame, b.firstFrame);
+  EXPECT_EQ(a.secondFrame, b.secondFrame);
+  EXPECT_TRUE(SameBits(a.firstCam1Line, b.firstCam1Line));
+  EXPECT_TRUE(SameBits(a.firstCam2Line, b.firstCam2Line));
+  EXPECT_TRUE(SameBits(a.secondCam1Line, b.secondCam1Line));
+  EXPECT_TRUE(SameBits(a.secondCam2Line, b.secondCam2Line));
+  EXPECT_TRUE(SameBits(a.pivot, b.pivot))
+      << a.pivot[0] << " " << a.pivot[1] << " " << a.pivot[2] << " vs " << b.pivot[0] << " "
+      << b.pivot[1] << " " << b.pivot[2];
+  EXPECT_TRUE(SameBits(a.fitResidual, b.fitResidual));
+  ASSERT_EQ(a.inliers.size(), b.inliers.size());
+  for (size_t i = 0; i < a.inliers.size(); ++i) {
+    EXPECT_EQ(a.inliers[i].frame, b.inliers[i].frame);
+    EXPECT_TRUE(SameBits(a.inliers[i].cam1Line, b.inliers[i].cam1Line)) << i;
+    EXPECT_TRUE(SameBits(a.inliers[i].cam2Line, b.inliers[i].cam2Line)) << i;
+  }
+}
+
+struct Comparison {
+  SpinAxisSearchStats stats;
+  reference::SpinAxisStats literal;
+  Outcome optimised;
+};
+
+// Runs both versions from the same reference point and compares everything.
+void ExpectIdentical(const ClubTrackerSetting& setting, const std::vector<CandidateAreaImage*>& cam1,
+                     const std::vector<CandidateAreaImage*>& cam2, const double* startPoint,
+                     Comparison& c, bool checkInliers = true) {
+  Outcome& optimised = c.optimised;
+  ClubTracker tracker(setting);
+  tracker.setting.logCallback = CollectLog;
+  tracker.setting.logContext = &optimised.log;
+  std::memcpy(tracker.referencePoint, startPoint, sizeof tracker.referencePoint);
+  optimised.found = Access::FindClubSpinAxis(tracker, cam1, cam2, optimised.axis);
+  std::memcpy(optimised.referencePoint, tracker.referencePoint, sizeof optimised.referencePoint);
+
+  double searchPoint[3];
+  std::memcpy(searchPoint, startPoint, sizeof searchPoint);
+  ClubSpinAxis3D searched;
+  SearchClubSpinAxis(setting, searchPoint, cam1, cam2, searched, &c.stats);
+
+  Outcome literal;
+  std::memcpy(literal.referencePoint, startPoint, sizeof literal.referencePoint);
+  literal.found = reference::FindClubSpinAxis(setting, literal.referencePoint, &literal.log, cam1,
+                                              cam2, literal.axis, &c.literal);
+
+  EXPECT_EQ(optimised.found, literal.found);
+  EXPECT_EQ(optimised.log, literal.log);
+  EXPECT_TRUE(SameBits(optimised.referencePoint, literal.referencePoint));
+  ExpectSameAxis(optimised.axis, literal.axis);
+  ExpectSameAxis(searched, literal.axis);
+  EXPECT_EQ(c.stats.linePairs, c.literal.linePairs);
+  EXPECT_EQ(c.stats.evaluatedPairs, c.literal.evaluatedPairs);
+  EXPECT_EQ(c.stats.hypotheses, c.literal.hypotheses);
+  if (literal.found == 1) {
+    EXPECT_TRUE(SameBits(c.stats.refitResidual, c.literal.refitResidual));
+  }
+
+  // The inlier stage on its own, over the whole ranked list.
+  if (checkInliers && !c.literal.sorted.empty()) {
+    std::vector<ClubSpinAxis3D> axes = c.literal.sorted;
+    for (ClubSpinAxis3D& h : axes) h.inliers.clear();
+    ClubTracker inlierTracker(setting);
+    ASSERT_EQ(Access::SelectSpinAxisInliers(inlierTracker, cam1, cam2, axes), 1);
+    size_t differing = 0;
+    for (size_t i = 0; i < axes.size(); ++i) {
+      const std::vector<SpinAxisInlier>& a = axes[i].inliers;
+      const std::vector<SpinAxisInlier>& b = c.literal.sorted[i].inliers;
+      bool same = a.size() == b.size();
+      for (size_t k = 0; same && k < a.size(); ++k) {
+        same = a[k].frame == b[k].frame && SameBits(a[k].cam1Line, b[k].cam1Line) &&
+               SameBits(a[k].cam2Line, b[k].cam2Line);
+      }
+      if (!same) ++differing;
+    }
+    EXPECT_EQ(differing, 0u) << "of " << axes.size() << " hypotheses";
+  }
+}
+
+// ---------------------------------------------------------------- rendered swings
+
+struct SwingCase {
+  const char* name;
+  synth::SwingScene scene;
+};
+
+class RenderedSwing : public ::testing::TestWithParam<SwingCase> {};
+
+TEST_P(RenderedSwing, ExtractedLines) {
+  const SwingCase& param = GetParam();
+  synth::Recording recording = synth::Render(param.scene);
+  ClubTracker tracker(recording.setting);
+  Candidates candidates;
+  ASSERT_TRUE(ExtractLines(tracker, recording.Cam1(), recording.Cam2(), candidates))
+      << "the analysis found too few line pairs";
+  const double origin[3] = {0.0, 0.0, 0.0};
+  Comparison c;
+  ExpectIdentical(recording.setting, candidates.cam1, candidates.cam2, origin, c);
+  EXPECT_GT(c.stats.hypotheses, 0u);
+  EXPECT_EQ(c.optimised.found, 1);
+  RecordProperty("linePairs", std::to_string(c.stats.linePairs));
+  RecordProperty("hypotheses", std::to_string(c.stats.hypotheses));
+}
+
+std::vector<SwingCase> Swings() {
+  synth::SwingScene near;
+  near.frames = Sanitized() ? 14 : 24;
+  near.impactIndex = Sanitized() ? 7 : 10;
+  if (Sanitized()) return {{"Near", near}};
+  synth::SwingScene far;
+  far.placement = synth::Placement::kFar;
+  far.seed = 5;
+  far.frames = 18;
+  far.impactIndex = 9;
+  far.fps = 3000.0;
+  return {{"Near", near}, {"Far", far}};
+}
+
+INSTANTIATE_TEST_SUITE_P(Swings, RenderedSwing, ::testing::ValuesIn(Swings()),
+                         [](const ::testing::TestParamInfo<SwingCase>& info) {
+                           return std::string(info.param.name);
+                         });
+
+// ---------------------------------------------------------------- golden recordings
+
+class GoldenRecording : public ::testing::TestWithParam<const char*> {};
+
+// The golden recordings' lines, extracted as Find extracts them: both
+// versions agree, and the search matches what the recording's diagnostics
+// hold of it.
+TEST_P(GoldenRecording, ExtractedLines) {
+  if (Sanitized() && std::string(GetParam()) == "g01") GTEST_SKIP() << "one recording is enough";
+  const std::filesystem::path dir = std::filesystem::path(CLUBTRACKER_GOLDEN_DIR) / GetParam();
+  LoadedRecording recording;
+  std::string error;
+  ASSERT_TRUE(LoadRecording(dir, recording, &error)) << error;
+  std::ifstream file(dir / "expected.json");
+  const nlohmann::json expected = nlohmann::json::parse(file);
+  const nlohmann::json& spin = expected["diagnostics"]["spinAxis"];
+
+  ClubTracker tracker(recording.setting);
+  Candidates candidates;
+  ASSERT_TRUE(ExtractLines(tracker, recording.cam1, recording.cam2, candidates));
+  EXPECT_EQ(candidates.passes, static_cast<int>(expected["diagnostics"]["passes"].size()));
+  const double origin[3] = {0.0, 0.0, 0.0};
+  Comparison c;
+  ExpectIdentical(recording.setting, candidates.cam1, candidates.cam2, origin, c);
+
+  EXPECT_EQ(c.stats.linePairs, spin["linePairs"].get<uint64_t>());
+  EXPECT_EQ(c.stats.evaluatedPairs, spin["evaluatedPairs"].get<uint64_t>());
+  EXPECT_EQ(c.stats.hypotheses, spin["hypotheses"].get<uint64_t>());
+  const ClubSpinAxis3D& axis = c.optimised.axis;
+  EXPECT_EQ(axis.firstFrame, spin["firstFrame"].get<int>());
+  EXPECT_EQ(axis.secondFrame, spin["secondFrame"].get<int>());
+  std::vector<int> frames;
+  for (const SpinAxisInlier& in : axis.inliers) frames.push_back(in.frame);
+  EXPECT_EQ(frames, spin["inlierFrames"].get<std::vector<int>>());
+  for (int i = 0; i < 3; ++i) {
+    const double want = spin["pivot"][i].get<double>();
+    EXPECT_NEAR(axis.pivot[i], want, 1e-6 * std::max(1.0, std::abs(want))) << i;
+    EXPECT_NEAR(c.optimised.referencePoint[i], expected["referencePoint"][i].get<double>(), 1e-3);
+  }
+  EXPECT_NEAR(axis.fitResidual, spin["fitResidual"].get<double>(), 1e-9);
+  EXPECT_NEAR(c.stats.refitResidual, spin["refitResidual"].get<double>(), 1e-9);
+}
+
+INSTANTIATE_TEST_SUITE_P(Golden, GoldenRecording, ::testing::Values("g01", "g02"));
+
+// ---------------------------------------------------------------- projected lines with ties
+
+// Every frame's true shaft line in both cameras, repeated and joined by
+// slightly moved copies in a shuffled order; some frames lose their lines.
+struct TiedSwing {
+  synth::SwingTruth truth;
+  ClubTrackerSetting setting{};
+  std::vector<std::unique_ptr<CandidateAreaImage>> owned;
+  std::vector<CandidateAreaImage*> cam1;
+  std::vector<CandidateAreaImage*> cam2;
+};
+
+std::unique_ptr<TiedSwing> MakeTiedSwing(uint64_t seed, int frames, int maxLines) {
+  auto swing = std::make_unique<TiedSwing>();
+  synth::SwingScene scene = synth::SwingScene::Varied(seed);
+  scene.frames = frames;
+  scene.impactIndex = frames / 2;
+  swing->truth = synth::MakeTruth(scene);
+  swing->setting = synth::MakeSetting(swing->truth);
+  std::mt19937 rng(static_cast<uint32_t>(seed));
+  std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
+  const synth::SwingTruth& truth = swing->truth;
+  for (int i = 0; i < frames; ++i) {
+    for (int c = 0; c < 2; ++c) {
+      const synth::CameraModel& camera = truth.cameras[c];
+      swing->owned.push_back(std::make_unique<CandidateAreaImage>());
+      CandidateAreaImage* area = swing->owned.back().get();
+      area->image = cv::Mat::zeros(camera.height, 4, CV_8UC1);
+      area->sensorOffsetX = camera.sensorOffsetX;
+      area->sensorOffsetY = camera.sensorOffsetY;
+      area->afterImpact = i >= truth.impactIndex ? 1u : 0u;
+      const cv::Vec2d ball = truth.BallInWindow(c);
+      area->ballX = static_cast<float>(ball[0]);
+      area->ballY = static_cast<float>(ball[1]);
+      const cv::Vec2f line = truth.ShaftLine(c, truth.FrameTime(c, i));
+      const int count = static_cast<int>(rng() % static_cast<uint32_t>(maxLines + 1));
+      for (int k = 0; k < count; ++k) {
+        switch (rng() % 4) {
+          case 0:
+          case 1:  // the true line itself, often more than once
+            area->lines.push_back(line);
+            break;
+          case 2:  // a near copy, one Hough cell away
+            area->lines.push_back(cv::Vec2f(line[0] + std::round(unit(rng)) ,
+                                            line[1] + 0.0174533f * std::round(unit(rng))));
+            break;
+          default:  // something else in the frame
+            area->lines.push_back(cv::Vec2f(line[0] + 40.0f * unit(rng), line[1] + 0.3f * unit(rng)));
+            break;
+        }
+      }
+      (c == 0 ? swing->cam1 : swing->cam2).push_back(area);
+    }
+  }
+  // A frame with the same lines as its neighbour, as still frames give.
+  for (int c = 0; c < 2; ++c) {
+    std::vector<CandidateAreaImage*>& list = c == 0 ? swing->cam1 : swing->cam2;
+    if (frames > 3) list[2]->lines = list[1]->lines;
+  }
+  return swing;
+}
+
+class TiedLines : public ::testing::TestWithParam<int> {};
+
+TEST_P(TiedLines, ProjectedLinesWithDuplicates) {
+  const int seed = GetParam();
+  const std::unique_ptr<TiedSwing> swing = MakeTiedSwing(seed, Sanitized() ? 8 : 12, 4);
+  const double origin[3] = {0.0, 0.0, 0.0};
+  Comparison c;
+  ExpectIdentical(swing->setting, swing->cam1, swing->cam2, origin, c);
+  // And again from the reference point the first search left.
+  Comparison again;
+  ExpectIdentical(swing->setting, swing->cam1, swing->cam2, c.optimised.referencePoint, again,
+                  false);
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, TiedLines, ::testing::Range(1, Sanitized() ? 3 : 9));
+
+// Only the first of two batches is evaluated; the second re-collects slot 0.
+TEST(Batches, SecondBatchAgrees) {
+  if (Sanitized()) GTEST_SKIP() << "a quarter of a million literal pairs";
+  const synth::SwingTruth truth = synth::MakeTruth(synth::SwingScene());
+  const ClubTrackerSetting setting = synth::MakeSetting(truth);
+  std::vector<std::unique_ptr<CandidateAreaImage>> owned;
+  std::vector<CandidateAreaImage*> lists[2];
+  const int counts[2][2] = {{5, 13}, {37, 109}};  // 262145 pairs
+  for (int f = 0; f < 2; ++f) {
+    for (int c = 0; c < 2; ++c) {
+      const synth::CameraModel& camera = truth.cameras[c];
+      owned.push_back(std::make_unique<CandidateAreaImage>());
+      CandidateAreaImage* area = owned.back().get();
+      area->image = cv::Mat::zeros(camera.height, 4, CV_8UC1);
+      area->sensorOffsetX = camera.sensorOffsetX;
+      area->sensorOffsetY = camera.sensorOffsetY;
+      const cv::Vec2d ball = truth.BallInWindow(c);
+      area->ballX = static_cast<float>(ball[0]);
+      area->ballY = static_cast<float>(ball[1]);
+      const cv::Vec2f line = truth.ShaftLine(c, truth.FrameTime(c, 3 + 4 * f));
+      for (int k = 0; k < counts[c][f]; ++k) {
+        // Lines alternate between the true one and a copy a pixel away.
+        area->lines.push_back(k % 3 == 2 ? cv::Vec2f(line[0] + 1.0f, line[1]) : line);
+      }
+      lists[c].push_back(area);
+    }
+  }
+  const double origin[3] = {0.0, 0.0, 0.0};
+  Comparison c;
+  ExpectIdentical(setting, lists[0], lists[1], origin, c, false);
+  EXPECT_EQ(c.stats.linePairs, 262145u);
+  EXPECT_EQ(c.stats.evaluatedPairs, 262144u);
+}
+
+// The probe finds the rounding of this build's matrix products, so that the
+// hand-written inner loops are used rather than the library calls.
+TEST(MatRounding, KnownFormulasOnThisMachine) {
+  const MatRounding& rounding = MatRounding::Get();
+  EXPECT_NE(rounding.dot3, MatRounding::Dot3::kLibrary);
+  EXPECT_TRUE(rounding.gemmPlain);
+  EXPECT_TRUE(rounding.normPlain);
+  // And the hand-written forms equal the library on fresh values.
+  std::mt19937_64 rng(7);
+  std::uniform_real_distribution<double> u(-3000.0, 3000.0);
+  for (int i = 0; i < 20000; ++i) {
+    double a[12];
+    double x[3];
+    double d[4];
+    for (double& v : a) v = u(rng) / 3000.0;
+    for (double& v : x) v = u(rng);
+    for (double& v : d) v = u(rng);
+    const cv::Mat ma(4, 3, CV_64F, a);
+    const cv::Mat mx(3, 1, CV_64F, x);
+    const cv::Mat md(4, 1, CV_64F, d);
+    const cv::Mat row(3, 1, CV_64F, a);
+    ASSERT_TRUE(SameBits(Dot3(rounding, a, x), row.dot(mx)));
+    ASSERT_TRUE(SameBits(Norm3(rounding, x), cv::norm(mx)));
+    double r[4];
+    PlaneResiduals(rounding, a, x, d, r, 4);
+    const cv::Mat expected = ma * mx - md;
+    for (int k = 0; k < 4; ++k) ASSERT_TRUE(SameBits(r[k], expected.at<double>(k)));
+  }
+}
+
+}  // namespace
