@@ -165,13 +165,17 @@ TEST(ExtractDriverHeadArea, NullIsRefused) {
 // not erode): the measurement equals the step-by-step version.
 TEST(ExtractDriverHeadArea, MatchesTheStepByStepMeasurement) {
   cv::RNG rng(23);
-  for (int shape = 0; shape < 40; ++shape) {
+  for (int shape = 0; shape < 80; ++shape) {
     cv::Mat mask = cv::Mat::zeros(rng.uniform(30, 120), rng.uniform(30, 160), CV_8UC1);
     const int blobs = rng.uniform(0, 4);
     for (int k = 0; k < blobs; ++k) {
       const cv::Point centre(rng.uniform(-10, mask.cols + 10), rng.uniform(-10, mask.rows + 10));
-      if (rng.uniform(0, 2) == 0) {
+      const int kind = rng.uniform(0, 3);
+      if (kind == 0) {
         cv::circle(mask, centre, rng.uniform(1, 25), cv::Scalar(255), cv::FILLED);
+      } else if (kind == 1) {
+        cv::ellipse(mask, centre, cv::Size(rng.uniform(5, 40), rng.uniform(3, 20)),
+                    rng.uniform(0.0, 180.0), 0.0, 360.0, cv::Scalar(255), cv::FILLED);
       } else {
         const cv::Point end(rng.uniform(0, mask.cols), rng.uniform(0, mask.rows));
         cv::line(mask, centre, end, cv::Scalar(255), rng.uniform(1, 15));

@@ -40,6 +40,23 @@ struct HeadAreaTask {
   }
 };
 
+namespace {
+
+constexpr int kKernelReach = 2;  // half the 5 x 5 erosion kernel
+
+// Replaces `mask` by a compact copy of its part around `blob` (a rectangle
+// in the mask's coordinates) widened by the kernel's reach and kept inside the
+// mask; `origin` follows the cut.
+void CutToBlob(cv::Mat& mask, const cv::Rect& blob, cv::Point& origin) {
+  cv::Rect box(blob.x - kKernelReach, blob.y - kKernelReach, blob.width + 2 * kKernelReach,
+               blob.height + 2 * kKernelReach);
+  box &= cv::Rect(0, 0, mask.cols, mask.rows);
+  mask = mask(box).clone();
+  origin += box.tl();
+}
+
+}  // namespace
+
 void MeasureHeadSizes(ClubTracker& tracker, const std::vector<CandidateAreaImage*>& candidates,
                       const std::vector<cv::Mat>& refinedMasks, std::vector<int>& sizes) {
   sizes.assign(candidates.size(), 0);
@@ -67,6 +84,24 @@ int ClubTracker::ExtractDriverHeadArea(CandidateAreaImage* candidate, int& thick
   const int64_t limit = (3 * static_cast<int64_t>(a.rows) * a.cols) / 4;
   if (count > static_cast<uint32_t>(limit)) return 0;  // too full for a blob
 
+  // Nothing to erode: the erosion loop would stop at once.
+  cv::Rect blob = cv::boundingRect(a);
+  if (blob.area() == 0) {
+    thickness = 2;
+    candidate->headX = 0;
+    candidate->headY = 0;
+    return 0;
+  }
+
+  // The erosions work on the part of the mask around the blob: its bounding
+  // box widened by the kernel's reach, or less where the frame ends. They
+  // give the same pixels as on the whole mask: the widening is zero and stays
+  // zero, a side cut at the frame's edge keeps the constant border, and
+  // outside the box the mask is and stays zero. As the blob shrinks (an
+  // erosion never adds a pixel), the working part is cut down again.
+  cv::Point origin(0, 0);  // frame position of a's top-left pixel
+  CutToBlob(a, blob, origin);
+
   const cv::Mat kernel =
       cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(5, 5), cv::Point(-1, -1));
   cv::Mat b;
@@ -75,19 +110,24 @@ int ClubTracker::ExtractDriverHeadArea(CandidateAreaImage* candidate, int& thick
     thickness += 2;
     cv::morphologyEx(a, b, cv::MORPH_ERODE, kernel, cv::Point(-1, -1), 1, cv::BORDER_CONSTANT,
                      cv::morphologyDefaultBorderValue());
-    if (static_cast<uint64_t>(cv::sum(b)[0]) == 0) break;
+    blob = cv::boundingRect(b);
+    if (blob.area() == 0) break;  // the erosion emptied the blob
     // b is the new surviving blob; the old one's buffer takes the next erosion.
     cv::swap(a, b);
+    if (2 * (blob.width + 2 * kKernelReach) * (blob.height + 2 * kKernelReach) < a.cols * a.rows) {
+      CutToBlob(a, blob, origin);
+    }
   }
 
   // Core: the last non-empty erosion result, scanned row by row.
   std::vector<cv::Point> points;
-  if (cv::countNonZero(a) > 0) cv::findNonZero(a, points);
+  cv::findNonZero(a, points);
   if (points.empty()) {
     candidate->headX = 0;
     candidate->headY = 0;
     return 0;
   }
+  for (cv::Point& point : points) point += origin;
   const size_t n = points.size();
   std::vector<int> values(n);
   for (size_t k = 0; k < n; ++k) values[k] = points[k].x;
