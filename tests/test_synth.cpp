@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <memory>
 #include <set>
 
 #include <gtest/gtest.h>
@@ -16,6 +17,23 @@ namespace {
 constexpr double kPi = 3.14159265358979323846;
 
 bool Sanitized() { return std::getenv("CLUBTRACKER_SANITIZED") != nullptr; }
+
+bool SameScene(const synth::SwingScene& a, const synth::SwingScene& b) {
+  return a.seed == b.seed && a.placement == b.placement && a.speedMps == b.speedMps &&
+         a.fps == b.fps && a.frames == b.frames && a.impactIndex == b.impactIndex &&
+         a.noiseSigma == b.noiseSigma && a.flicker == b.flicker && a.dropFrame == b.dropFrame &&
+         a.iron == b.iron && a.darkShaft == b.darkShaft && a.noClub == b.noClub;
+}
+
+// Recordings shared by the tests of this file, rendered once each.
+const synth::Recording& Rendered(const synth::SwingScene& scene) {
+  static std::vector<std::unique_ptr<synth::Recording>> cache;
+  for (const auto& rec : cache) {
+    if (SameScene(rec->scene, scene)) return *rec;
+  }
+  cache.push_back(std::make_unique<synth::Recording>(synth::Render(scene)));
+  return *cache.back();
+}
 
 cv::Mat FrameOf(const ClubImage& image) {
   return cv::Mat(static_cast<int>(image.height), static_cast<int>(image.width), CV_8UC1,
@@ -132,7 +150,7 @@ std::vector<SceneCase> GeometryCases() {
 class SynthGeometry : public ::testing::TestWithParam<SceneCase> {};
 
 TEST_P(SynthGeometry, BallProjectsOntoTheFramesBallPosition) {
-  const synth::Recording rec = synth::Render(GetParam().scene);
+  const synth::Recording& rec = Rendered(GetParam().scene);
   const double* intrinsic[2] = {rec.setting.cam1Intrinsic, rec.setting.cam2Intrinsic};
   const double* extrinsic[2] = {rec.setting.cam1Extrinsic, rec.setting.cam2Extrinsic};
   for (int c = 0; c < 2; ++c) {
@@ -243,7 +261,7 @@ TEST_P(SynthGeometry, CamerasAndClocksFollowTheRig) {
 
 // The shaft near impact is a steep band at least 8 px wide in both cameras.
 TEST_P(SynthGeometry, ShaftNearImpactIsASteepWideBand) {
-  const synth::Recording rec = synth::Render(GetParam().scene);
+  const synth::Recording& rec = Rendered(GetParam().scene);
   const synth::SwingTruth& t = rec.truth;
   for (int c = 0; c < 2; ++c) {
     for (int k : {t.impactIndex - 1, t.impactIndex}) {
@@ -299,7 +317,7 @@ TEST_P(SynthPresence, NearHeadBlobPassesThePresenceTestInBothCameras) {
   scene.seed = GetParam().seed;
   scene.speedMps = GetParam().speed;
   scene.fps = GetParam().fps;
-  const synth::Recording rec = synth::Render(scene);
+  const synth::Recording& rec = Rendered(scene);
   const std::vector<cv::Mat> masks1 = CandidateMasks(rec.images[0]);
   const std::vector<cv::Mat> masks2 = CandidateMasks(rec.images[1]);
   int both = 0;
@@ -326,7 +344,7 @@ INSTANTIATE_TEST_SUITE_P(Near, SynthPresence, ::testing::ValuesIn(PresenceCases(
 // and drops the static scene.
 TEST(SynthDifference, ThreeFrameDifferenceShowsTheClubOnly) {
   for (const synth::SwingScene& scene : {Near(1), Far(2)}) {
-    const synth::Recording rec = synth::Render(scene);
+    const synth::Recording& rec = Rendered(scene);
     const synth::SwingTruth& t = rec.truth;
     for (int c = 0; c < 2; ++c) {
       const std::vector<cv::Mat> masks = CandidateMasks(rec.images[c]);
@@ -422,7 +440,7 @@ TEST(SynthDeterminism, DifferentSeedsGiveDifferentSwingsWithinTheRanges) {
   EXPECT_GT(iron, 0);
   EXPECT_GT(rates.size(), 1u);
 
-  const synth::Recording a = synth::Render(Near(31));
+  const synth::Recording& a = Rendered(Near(1));
   const synth::Recording b = synth::Render(Near(32));
   EXPECT_FALSE(SameBytes(a, b));
   EXPECT_NE(a.truth.pivot, b.truth.pivot);

@@ -1,8 +1,9 @@
 // clubtrack synth OUT_DIR [options]: render one synthetic swing and write it
 // in the recording layout the offline replay reads.
+#include <charconv>
+#include <cstdint>
 #include <cstdio>
 #include <iostream>
-#include <map>
 #include <memory>
 #include <string>
 
@@ -13,6 +14,7 @@ namespace {
 
 struct SynthOptions {
   std::string outDir;
+  std::string placement = "near";
   synth::SwingScene scene;
   bool png = false;
 };
@@ -45,6 +47,16 @@ void AddSynthCommand(CLI::App& app, int& exitStatus) {
   cmd->add_option("OUT_DIR", options->outDir, "folder of the recording (created if missing)")
       ->required();
   cmd->add_option("--seed", options->scene.seed, "seed deciding every drawn value")
+      ->check(CLI::Validator(
+          [](std::string& text) {
+            uint64_t value = 0;
+            const char* end = text.data() + text.size();
+            const auto [ptr, ec] = std::from_chars(text.data(), end, value);
+            return ec == std::errc() && ptr == end && !text.empty()
+                       ? std::string()
+                       : "must be a whole number from 0 to 18446744073709551615";
+          },
+          "UINT64"))
       ->capture_default_str();
   cmd->add_option("--speed", options->scene.speedMps, "club-head speed at impact, m/s")
       ->check(CLI::Range(30.0, 55.0))
@@ -59,12 +71,10 @@ void AddSynthCommand(CLI::App& app, int& exitStatus) {
                   "first after-impact frame (the replay's ImpactIndex)")
       ->check(CLI::Range(1, 199))
       ->capture_default_str();
-  const std::map<std::string, synth::Placement> placements{{"near", synth::Placement::kNear},
-                                                           {"far", synth::Placement::kFar}};
-  cmd->add_option("--placement", options->scene.placement,
+  cmd->add_option("--placement", options->placement,
                   "near: 0.6-0.9 m, 640x208 windows; far: 1.4-2.0 m, 640x480 windows")
-      ->transform(CLI::CheckedTransformer(placements, CLI::ignore_case))
-      ->default_str("near");
+      ->transform(CLI::IsMember({"near", "far"}, CLI::ignore_case))
+      ->capture_default_str();
   cmd->add_option("--noise", options->scene.noiseSigma, "sensor noise sigma, grey levels")
       ->check(CLI::Range(0.0, 20.0))
       ->capture_default_str();
@@ -82,6 +92,8 @@ void AddSynthCommand(CLI::App& app, int& exitStatus) {
                                                        std::to_string(options->scene.frames) + ")");
     }
     (void)cmd;
+    options->scene.placement =
+        options->placement == "far" ? synth::Placement::kFar : synth::Placement::kNear;
     const synth::Recording rec = synth::Render(options->scene);
     std::string error;
     if (!synth::WriteRecording(rec, options->outDir, options->png, error)) {
