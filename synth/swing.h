@@ -81,7 +81,9 @@ struct SwingTruth {
   double SwingAngle(double timeUs) const;          // rotation from the impact position
   cv::Vec3d HeadCentre(double timeUs) const;
   cv::Vec3d ShaftDirection(double timeUs) const;   // unit, pivot toward the head
-  cv::Vec2d BallInWindow(int camera) const;        // the frames' ballX, ballY
+  // Resting ball centre in window pixels, exact; the frames' ballX, ballY (and
+  // the file names) carry it rounded to 0.01 px.
+  cv::Vec2d BallInWindow(int camera) const;
 
   // Further detail of the rendered swing (filled by MakeTruth).
   cv::Vec3d headSemiAxes;       // mm: along the motion, along the shaft, along the axis
@@ -132,6 +134,12 @@ struct Recording {
   std::vector<ClubImage*> Cam2();
 };
 
+// Renders both cameras. Each frame is exposed around its time stamp; its
+// afterImpact is 1 from position impactIndex of its camera's list on (as the
+// replay sets it, so a dropped frame shifts camera 2's flags), ballX/ballY
+// hold the resting ball, ballRadius is 0. Scene values outside what can be
+// rendered (frames 1..2000, fps 100..20000, impactIndex 0..frames) are
+// clamped; `scene` in the result holds the values used.
 Recording Render(const SwingScene& scene);
 
 // Writes REC/run.ini, REC/Master/MasterOption.ini, REC/Slave/SlaveOption.ini,
