@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <memory>
 #include <random>
 #include <string>
@@ -21,6 +22,7 @@
 #include "analysis/analysis.h"
 #include "harness/offline.h"
 #include "reconstruction/plane_cache.h"
+#include "reconstruction/plane_solve.h"
 #include "reconstruction/spin_axis.h"
 #include "support/access.h"
 #include "support/reference_spin_axis.h"
@@ -40,140 +42,6 @@ void CollectLog(std::wstring line, void* context) {
 template <typename T>
 bool SameBits(const T& a, const T& b) {
   return std::memcmp(&a, &b, sizeof(T)) == 0;
-}
-
-// ---------------------------------------------------------------- the analysis stages
-
-// The candidate areas of both cameras after Find's line extraction, owned.
-struct Candidates {
-  std::vector<std::unique_ptr<PreprocessedImage>> pre;
-  std::vector<std::unique_ptr<CandidateAreaImage>> owned;
-  std::vector<CandidateAreaImage*> cam1;
-  std::vector<CandidateAreaImage*> cam2;
-  int passes = 0;
-};
-
-int AgreedHeadSize(const std::vector<int>& sizes) {
-  std::vector<int> positive;
-  for (const int size : sizes) {
-    if (size > 0) positive.push_back(size);
-  }
-  if (positive.empty()) return 0;
-  std::sort(positive.begin(), positive.end());
-  return positive[(2 * positive.size()) / 3];
-}
-
-void ExtractCameraLines(ClubTracker& tracker, const std::vector<CandidateAreaImage*>& areas,
-                        const std::vector<cv::Mat>& edges, float lineSize) {
-  const int before = Access::GetLineThreshold(tracker, areas[0], lineSize);
-  int after = 0;
-  for (size_t k = 0; k < areas.size(); ++k) {
-    if (areas[k]->afterImpact == 1) {
-      if (after <= 0) after = Access::GetLineThreshold(tracker, areas[k], lineSize);
-      ExtractCandidatesFromEdges(areas[k], edges[k], after);
-    } else {
-      ExtractCandidatesFromEdges(areas[k], edges[k], before);
-    }
-  }
-}
-
-int CountLines(const std::vector<CandidateAreaImage*>& areas) {
-  size_t total = 0;
-  for (const CandidateAreaImage* area : areas) total += area->lines.size();
-  return static_cast<int>(total);
-}
-
-void AdaptLineSize(int foundPair, int lineCount, int frames, float& lineSize, int& redo,
-                   const std::vector<CandidateAreaImage*>& areas) {
-  if (foundPair >= 3 && lineCount >= 2 * frames) {
-    if (lineCount <= 4 * frames) return;
-    lineSize = static_cast<float>(static_cast<double>(lineSize) - 0.2);
-  } else {
-    lineSize = static_cast<float>(static_cast<double>(lineSize) * 1.1);
-  }
-  redo = 1;
-  for (CandidateAreaImage* area : areas) area->lines.clear();
-}
-
-// Find's stages from the pairing to the last pass of the line extraction.
-// False when Find would stop before the spin axis.
-bool ExtractLines(ClubTracker& tracker, const std::vector<ClubImage*>& images1,
-                  const std::vector<ClubImage*>& images2, Candidates& out) {
-  std::vector<ClubImage*> pairs1;
-  std::vector<ClubImage*> pairs2;
-  PairFrames(images1, images2, pairs1, pairs2);
-  std::vector<PreprocessedImage*> pre[2];
-  for (int c = 0; c < 2; ++c) {
-    for (ClubImage* image : c == 0 ? pairs1 : pairs2) {
-      out.pre.push_back(std::make_unique<PreprocessedImage>());
-      Access::Preprocessing(tracker, image, out.pre.back().get());
-      pre[c].push_back(out.pre.back().get());
-    }
-  }
-  for (int c = 0; c < 2; ++c) {
-    std::vector<CandidateAreaImage*>& cand = c == 0 ? out.cam1 : out.cam2;
-    const int found = Access::FindCandidateArea(tracker, pre[c], cand);
-    for (CandidateAreaImage* area : cand) out.owned.emplace_back(area);
-    if (found == 0) return false;
-  }
-  if (out.cam1.size() != out.cam2.size() || out.cam1.empty()) return false;
-  const int n = static_cast<int>(out.cam1.size());
-
-  std::vector<cv::Mat> masks[2] = {std::vector<cv::Mat>(n), std::vector<cv::Mat>(n)};
-  int bothPresent = 0;
-  for (int k = 0; k < n; ++k) {
-    int present1 = 0;
-    int present2 = 0;
-    RefineCandidateMask(out.cam1[k]->image, masks[0][k], &present1);
-    RefineCandidateMask(out.cam2[k]->image, masks[1][k], &present2);
-    if (present1 == 1 && present2 == 1) ++bothPresent;
-  }
-  int head[2] = {0, 0};
-  if (bothPresent > 10) {
-    for (int c = 0; c < 2; ++c) {
-      std::vector<int> sizes(n, 0);
-      MeasureHeadSizes(tracker, c == 0 ? out.cam1 : out.cam2, masks[c], sizes);
-      head[c] = AgreedHeadSize(sizes);
-    }
-    if (head[0] <= 0 || head[1] <= 0) return false;
-  }
-  for (int k = 0; k < n; ++k) {
-    Access::DeleteDriverHeadArea(tracker, out.cam1[k], head[0]);
-    Access::DeleteDriverHeadArea(tracker, out.cam2[k], head[1]);
-  }
-
-  std::vector<cv::Mat> edges[2] = {std::vector<cv::Mat>(n), std::vector<cv::Mat>(n)};
-  for (int k = 0; k < n; ++k) {
-    ComputeShaftEdges(out.cam1[k]->image, edges[0][k]);
-    ComputeShaftEdges(out.cam2[k]->image, edges[1][k]);
-  }
-  float lineSize[2] = {4.5f, 4.5f};
-  int redo[2] = {1, 1};
-  int foundPair = 0;
-  do {
-    ++out.passes;
-    foundPair = 0;
-    for (int c = 0; c < 2; ++c) {
-      if (redo[c] == 1) ExtractCameraLines(tracker, c == 0 ? out.cam1 : out.cam2, edges[c], lineSize[c]);
-      redo[c] = 0;
-    }
-    const int count1 = CountLines(out.cam1);
-    const int count2 = CountLines(out.cam2);
-    for (int k = 0; k < n; ++k) {
-      if (!out.cam1[k]->lines.empty() && !out.cam2[k]->lines.empty() &&
-          out.cam1[k]->afterImpact == 0 && out.cam2[k]->afterImpact == 0) {
-        ++foundPair;
-      }
-    }
-    if (out.passes < 10) {
-      AdaptLineSize(foundPair, count1, n, lineSize[0], redo[0], out.cam1);
-      AdaptLineSize(foundPair, count2, n, lineSize[1], redo[1], out.cam2);
-    } else {
-      const auto within = [n](int count) { return count >= 2 * n && count <= 4 * n; };
-      if (!(within(count1) && within(count2))) foundPair = 0;
-    }
-  } while (redo[0] != 0 || redo[1] != 0);
-  return foundPair >= 3;
 }
 
 // ---------------------------------------------------------------- the comparison
@@ -279,8 +147,8 @@ TEST_P(RenderedSwing, ExtractedLines) {
   const SwingCase& param = GetParam();
   synth::Recording recording = synth::Render(param.scene);
   ClubTracker tracker(recording.setting);
-  Candidates candidates;
-  ASSERT_TRUE(ExtractLines(tracker, recording.Cam1(), recording.Cam2(), candidates))
+  reference::Candidates candidates;
+  ASSERT_TRUE(reference::ExtractLines(tracker, recording.Cam1(), recording.Cam2(), candidates))
       << "the analysis found too few line pairs";
   const double origin[3] = {0.0, 0.0, 0.0};
   Comparison c;
@@ -328,8 +196,8 @@ TEST_P(GoldenRecording, ExtractedLines) {
   const nlohmann::json& spin = expected["diagnostics"]["spinAxis"];
 
   ClubTracker tracker(recording.setting);
-  Candidates candidates;
-  ASSERT_TRUE(ExtractLines(tracker, recording.cam1, recording.cam2, candidates));
+  reference::Candidates candidates;
+  ASSERT_TRUE(reference::ExtractLines(tracker, recording.cam1, recording.cam2, candidates));
   EXPECT_EQ(candidates.passes, static_cast<int>(expected["diagnostics"]["passes"].size()));
   const double origin[3] = {0.0, 0.0, 0.0};
   Comparison c;
@@ -495,6 +363,85 @@ TEST(MatRounding, KnownFormulasOnThisMachine) {
     const cv::Mat expected = ma * mx - md;
     for (int k = 0; k < 4; ++k) ASSERT_TRUE(SameBits(r[k], expected.at<double>(k)));
   }
+}
+
+class JacobiSolve : public ::testing::TestWithParam<int> {};
+
+// The hand-written least squares gives cv::solve(DECOMP_SVD)'s bits for every
+// size the library solves with its own Jacobi SVD, on regular systems and on
+// the degenerate ones the search meets: repeated planes (consecutive frames
+// with the same lines), two repeated pairs (rank two), opposite and nearly
+// parallel planes.
+TEST_P(JacobiSolve, MatchesTheLibrary) {
+  const int rows = GetParam();
+  ASSERT_TRUE(JacobiSolveMatchesLibrary());
+  std::mt19937_64 rng(static_cast<uint64_t>(rows));
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  const int samples = Sanitized() ? 2000 : (rows == 4 ? 300000 : 20000);
+  int solved = 0;
+  for (int sample = 0; sample < samples; ++sample) {
+    double a[kJacobiSolveMaxRows * 3];
+    double d[kJacobiSolveMaxRows];
+    const int kind = sample % 6;
+    for (int r = 0; r < rows; ++r) {
+      double v[3];
+      for (int c = 0; c < 3; ++c) {
+        v[c] = (kind == 4 && r > 0 ? a[c] : 0.0) + (kind == 4 ? 0.02 : 1.0) * u(rng);
+      }
+      const double length = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+      for (int c = 0; c < 3; ++c) a[3 * r + c] = v[c] / length;
+      d[r] = 3000.0 * u(rng);
+    }
+    if (kind == 1) {
+      std::memcpy(a + 3, a, 3 * sizeof(double));
+      d[1] = d[0];
+    } else if (kind == 2 && rows >= 4) {
+      std::memcpy(a + 3, a, 3 * sizeof(double));
+      std::memcpy(a + 9, a + 6, 3 * sizeof(double));
+      d[1] = d[0];
+      d[3] = d[2];
+    } else if (kind == 3) {
+      for (int c = 0; c < 3; ++c) a[3 + c] = -a[c];
+      d[1] = -d[0] + 0.5;
+    } else if (kind == 5) {
+      for (int r = 1; r < rows; ++r) std::memcpy(a + 3 * r, a, 3 * sizeof(double));
+    }
+    double x[3];
+    if (!SolvePlanesJacobi(a, d, rows, x)) continue;
+    ++solved;
+    const cv::Mat ma(rows, 3, CV_64F, a);
+    const cv::Mat md(rows, 1, CV_64F, d);
+    const cv::Mat expected = ma.inv(cv::DECOMP_SVD) * md;
+    ASSERT_TRUE(SameBits(x[0], expected.at<double>(0)) && SameBits(x[1], expected.at<double>(1)) &&
+                SameBits(x[2], expected.at<double>(2)))
+        << "sample " << sample << " kind " << kind;
+  }
+  EXPECT_EQ(solved, samples);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, JacobiSolve, ::testing::Range(3, kJacobiSolveMaxRows + 1));
+
+// Systems the library hands elsewhere are left to it.
+TEST(JacobiSolveLimits, RefusesWhatItDoesNotReproduce) {
+  double a[30 * 3];
+  double d[30];
+  for (int i = 0; i < 30; ++i) {
+    a[3 * i] = 1.0;
+    a[3 * i + 1] = 0.5 * i;
+    a[3 * i + 2] = 0.25 * i * i;
+    d[i] = i;
+  }
+  double x[3] = {7.0, 7.0, 7.0};
+  EXPECT_FALSE(SolvePlanesJacobi(a, d, kJacobiSolveMaxRows + 1, x));
+  EXPECT_FALSE(SolvePlanesJacobi(a, d, 2, x));
+  EXPECT_TRUE(SolvePlanesJacobi(a, d, kJacobiSolveMaxRows, x));
+  a[4] = std::numeric_limits<double>::quiet_NaN();
+  x[0] = 7.0;
+  EXPECT_FALSE(SolvePlanesJacobi(a, d, 4, x));
+  EXPECT_EQ(x[0], 7.0);
+  const double zero[12] = {};
+  EXPECT_TRUE(SolvePlanesJacobi(zero, d, 4, x));  // every singular value dropped
+  EXPECT_EQ(x[0], 0.0);
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <exception>
 #include <limits>
-#include <set>
+#include <unordered_set>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -19,6 +19,7 @@
 
 #include "reconstruction/geometry.h"
 #include "reconstruction/plane_cache.h"
+#include "reconstruction/plane_solve.h"
 #include "tracker/records.h"
 
 namespace {
@@ -141,6 +142,7 @@ struct EvaluateLinePairs {
   const PlaneCache& planes1;
   const PlaneCache& planes2;
   const MatRounding& rounding;
+  bool jacobi;  // SolvePlanesJacobi gives the library's bits
   int axisIndex;
   const double* referencePoint;
   uint64_t chunk;
@@ -177,10 +179,12 @@ struct EvaluateLinePairs {
         }
         // The pseudo-inverse solution, evaluated as the library evaluates
         // A.inv(DECOMP_SVD) * d.
-        cv::solve(matA, matD, matX, cv::DECOMP_SVD);
-        if (matX.data != reinterpret_cast<uchar*>(x)) {
-          for (int i = 0; i < 3; ++i) x[i] = matX.at<double>(i);
-          matX = cv::Mat(3, 1, CV_64F, x);
+        if (!(jacobi && SolvePlanesJacobi(a, d, 4, x))) {
+          cv::solve(matA, matD, matX, cv::DECOMP_SVD);
+          if (matX.data != reinterpret_cast<uchar*>(x)) {
+            for (int i = 0; i < 3; ++i) x[i] = matX.at<double>(i);
+            matX = cv::Mat(3, 1, CV_64F, x);
+          }
         }
         PlaneResiduals(rounding, a, x, d, r, 4);
         const double residual = matR.dot(matR) / 4;
@@ -233,6 +237,19 @@ void LocateBall(const CameraGeometry& camera1, const CameraGeometry& camera2,
   }
 }
 
+struct InlierListHash {
+  size_t operator()(const std::vector<InlierLines>& list) const {
+    uint64_t h = 1469598103934665603ull;
+    for (const InlierLines& in : list) {
+      for (const int32_t v : {in.frame, in.cam1, in.cam2}) {
+        h ^= static_cast<uint32_t>(v);
+        h *= 1099511628211ull;
+      }
+    }
+    return static_cast<size_t>(h);
+  }
+};
+
 // One entry of the hypothesis list as the sort sees it.
 struct SortEntry {
   uint32_t inliers;
@@ -270,6 +287,7 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
   planes1.Build(cam1Areas, camera1);
   planes2.Build(cam2Areas, camera2);
   const MatRounding& rounding = MatRounding::Get();
+  const bool jacobi = JacobiSolveMatchesLibrary();
 
   // Only the first batch evaluates pairs: every later batch compares its
   // positions with its own count and so skips them all, then collects its
@@ -282,8 +300,9 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
   const uint64_t chunk = firstCount / kChunksPerBatch;
   std::vector<PairHypothesis> chunkLists[kChunksPerBatch];
   if (chunk > 0) {
-    const EvaluateLinePairs body{pairs,    planes1,        planes2, rounding, axisIndex,
-                                 referencePoint, chunk, chunkLists};
+    const EvaluateLinePairs body{pairs,     planes1,        planes2, rounding,
+                                 jacobi,    axisIndex,      referencePoint, chunk,
+                                 chunkLists};
     tbb::parallel_for(tbb::blocked_range<int>(0, kChunksPerBatch, 1), body);
   }
   stats->evaluatedPairs = chunk * kChunksPerBatch;
@@ -344,11 +363,12 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
   // neither beat the best nor stop the search any more: it is skipped.
   double best = kInitialBestRefit;
   std::vector<char> visited(accepted.size(), 0);
-  std::set<std::vector<InlierLines>> solved;
+  std::unordered_set<std::vector<InlierLines>, InlierListHash> solved;
   std::vector<InlierLines> inliers;
   cv::Mat matA;
   cv::Mat matD;
-  cv::Mat matX;
+  double solution[3];
+  cv::Mat matX(3, 1, CV_64F, solution);
   cv::Mat matR;
   for (const SortEntry& entry : list) {
     if (entry.inliers < kMinInliers) continue;
@@ -384,7 +404,13 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
       matD.at<double>(k) = p1.refitOffset;
       matD.at<double>(m + k) = p2.refitOffset;
     }
-    cv::solve(matA, matD, matX, cv::DECOMP_SVD);
+    if (!(jacobi && SolvePlanesJacobi(matA.ptr<double>(), matD.ptr<double>(), 2 * m, solution))) {
+      cv::solve(matA, matD, matX, cv::DECOMP_SVD);
+      if (matX.data != reinterpret_cast<uchar*>(solution)) {
+        for (int i = 0; i < 3; ++i) solution[i] = matX.at<double>(i);
+        matX = cv::Mat(3, 1, CV_64F, solution);
+      }
+    }
     cv::gemm(matA, matX, 1.0, matD, -1.0, matR);
     const double residual = matR.dot(matR) / matR.rows;
     ++stats->refits;

@@ -1,0 +1,121 @@
+// The spin-axis search: on the line candidates the analysis stages extract
+// from the default synthetic swing, and on a dense case of 24 frames with four
+// lines per frame in each camera (70656 line pairs). The literal cv::Mat
+// version runs on the same inputs for the speed-up.
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "reconstruction/spin_axis.h"
+#include "support/access.h"
+#include "support/reference_spin_axis.h"
+#include "synth/swing.h"
+#include "tracker/records.h"
+
+namespace {
+
+struct SpinAxisInput {
+  ClubTrackerSetting setting{};
+  std::vector<std::unique_ptr<CandidateAreaImage>> owned;
+  reference::Candidates extracted;
+  std::vector<CandidateAreaImage*> cam1;
+  std::vector<CandidateAreaImage*> cam2;
+};
+
+// The default swing rendered and taken through Find's analysis stages.
+const SpinAxisInput& DefaultSwing() {
+  static const std::unique_ptr<SpinAxisInput> input = [] {
+    auto in = std::make_unique<SpinAxisInput>();
+    synth::Recording recording = synth::Render(synth::SwingScene());
+    in->setting = recording.setting;
+    ClubTracker tracker(recording.setting);
+    reference::ExtractLines(tracker, recording.Cam1(), recording.Cam2(), in->extracted);
+    in->cam1 = in->extracted.cam1;
+    in->cam2 = in->extracted.cam2;
+    return in;
+  }();
+  return *input;
+}
+
+// 24 frames of the default swing's geometry, each camera with the true shaft
+// line and three lines near it.
+const SpinAxisInput& Dense() {
+  static const std::unique_ptr<SpinAxisInput> input = [] {
+    auto in = std::make_unique<SpinAxisInput>();
+    synth::SwingScene scene;
+    scene.frames = 24;
+    const synth::SwingTruth truth = synth::MakeTruth(scene);
+    in->setting = synth::MakeSetting(truth);
+    std::mt19937 rng(24);
+    std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
+    for (int i = 0; i < scene.frames; ++i) {
+      for (int c = 0; c < 2; ++c) {
+        const synth::CameraModel& camera = truth.cameras[c];
+        in->owned.push_back(std::make_unique<CandidateAreaImage>());
+        CandidateAreaImage* area = in->owned.back().get();
+        area->image = cv::Mat::zeros(camera.height, 4, CV_8UC1);
+        area->sensorOffsetX = camera.sensorOffsetX;
+        area->sensorOffsetY = camera.sensorOffsetY;
+        area->afterImpact = i >= truth.impactIndex ? 1u : 0u;
+        const cv::Vec2d ball = truth.BallInWindow(c);
+        area->ballX = static_cast<float>(ball[0]);
+        area->ballY = static_cast<float>(ball[1]);
+        const cv::Vec2f line = truth.ShaftLine(c, truth.FrameTime(c, i));
+        area->lines.push_back(line);
+        for (int k = 0; k < 3; ++k) {
+          area->lines.push_back(cv::Vec2f(line[0] + 6.0f * unit(rng), line[1] + 0.02f * unit(rng)));
+        }
+        (c == 0 ? in->cam1 : in->cam2).push_back(area);
+      }
+    }
+    return in;
+  }();
+  return *input;
+}
+
+void Report(benchmark::State& state, const SpinAxisInput& in) {
+  SpinAxisSearchStats stats;
+  double point[3] = {0.0, 0.0, 0.0};
+  ClubSpinAxis3D axis;
+  SearchClubSpinAxis(in.setting, point, in.cam1, in.cam2, axis, &stats);
+  state.counters["pairs"] = static_cast<double>(stats.linePairs);
+  state.counters["hypotheses"] = static_cast<double>(stats.hypotheses);
+  state.counters["refits"] = static_cast<double>(stats.refits);
+}
+
+void Optimised(benchmark::State& state, const SpinAxisInput& in) {
+  ClubTracker tracker(in.setting);
+  for (auto _ : state) {
+    tracker.referencePoint[0] = tracker.referencePoint[1] = tracker.referencePoint[2] = 0.0;
+    ClubSpinAxis3D axis;
+    benchmark::DoNotOptimize(ClubTrackerTestAccess::FindClubSpinAxis(tracker, in.cam1, in.cam2, axis));
+  }
+  Report(state, in);
+}
+
+void Literal(benchmark::State& state, const SpinAxisInput& in) {
+  for (auto _ : state) {
+    double point[3] = {0.0, 0.0, 0.0};
+    ClubSpinAxis3D axis;
+    benchmark::DoNotOptimize(
+        reference::FindClubSpinAxis(in.setting, point, nullptr, in.cam1, in.cam2, axis));
+  }
+  Report(state, in);
+}
+
+void BM_FindClubSpinAxis_DefaultSwing(benchmark::State& state) { Optimised(state, DefaultSwing()); }
+void BM_FindClubSpinAxis_Dense(benchmark::State& state) { Optimised(state, Dense()); }
+void BM_FindClubSpinAxisLiteral_DefaultSwing(benchmark::State& state) {
+  Literal(state, DefaultSwing());
+}
+void BM_FindClubSpinAxisLiteral_Dense(benchmark::State& state) { Literal(state, Dense()); }
+
+BENCHMARK(BM_FindClubSpinAxis_DefaultSwing)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_FindClubSpinAxis_Dense)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_FindClubSpinAxisLiteral_DefaultSwing)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_FindClubSpinAxisLiteral_Dense)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+}  // namespace

@@ -1,0 +1,239 @@
+#include "reconstruction/plane_solve.h"
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <utility>
+
+#include <opencv2/core.hpp>
+
+// Every product and sum below must round on its own, in the written order.
+#pragma GCC optimize("fp-contract=off")
+
+namespace {
+
+constexpr int kColumns = 3;
+
+// sqrt(a^2 + b^2) as the library's SVD forms it (not std::hypot).
+inline double ScaledHypot(double a, double b) {
+  a = std::abs(a);
+  b = std::abs(b);
+  if (a > b) {
+    b /= a;
+    return a * std::sqrt(1 + b * b);
+  }
+  if (b > 0) {
+    a /= b;
+    return b * std::sqrt(1 + a * a);
+  }
+  return 0;
+}
+
+}  // namespace
+
+bool SolvePlanesJacobi(const double* a, const double* d, int rows, double* x) {
+  const int m = rows;
+  const int n = kColumns;
+  if (m < n || m > kJacobiSolveMaxRows) return false;
+  for (int i = 0; i < m * n; ++i) {
+    if (!std::isfinite(a[i])) return false;
+  }
+  for (int i = 0; i < m; ++i) {
+    if (!std::isfinite(d[i])) return false;
+  }
+
+  // The columns of A as rows (A's transpose), their squared norms, and V^T.
+  double at[kColumns][kJacobiSolveMaxRows];
+  double w[kColumns];
+  double vt[kColumns][kColumns];
+  for (int i = 0; i < n; ++i) {
+    for (int k = 0; k < m; ++k) at[i][k] = a[k * n + i];
+  }
+  for (int i = 0; i < n; ++i) {
+    double sd = 0;
+    for (int k = 0; k < m; ++k) {
+      const double t = at[i][k];
+      sd += t * t;
+    }
+    w[i] = sd;
+    for (int k = 0; k < n; ++k) vt[i][k] = 0;
+    vt[i][i] = 1;
+  }
+
+  // One-sided Jacobi rotations until no pair of columns is rotated.
+  const double eps = DBL_EPSILON * 10;
+  const int maxIter = std::max(m, 30);
+  for (int iter = 0; iter < maxIter; ++iter) {
+    bool changed = false;
+    for (int i = 0; i < n - 1; ++i) {
+      for (int j = i + 1; j < n; ++j) {
+        double* ai = at[i];
+        double* aj = at[j];
+        double wa = w[i];
+        double p = 0;
+        double wb = w[j];
+        for (int k = 0; k < m; ++k) p += ai[k] * aj[k];
+        if (std::abs(p) <= eps * std::sqrt(wa * wb)) continue;
+
+        p *= 2;
+        const double beta = wa - wb;
+        const double gamma = ScaledHypot(p, beta);
+        double c;
+        double s;
+        if (beta < 0) {
+          const double delta = (gamma - beta) * 0.5;
+          s = std::sqrt(delta / gamma);
+          c = p / (gamma * s * 2);
+        } else {
+          c = std::sqrt((gamma + beta) / (gamma * 2));
+          s = p / (gamma * c * 2);
+        }
+
+        wa = 0;
+        wb = 0;
+        for (int k = 0; k < m; ++k) {
+          const double t0 = c * ai[k] + s * aj[k];
+          const double t1 = -s * ai[k] + c * aj[k];
+          ai[k] = t0;
+          aj[k] = t1;
+          wa += t0 * t0;
+          wb += t1 * t1;
+        }
+        w[i] = wa;
+        w[j] = wb;
+        changed = true;
+
+        double* vi = vt[i];
+        double* vj = vt[j];
+        for (int k = 0; k < n; ++k) {
+          const double t0 = c * vi[k] + s * vj[k];
+          const double t1 = -s * vi[k] + c * vj[k];
+          vi[k] = t0;
+          vj[k] = t1;
+        }
+      }
+    }
+    if (!changed) break;
+  }
+
+  // Singular values, in descending order with their vectors.
+  for (int i = 0; i < n; ++i) {
+    double sd = 0;
+    for (int k = 0; k < m; ++k) {
+      const double t = at[i][k];
+      sd += t * t;
+    }
+    w[i] = std::sqrt(sd);
+  }
+  for (int i = 0; i < n - 1; ++i) {
+    int j = i;
+    for (int k = i + 1; k < n; ++k) {
+      if (w[j] < w[k]) j = k;
+    }
+    if (i != j) {
+      std::swap(w[i], w[j]);
+      for (int k = 0; k < m; ++k) std::swap(at[i][k], at[j][k]);
+      for (int k = 0; k < n; ++k) std::swap(vt[i][k], vt[j][k]);
+    }
+  }
+
+  // Back-substitution, x = V diag(1 / w) U^T d over the singular values above
+  // the threshold.
+  double threshold = 0;
+  for (int i = 0; i < n; ++i) threshold += w[i];
+  threshold *= DBL_EPSILON * 2;
+  for (int i = 0; i < n; ++i) {
+    // A vanishing singular value gets a made-up left vector in the library;
+    // it is only harmless when the back-substitution drops it.
+    if (w[i] <= DBL_MIN && !(std::abs(w[i]) <= threshold)) return false;
+  }
+  double u[kColumns][kJacobiSolveMaxRows];
+  for (int i = 0; i < n; ++i) {
+    if (w[i] <= DBL_MIN) continue;
+    const double scale = 1 / w[i];
+    for (int k = 0; k < m; ++k) u[i][k] = at[i][k] * scale;
+  }
+  double out[kColumns] = {0, 0, 0};
+  for (int i = 0; i < n; ++i) {
+    double wi = w[i];
+    if (std::abs(wi) <= threshold) continue;
+    wi = 1 / wi;
+    double s = 0;
+    for (int j = 0; j < m; ++j) s += u[i][j] * d[j];
+    s *= wi;
+    for (int j = 0; j < n; ++j) out[j] = out[j] + s * vt[i][j];
+  }
+  std::memcpy(x, out, sizeof out);
+  return true;
+}
+
+namespace {
+
+struct ProbeRandom {
+  uint64_t state = 0x9E3779B97F4A7C15ull;
+  double Next() {
+    state = state * 6364136223846793005ull + 1442695040888963407ull;
+    return static_cast<double>(state >> 11) * (2.0 / 9007199254740992.0) - 1.0;
+  }
+};
+
+void UnitRow(ProbeRandom& random, double* row, const double* near, double spread) {
+  double v[3];
+  for (int c = 0; c < 3; ++c) v[c] = (near != nullptr ? near[c] : 0.0) + spread * random.Next();
+  const double length = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+  for (int c = 0; c < 3; ++c) row[c] = v[c] / length;
+}
+
+bool ProbeMatches() {
+  ProbeRandom random;
+  for (const int rows : {3, 4, 5, 8, 12, 24}) {
+    for (int sample = 0; sample < 96; ++sample) {
+      double a[kJacobiSolveMaxRows * 3];
+      double d[kJacobiSolveMaxRows];
+      const int kind = sample % 6;
+      for (int r = 0; r < rows; ++r) {
+        UnitRow(random, a + 3 * r, kind == 4 && r > 0 ? a : nullptr, kind == 4 ? 0.01 : 1.0);
+        d[r] = 2000.0 * random.Next();
+      }
+      if (kind == 1) {  // a repeated plane
+        std::memcpy(a + 3, a, 3 * sizeof(double));
+        d[1] = d[0];
+      } else if (kind == 2 && rows >= 4) {  // two repeated planes: rank two
+        std::memcpy(a + 3, a, 3 * sizeof(double));
+        std::memcpy(a + 9, a + 6, 3 * sizeof(double));
+        d[1] = d[0];
+        d[3] = d[2];
+      } else if (kind == 3) {  // an opposite plane
+        for (int c = 0; c < 3; ++c) a[3 + c] = -a[c];
+        d[1] = -d[0];
+      } else if (kind == 5) {  // all planes alike
+        for (int r = 1; r < rows; ++r) std::memcpy(a + 3 * r, a, 3 * sizeof(double));
+      }
+      double x[3];
+      if (!SolvePlanesJacobi(a, d, rows, x)) continue;
+      double y[3];
+      const cv::Mat ma(rows, 3, CV_64F, a);
+      const cv::Mat md(rows, 1, CV_64F, d);
+      cv::Mat mx(3, 1, CV_64F, y);
+      cv::solve(ma, md, mx, cv::DECOMP_SVD);
+      if (mx.data != reinterpret_cast<uchar*>(y)) return false;
+      if (std::memcmp(x, y, sizeof x) != 0) return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+bool JacobiSolveMatchesLibrary() {
+  static const bool matches = [] {
+    try {
+      return ProbeMatches();
+    } catch (...) {
+      return false;
+    }
+  }();
+  return matches;
+}
