@@ -530,14 +530,36 @@ TEST_F(WholeSwing, CroppingRegionLeavesRawPixelsNull) {
 }
 
 TEST_F(WholeSwing, TimeIsCheckedAfterTheSpinAxis) {
+  // How long this build takes up to the end of the spin-axis stage.
+  using Clock = std::chrono::steady_clock;
+  LogCapture probe;
+  Clock::time_point start;
+  double untilAxis = 0.0;
+  probe.onLine = [&](const std::string& line) {
+    if (line == "FindClubSpinAxis end.") {
+      untilAxis = std::chrono::duration<double>(Clock::now() - start).count();
+    }
+  };
+  TemplateSpy first(probe);
+  first.SetTrackerSetting(Setting(probe));
+  ClubTrackerResult firstResult;
+  start = Clock::now();
+  first.Find(recording_->Cam1(), recording_->Cam2(), firstResult, 0);
+  ASSERT_GT(untilAxis, 0.0);
+
+  // A limit well above that, and a host that stalls past it right after the
+  // spin axis: the check that follows the spin-axis stage ends the call.
+  const unsigned int limit = static_cast<unsigned int>(std::ceil(2.0 * untilAxis)) + 1;
   LogCapture log;
-  log.onLine = [](const std::string& line) {
-    if (line == "FindClubSpinAxis end.") std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  log.onLine = [limit](const std::string& line) {
+    if (line == "FindClubSpinAxis end.") {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1000 * limit + 100));
+    }
   };
   TemplateSpy tracker(log);
   tracker.SetTrackerSetting(Setting(log));
   ClubTrackerResult result;
-  tracker.Find(recording_->Cam1(), recording_->Cam2(), result, 1);
+  tracker.Find(recording_->Cam1(), recording_->Cam2(), result, limit);
   ASSERT_FALSE(log.lines.empty());
   EXPECT_EQ(log.lines.back(), "FindClubSpinAxis end.");
   EXPECT_EQ(result.frames, nullptr);
