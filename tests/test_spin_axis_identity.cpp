@@ -444,4 +444,68 @@ TEST(JacobiSolveLimits, RefusesWhatItDoesNotReproduce) {
   EXPECT_EQ(x[0], 0.0);
 }
 
+// The quick rejection of four-plane systems only ever rejects pairs that the
+// exact evaluation rejects too, even for points a few hundredths of a
+// millimetre from a bound and residuals close to the limit.
+TEST(PairPrefilter, RejectsOnlyWhatTheExactEvaluationRejects) {
+  std::mt19937_64 rng(99);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  const PairWindows windows{10.0, 700.0, 2000.0, 700.0, 2800.0};
+  const double reference[3] = {0.25, 21.35, -0.5};
+  const int samples = Sanitized() ? 20000 : 150000;
+  int quick = 0;
+  int exactRejects = 0;
+  for (int sample = 0; sample < samples; ++sample) {
+    // A point near a bound of one of the windows, or anywhere.
+    double p[3] = {400.0 * u(rng), 0.0, 400.0 * u(rng)};
+    const double near = 0.05 * u(rng);
+    switch (sample % 5) {
+      case 0: p[1] = 700.0 + near; p[0] = 5.0 * u(rng); p[2] = 5.0 * u(rng); break;
+      case 1: p[1] = 2000.0 + near; break;
+      case 2: {
+        p[1] = 1500.0;
+        const double scale = (2800.0 + near) / std::sqrt(p[0] * p[0] + p[1] * p[1] + p[2] * p[2]);
+        for (double& v : p) v *= scale;
+        break;
+      }
+      case 3: p[1] = 2500.0 * u(rng); break;
+      default: for (double& v : p) v = 5000.0 * u(rng); break;
+    }
+    for (int i = 0; i < 3; ++i) p[i] += reference[i];
+    // Four planes through it, some nearly parallel, offsets with noise that
+    // puts the residual around its limit.
+    double a[12];
+    double d[4];
+    const double spread = sample % 7 == 0 ? 0.05 : 1.0;
+    const double base[3] = {u(rng), u(rng), u(rng)};
+    const double noise = std::abs(4.5 * u(rng));
+    for (int r = 0; r < 4; ++r) {
+      double v[3];
+      for (int c = 0; c < 3; ++c) v[c] = base[c] + spread * u(rng);
+      const double length = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+      const cv::Mat n = (cv::Mat_<double>(3, 1) << v[0] / length, v[1] / length, v[2] / length);
+      for (int c = 0; c < 3; ++c) a[3 * r + c] = n.at<double>(c);
+      d[r] = n.dot(cv::Mat(3, 1, CV_64F, p)) + noise * u(rng);
+    }
+    // The decision of the literal evaluation.
+    const cv::Mat ma(4, 3, CV_64F, a);
+    const cv::Mat md(4, 1, CV_64F, d);
+    const cv::Mat x = ma.inv(cv::DECOMP_SVD) * md;
+    const cv::Mat r = ma * x - md;
+    const double residual = r.dot(r) / 4;
+    const double along = std::abs(x.at<double>(1) - reference[1]);
+    const double distance = cv::norm(x - cv::Mat(3, 1, CV_64F, const_cast<double*>(reference)));
+    const bool rejected = residual > 10.0 || along < 700.0 || along > 2000.0 || distance < 700.0 ||
+                          distance > 2800.0;
+    exactRejects += rejected ? 1 : 0;
+    if (PairSurelyRejected(a, d, reference, 1, windows)) {
+      ++quick;
+      ASSERT_TRUE(rejected) << "sample " << sample << " residual " << residual << " along "
+                            << along << " distance " << distance;
+    }
+  }
+  // It does take most of the work away.
+  EXPECT_GT(quick, exactRejects * 3 / 4);
+}
+
 }  // namespace

@@ -237,3 +237,68 @@ bool JacobiSolveMatchesLibrary() {
   }();
   return matches;
 }
+
+bool PairSurelyRejected(const double* a, const double* d, const double* reference, int axisIndex,
+                        const PairWindows& windows) {
+  // Unit rows make A^T A's eigenvalues lie in [0, 4]; det(A^T A) >= 1e-4 then
+  // bounds the smallest singular value of A below by 2.5e-3 and its condition
+  // number by 800. For such systems the SVD solution and the normal-equation
+  // solution both lie within about 1e-8 |X| + 1e-4 of the exact one: the
+  // margins below are a hundred times wider.
+  constexpr double kMinDeterminant = 1e-4;
+  for (int i = 0; i < 4; ++i) {
+    const double* n = a + 3 * i;
+    const double norm = n[0] * n[0] + n[1] * n[1] + n[2] * n[2];
+    if (!(std::abs(norm - 1.0) <= 1e-9) || !std::isfinite(d[i])) return false;
+  }
+  double m[3][3];
+  double b[3];
+  for (int r = 0; r < 3; ++r) {
+    b[r] = 0.0;
+    for (int c = 0; c < 3; ++c) m[r][c] = 0.0;
+  }
+  for (int i = 0; i < 4; ++i) {
+    const double* n = a + 3 * i;
+    for (int r = 0; r < 3; ++r) {
+      for (int c = r; c < 3; ++c) m[r][c] += n[r] * n[c];
+      b[r] += n[r] * d[i];
+    }
+  }
+  const double c00 = m[1][1] * m[2][2] - m[1][2] * m[1][2];
+  const double c01 = m[0][2] * m[1][2] - m[0][1] * m[2][2];
+  const double c02 = m[0][1] * m[1][2] - m[0][2] * m[1][1];
+  const double c11 = m[0][0] * m[2][2] - m[0][2] * m[0][2];
+  const double c12 = m[0][1] * m[0][2] - m[0][0] * m[1][2];
+  const double c22 = m[0][0] * m[1][1] - m[0][1] * m[0][1];
+  const double det = m[0][0] * c00 + m[0][1] * c01 + m[0][2] * c02;
+  if (!(det >= kMinDeterminant)) return false;
+  const double x[3] = {(c00 * b[0] + c01 * b[1] + c02 * b[2]) / det,
+                       (c01 * b[0] + c11 * b[1] + c12 * b[2]) / det,
+                       (c02 * b[0] + c12 * b[1] + c22 * b[2]) / det};
+  double residual = 0.0;
+  for (int i = 0; i < 4; ++i) {
+    const double* n = a + 3 * i;
+    const double r = n[0] * x[0] + n[1] * x[1] + n[2] * x[2] - d[i];
+    residual += r * r;
+  }
+  residual /= 4;
+  if (!std::isfinite(residual) || !std::isfinite(x[0]) || !std::isfinite(x[1]) ||
+      !std::isfinite(x[2])) {
+    return false;
+  }
+
+  double size = 0.0;
+  for (int i = 0; i < 3; ++i) size += std::abs(x[i]) + std::abs(reference[i]);
+  const double margin = 1e-2 + 1e-6 * size;  // on the point, and so on distances
+  if (residual - (margin * margin + 1e-6 * (1.0 + residual)) > windows.maxResidual) return true;
+
+  const double offset[3] = {x[0] - reference[0], x[1] - reference[1], x[2] - reference[2]};
+  const double along = std::abs(offset[axisIndex]);
+  if (along + margin < windows.minAlong || along - margin > windows.maxAlong) return true;
+  const double distance =
+      std::sqrt(offset[0] * offset[0] + offset[1] * offset[1] + offset[2] * offset[2]);
+  if (distance + margin < windows.minDistance || distance - margin > windows.maxDistance) {
+    return true;
+  }
+  return false;
+}

@@ -20,3 +20,22 @@ bool SolvePlanesJacobi(const double* a, const double* d, int rows, double* x);
 // once per process on probe systems (regular, repeated and opposite rows,
 // nearly parallel planes) against cv::solve(DECOMP_SVD).
 bool JacobiSolveMatchesLibrary();
+
+// Acceptance windows of a four-plane hypothesis (bounds included).
+struct PairWindows {
+  double maxResidual;
+  double minAlong;
+  double maxAlong;
+  double minDistance;
+  double maxDistance;
+};
+
+// True only when the least-squares point of the four planes (rows of a, unit
+// normals; offsets d) certainly fails the windows around `reference`, whatever
+// the last bits of its solution: decided on the normal equations of a
+// well-conditioned system, with margins far beyond the difference between
+// that solution and the library's. False whenever in doubt (nearly parallel
+// planes, values that are not finite, a point near a bound); the caller then
+// solves the system exactly and decides on that.
+bool PairSurelyRejected(const double* a, const double* d, const double* reference, int axisIndex,
+                        const PairWindows& windows);

@@ -36,6 +36,9 @@ constexpr double kMaxAlongAxis = 2000.0;
 constexpr double kMinDistance = 700.0;
 constexpr double kMaxDistance = 2800.0;
 
+constexpr PairWindows kPairWindows{kMaxPairResidual, kMinAlongAxis, kMaxAlongAxis, kMinDistance,
+                                   kMaxDistance};
+
 constexpr uint32_t kMinInliers = 2;
 constexpr int kMinUsableInliers = 2;
 constexpr double kInitialBestRefit = 1000.0;
@@ -177,6 +180,8 @@ struct EvaluateLinePairs {
           a[3 * i + 2] = planes[i]->normal[2];
           d[i] = planes[i]->offset;
         }
+        // Pairs whose point is far outside the windows need no exact solution.
+        if (PairSurelyRejected(a, d, referencePoint, axisIndex, kPairWindows)) continue;
         // The pseudo-inverse solution, evaluated as the library evaluates
         // A.inv(DECOMP_SVD) * d.
         if (!(jacobi && SolvePlanesJacobi(a, d, 4, x))) {
