@@ -508,4 +508,44 @@ TEST(PairPrefilter, RejectsOnlyWhatTheExactEvaluationRejects) {
   EXPECT_GT(quick, exactRejects * 3 / 4);
 }
 
+// The refit's lower bound never claims more than the exact residual gives.
+TEST(RefitBound, NeverAboveTheExactResidual) {
+  std::mt19937_64 rng(17);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  const int samples = Sanitized() ? 5000 : 60000;
+  int claimed = 0;
+  for (int sample = 0; sample < samples; ++sample) {
+    const int rows = 4 + 2 * (sample % 21);  // 4 .. 44: both solvers of the library
+    std::vector<double> a(3 * rows);
+    std::vector<double> d(rows);
+    const double p[3] = {300.0 * u(rng), 1000.0 + 500.0 * u(rng), 600.0 * u(rng)};
+    const double noise = std::abs(3.0 * u(rng));
+    const double spread = sample % 5 == 0 ? 0.03 : 1.0;
+    const double base[3] = {u(rng), u(rng), u(rng)};
+    for (int r = 0; r < rows; ++r) {
+      double v[3];
+      for (int c = 0; c < 3; ++c) v[c] = base[c] + spread * u(rng);
+      const double length = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+      cv::Mat n = (cv::Mat_<double>(3, 1) << v[0] / length, v[1] / length, v[2] / length);
+      n = n * (1.0 / cv::norm(n));
+      for (int c = 0; c < 3; ++c) a[3 * r + c] = n.at<double>(c);
+      d[r] = n.dot(cv::Mat(3, 1, CV_64F, const_cast<double*>(p))) + noise * u(rng);
+    }
+    const cv::Mat ma(rows, 3, CV_64F, a.data());
+    const cv::Mat md(rows, 1, CV_64F, d.data());
+    const cv::Mat x = ma.inv(cv::DECOMP_SVD) * md;
+    const cv::Mat r = ma * x - md;
+    const double residual = r.dot(r) / r.rows;
+    // Bounds just below, at and above the residual.
+    for (const double bound : {residual * 0.5, residual - 1e-3, residual, residual + 1e-9,
+                               residual * 1.01}) {
+      if (ResidualSurelyAtLeast(a.data(), d.data(), rows, bound)) {
+        ++claimed;
+        ASSERT_GE(residual, bound) << "rows " << rows << " sample " << sample;
+      }
+    }
+  }
+  EXPECT_GT(claimed, samples / 2);
+}
+
 }  // namespace

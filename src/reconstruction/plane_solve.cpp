@@ -238,27 +238,17 @@ bool JacobiSolveMatchesLibrary() {
   return matches;
 }
 
-bool PairSurelyRejected(const double* a, const double* d, const double* reference, int axisIndex,
-                        const PairWindows& windows) {
-  // Unit rows make A^T A's eigenvalues lie in [0, 4]; det(A^T A) >= 1e-4 then
-  // bounds the smallest singular value of A below by 2.5e-3 and its condition
-  // number by 800. For such systems the SVD solution and the normal-equation
-  // solution both lie within about 1e-8 |X| + 1e-4 of the exact one: the
-  // margins below are a hundred times wider.
-  constexpr double kMinDeterminant = 1e-4;
-  for (int i = 0; i < 4; ++i) {
+namespace {
+
+// The normal-equation solution of a well-conditioned system of unit planes:
+// condition number at most about 1000. False for anything else.
+bool NormalEquationPoint(const double* a, const double* d, int rows, double* x) {
+  double m[3][3] = {{0.0, 0.0, 0.0}, {0.0, 0.0, 0.0}, {0.0, 0.0, 0.0}};
+  double b[3] = {0.0, 0.0, 0.0};
+  for (int i = 0; i < rows; ++i) {
     const double* n = a + 3 * i;
     const double norm = n[0] * n[0] + n[1] * n[1] + n[2] * n[2];
     if (!(std::abs(norm - 1.0) <= 1e-9) || !std::isfinite(d[i])) return false;
-  }
-  double m[3][3];
-  double b[3];
-  for (int r = 0; r < 3; ++r) {
-    b[r] = 0.0;
-    for (int c = 0; c < 3; ++c) m[r][c] = 0.0;
-  }
-  for (int i = 0; i < 4; ++i) {
-    const double* n = a + 3 * i;
     for (int r = 0; r < 3; ++r) {
       for (int c = r; c < 3; ++c) m[r][c] += n[r] * n[c];
       b[r] += n[r] * d[i];
@@ -271,10 +261,22 @@ bool PairSurelyRejected(const double* a, const double* d, const double* referenc
   const double c12 = m[0][1] * m[0][2] - m[0][0] * m[1][2];
   const double c22 = m[0][0] * m[1][1] - m[0][1] * m[0][1];
   const double det = m[0][0] * c00 + m[0][1] * c01 + m[0][2] * c02;
-  if (!(det >= kMinDeterminant)) return false;
-  const double x[3] = {(c00 * b[0] + c01 * b[1] + c02 * b[2]) / det,
-                       (c01 * b[0] + c11 * b[1] + c12 * b[2]) / det,
-                       (c02 * b[0] + c12 * b[1] + c22 * b[2]) / det};
+  // The eigenvalues of A^T A lie in [0, rows]; with det >= 1e-6 rows^3 the
+  // smallest is at least 1e-6 rows and the condition number of A at most 1000.
+  const double scale = static_cast<double>(rows);
+  if (!(det >= 1e-6 * scale * scale * scale)) return false;
+  x[0] = (c00 * b[0] + c01 * b[1] + c02 * b[2]) / det;
+  x[1] = (c01 * b[0] + c11 * b[1] + c12 * b[2]) / det;
+  x[2] = (c02 * b[0] + c12 * b[1] + c22 * b[2]) / det;
+  return std::isfinite(x[0]) && std::isfinite(x[1]) && std::isfinite(x[2]);
+}
+
+}  // namespace
+
+bool PairSurelyRejected(const double* a, const double* d, const double* reference, int axisIndex,
+                        const PairWindows& windows) {
+  double x[3];
+  if (!NormalEquationPoint(a, d, 4, x)) return false;
   double residual = 0.0;
   for (int i = 0; i < 4; ++i) {
     const double* n = a + 3 * i;
@@ -282,14 +284,15 @@ bool PairSurelyRejected(const double* a, const double* d, const double* referenc
     residual += r * r;
   }
   residual /= 4;
-  if (!std::isfinite(residual) || !std::isfinite(x[0]) || !std::isfinite(x[1]) ||
-      !std::isfinite(x[2])) {
-    return false;
-  }
+  if (!std::isfinite(residual)) return false;
 
+  // For a condition number up to 1000 the library's SVD solution and the
+  // normal-equation one both lie within about 1e-8 |X| + 1e-4 of the exact
+  // least-squares point: the margin is a hundred times wider. Any point's
+  // residual is at least the minimum, which lies within margin^2 of this one.
   double size = 0.0;
   for (int i = 0; i < 3; ++i) size += std::abs(x[i]) + std::abs(reference[i]);
-  const double margin = 1e-2 + 1e-6 * size;  // on the point, and so on distances
+  const double margin = 1e-2 + 1e-6 * size;
   if (residual - (margin * margin + 1e-6 * (1.0 + residual)) > windows.maxResidual) return true;
 
   const double offset[3] = {x[0] - reference[0], x[1] - reference[1], x[2] - reference[2]};
@@ -297,8 +300,24 @@ bool PairSurelyRejected(const double* a, const double* d, const double* referenc
   if (along + margin < windows.minAlong || along - margin > windows.maxAlong) return true;
   const double distance =
       std::sqrt(offset[0] * offset[0] + offset[1] * offset[1] + offset[2] * offset[2]);
-  if (distance + margin < windows.minDistance || distance - margin > windows.maxDistance) {
-    return true;
+  return distance + margin < windows.minDistance || distance - margin > windows.maxDistance;
+}
+
+bool ResidualSurelyAtLeast(const double* a, const double* d, int rows, double bound) {
+  if (rows < 3) return false;
+  double x[3];
+  if (!NormalEquationPoint(a, d, rows, x)) return false;
+  double residual = 0.0;
+  for (int i = 0; i < rows; ++i) {
+    const double* n = a + 3 * i;
+    const double r = n[0] * x[0] + n[1] * x[1] + n[2] * x[2] - d[i];
+    residual += r * r;
   }
-  return false;
+  residual /= rows;
+  if (!std::isfinite(residual)) return false;
+  // Any point's residual is at least the minimum; the library's solution lies
+  // within `margin` of the minimising point, which moves the mean squared
+  // residual by less than margin^2 (A^T A / rows has norm at most 1).
+  const double margin = 1e-2 + 1e-6 * (std::abs(x[0]) + std::abs(x[1]) + std::abs(x[2]));
+  return residual - (margin * margin + 1e-6 * (1.0 + residual)) >= bound;
 }

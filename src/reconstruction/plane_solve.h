@@ -39,3 +39,9 @@ struct PairWindows {
 // solves the system exactly and decides on that.
 bool PairSurelyRejected(const double* a, const double* d, const double* reference, int axisIndex,
                         const PairWindows& windows);
+
+// True only when the least-squares residual (r . r) / rows of the planes
+// (rows of a, unit normals; offsets d) is certainly at least `bound`, however
+// its last bits come out; decided as PairSurelyRejected decides. False
+// whenever in doubt.
+bool ResidualSurelyAtLeast(const double* a, const double* d, int rows, double bound);

@@ -409,6 +409,12 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
       matD.at<double>(k) = p1.refitOffset;
       matD.at<double>(m + k) = p2.refitOffset;
     }
+    // A refit certainly no better than the best so far and not below the
+    // early-stop residual changes nothing: it is not solved.
+    if (ResidualSurelyAtLeast(matA.ptr<double>(), matD.ptr<double>(), 2 * m,
+                              std::max(best, kEarlyStopRefit))) {
+      continue;
+    }
     if (!(jacobi && SolvePlanesJacobi(matA.ptr<double>(), matD.ptr<double>(), 2 * m, solution))) {
       cv::solve(matA, matD, matX, cv::DECOMP_SVD);
       if (matX.data != reinterpret_cast<uchar*>(solution)) {
