@@ -442,6 +442,21 @@ INSTANTIATE_TEST_SUITE_P(
         FailureCase{"Unknown", [] { throw 42; }, "ClubTracker::Find failed: unknown error"}),
     [](const ::testing::TestParamInfo<FailureCase>& info) { return info.param.name; });
 
+// A frame that preprocessing refuses goes on with an empty picture, which a
+// later stage cannot work with: the call ends at the boundary with one line.
+TEST(Find, RefusedFrameEndsTheCallWithOneLine) {
+  Frames cam1(Stamps(3));
+  Frames cam2(Stamps(3));
+  std::vector<ClubImage*> frames2 = cam2.List();
+  frames2[1]->bytesPerChannel = 2;
+  LogCapture log;
+  TemplateSpy tracker(log);
+  ClubTrackerResult result;
+  EXPECT_EQ(tracker.Find(cam1.List(), frames2, result, 0), 0);
+  ASSERT_EQ(log.lines.size(), 2u);
+  EXPECT_EQ(log.lines[1].rfind("ClubTracker::Find failed: OpenCV error: ", 0), 0u) << log.lines[1];
+}
+
 TEST(Find, ThrowingLogCallbackDoesNotEscape) {
   Frames cam1(Stamps(3));
   Frames cam2(Stamps(3));
