@@ -21,6 +21,15 @@ struct LinePlane {
   double refitOffset;     // refitNormal . centre
 };
 
+// The inlier test's values of a run of planes, one array per value.
+struct PlaneColumns {
+  const double* nx;
+  const double* ny;
+  const double* nz;
+  const double* offset;
+  const double* length;
+};
+
 // One camera's planes, frame by frame, in the order of each frame's lines.
 class PlaneCache {
  public:
@@ -31,9 +40,15 @@ class PlaneCache {
   int LineCount(int frame) const { return start_[frame + 1] - start_[frame]; }
   const LinePlane* Frame(int frame) const { return planes_.data() + start_[frame]; }
   const LinePlane& At(int frame, int line) const { return planes_[start_[frame] + line]; }
+  PlaneColumns Columns(int frame) const {
+    const size_t first = static_cast<size_t>(start_[frame]);
+    return {nx_.data() + first, ny_.data() + first, nz_.data() + first, offset_.data() + first,
+            length_.data() + first};
+  }
 
  private:
   std::vector<LinePlane> planes_;
+  std::vector<double> nx_, ny_, nz_, offset_, length_;
   std::vector<int> start_{0};  // planes of frame j: [start_[j], start_[j + 1])
 };
 
@@ -55,7 +70,7 @@ struct MatRounding {
 // forms it: |(normal . x - offset) / length|. Returns the index of the
 // nearest plane (the first of equal distances; 0 when there is none) and
 // writes its distance to *best (the largest double when there is none).
-using NearestPlaneFn = int (*)(const LinePlane* planes, int count, const double* x,
+using NearestPlaneFn = int (*)(const PlaneColumns& planes, int count, const double* x,
                                double* best);
 NearestPlaneFn SelectNearestPlane(const MatRounding& rounding);
 
