@@ -23,6 +23,7 @@ using Clock = std::chrono::steady_clock;
 
 // Frames whose time stamps differ by at most this many units are one pair.
 constexpr int64_t kPairTolerance = 10;
+
 // Takes the records that a stage appended to `made` into `owned`. Every record
 // is owned once this returns or throws.
 template <typename T>
