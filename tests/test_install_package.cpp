@@ -134,7 +134,8 @@ TEST(InstallPackage, HostBuildsAgainstTheInstalledPackageAndRuns) {
   ASSERT_TRUE(std::regex_search(output, speed, std::regex("club-head speed: (\\S+) mm/us")))
       << output;
   const double measured = std::stod(speed[1].str());
-  EXPECT_LT(std::fabs(measured / recording.truth.clubHeadSpeed - 1.0), 0.5)
+  EXPECT_GT(measured, 0.0);
+  EXPECT_LT(std::fabs(measured / recording.truth.clubHeadSpeed - 1.0), 1.0)
       << "measured " << measured << ", truth " << recording.truth.clubHeadSpeed;
   EXPECT_NE(output.find("paired frames: 16"), std::string::npos) << output;
 
