@@ -67,7 +67,11 @@ std::string Percent(double measured, double truth) {
 
 void Row(const char* name, const std::string& measured, const std::string& truth,
          const std::string& note = "") {
-  std::printf("  %-26s %-26s %-26s%s\n", name, measured.c_str(), truth.c_str(), note.c_str());
+  if (note.empty()) {
+    std::printf("  %-26s %-26s %s\n", name, measured.c_str(), truth.c_str());
+  } else {
+    std::printf("  %-26s %-26s %-26s%s\n", name, measured.c_str(), truth.c_str(), note.c_str());
+  }
 }
 
 std::string Number(double value, const char* format) {
