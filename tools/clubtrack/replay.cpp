@@ -166,8 +166,12 @@ nlohmann::json ReplayJson(const ReplayOutcome& outcome) {
 void PrintSummary(std::ostream& out, const ReplayOutcome& outcome, bool withLog) {
   const OfflineRunReport& r = outcome.report;
   out << "Recording        " << outcome.runFile.string() << "\n";
-  out << "Frames           " << r.cam1FrameCount << " + " << r.cam2FrameCount << ", "
-      << r.pairedFrames << " paired in the result\n";
+  out << "Frames           " << r.cam1FrameCount << " + " << r.cam2FrameCount << " loaded, ";
+  if (r.frameCount > 0) {
+    out << "result for " << r.pairedFrames << " paired frames\n";
+  } else {
+    out << "no result frames (the tracker stopped before the shaft stage)\n";
+  }
   out << "Spin axis        direction "
       << Format("(%.4f, %.4f, %.4f)", r.axisDirection[0], r.axisDirection[1], r.axisDirection[2])
       << ", pivot "
