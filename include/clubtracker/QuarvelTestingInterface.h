@@ -105,6 +105,10 @@ class CLUBTRACKER_API QuarvelTestingInterface {
   //
   // Returns 1 when it has run; 0 only when the object has no tracker or the
   // run could not complete (out of memory and the like, logged).
+  //
+  // The path is a file-system path: a narrow string is taken byte for byte; a
+  // wide string is converted by the standard library under the current
+  // locale. FolderPath inside the file is read as UTF-8.
   virtual int RunOfflineTest(const std::filesystem::path& optionFilePath,
                              std::vector<std::unique_ptr<OfflineResultImage>>& outputList,
                              OfflineRunReport* report = nullptr) = 0;
