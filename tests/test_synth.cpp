@@ -252,7 +252,9 @@ TEST_P(SynthGeometry, CamerasAndClocksFollowTheRig) {
     const int64_t skew =
         static_cast<int64_t>(t.timeStamps[1][k]) - static_cast<int64_t>(t.timeStamps[0][k]);
     EXPECT_LE(std::abs(skew), 3);
-    if (k > 0) EXPECT_NEAR(t.timeStamps[0][k] - t.timeStamps[0][k - 1], period, 1.0);
+    if (k > 0) {
+      EXPECT_NEAR(static_cast<double>(t.timeStamps[0][k] - t.timeStamps[0][k - 1]), period, 1.0);
+    }
   }
   // Impact between the last before-impact frame and the first after it.
   EXPECT_GT(t.impactTime, t.FrameTime(0, scene.impactIndex - 1));
