@@ -915,6 +915,76 @@ bool FitPath(const std::vector<HeadSample>& samples, int window, int quadraticFr
   return true;
 }
 
+bool FitAngularVelocity(const std::vector<HeadSample>& samples, int window,
+                        const cv::Vec3d& pivot, const cv::Vec3d& axis, double at,
+                        double& omega) {
+  const int n = std::min(static_cast<int>(samples.size()), window);
+  const double length = cv::norm(axis);
+  if (n < 3 || !(length > 0.0)) return false;
+  const cv::Vec3d unit = axis * (1.0 / length);
+  const int first = static_cast<int>(samples.size()) - n;
+  // Angles of the head about the axis, measured from the first sample's
+  // direction in the plane across the axis.
+  auto across = [&](const cv::Vec3d& point) {
+    const cv::Vec3d r = point - pivot;
+    return r - unit * r.dot(unit);
+  };
+  const cv::Vec3d start = across(samples[first].point);
+  const double startLength = cv::norm(start);
+  if (!(startLength > 0.0)) return false;
+  const cv::Vec3d e1 = start * (1.0 / startLength);
+  const cv::Vec3d e2 = unit.cross(e1);
+  std::vector<double> angles;
+  double previous = 0.0;
+  for (int i = first; i < first + n; ++i) {
+    const cv::Vec3d r = across(samples[i].point);
+    double angle = std::atan2(r.dot(e2), r.dot(e1));
+    while (angle - previous > CV_PI) angle -= 2.0 * CV_PI;
+    while (angle - previous < -CV_PI) angle += 2.0 * CV_PI;
+    angles.push_back(angle);
+    previous = angle;
+  }
+  // The same polynomial as for the path: a straight line in time, with a
+  // quadratic term when there are enough samples, taken into account at `at`
+  // only when it stands out of its standard error.
+  double t0 = 0.0;
+  for (int i = first; i < first + n; ++i) t0 += samples[i].time;
+  t0 /= n;
+  const double scale = (samples.back().time - samples[first].time) / (n - 1);
+  if (!(scale > 0.0)) return false;
+  const bool quadratic = n >= kQuadraticFrom;
+  const int terms = quadratic ? 3 : 2;
+  cv::Matx33d normal = cv::Matx33d::zeros();
+  cv::Vec3d rhs(0.0, 0.0, 0.0);
+  for (int i = first; i < first + n; ++i) {
+    const double u = (samples[i].time - t0) / scale;
+    const double basis[3] = {1.0, u, u * u};
+    for (int r = 0; r < terms; ++r) {
+      for (int c = 0; c < terms; ++c) normal(r, c) += basis[r] * basis[c];
+      rhs[r] += basis[r] * angles[i - first];
+    }
+  }
+  if (!quadratic) normal(2, 2) = 1.0;
+  cv::Vec3d coefficients;
+  if (!cv::solve(normal, rhs, coefficients, cv::DECOMP_CHOLESKY)) return false;
+  omega = coefficients[1] / scale;
+  if (quadratic && n > 3) {
+    double sum = 0.0;
+    for (int i = first; i < first + n; ++i) {
+      const double u = (samples[i].time - t0) / scale;
+      const double r =
+          angles[i - first] - (coefficients[0] + coefficients[1] * u + coefficients[2] * u * u);
+      sum += r * r;
+    }
+    const double error = std::sqrt(sum / (n - 3) * normal.inv(cv::DECOMP_CHOLESKY)(2, 2));
+    if (std::abs(coefficients[2]) > kAccelerationSignificance * error) {
+      omega += 2.0 * coefficients[2] / (scale * scale) * (at - t0);
+    }
+  }
+  omega = std::abs(omega);
+  return std::isfinite(omega);
+}
+
 double PathFit::Speed(double t, double significance) const {
   double speed = cv::norm(b);
   if (quadratic && std::abs(tangentialAcceleration) > significance * tangentialAccelerationError) {
@@ -925,16 +995,6 @@ double PathFit::Speed(double t, double significance) const {
 
 namespace {
 
-// Samples fitted for the speed: the last ones before the impact, with a
-// quadratic term (the swing's angular acceleration) when there are enough.
-constexpr int kFitWindow = 8;
-constexpr int kQuadraticFrom = 5;
-// The speed is carried on to the impact with the fitted tangential
-// acceleration only when that stands out of its standard error by this
-// factor. The bar is high because successive positions share much of their
-// error (the same part of the outline hidden, the same shading), which the
-// formal error does not see.
-constexpr double kAccelerationSignificance = 5.0;
 // Samples of a lower quality are fitted only when fewer than this many of a
 // better one exist.
 constexpr int kMinBestSamples = 4;

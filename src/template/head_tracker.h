@@ -17,6 +17,17 @@ namespace headtrack {
 // Frames whose time stamps differ by at most this many units are one pair.
 constexpr int64_t kPairTolerance = 10;
 
+// The speed is fitted over the last kFitWindow samples before the impact,
+// with a quadratic term (the swing's acceleration) from kQuadraticFrom
+// samples on. The speed is carried on to the impact with the fitted
+// acceleration only when that stands out of its standard error by
+// kAccelerationSignificance: the bar is high because successive positions
+// share much of their error (the same part of the outline hidden, the same
+// shading), which the formal error does not see.
+constexpr int kFitWindow = 8;
+constexpr int kQuadraticFrom = 5;
+constexpr double kAccelerationSignificance = 5.0;
+
 // One camera's frame, ready for tracking.
 struct CameraFrame {
   cv::Mat grey;         // 8-bit grey, cut to the region of interest (may be a view)
@@ -209,6 +220,14 @@ struct PathFit {
 // than three samples or their times do not increase.
 bool FitPath(const std::vector<HeadSample>& samples, int window, int quadraticFrom,
              PathFit& fit);
+
+// Angular velocity (radians per time unit, positive) of the last samples
+// (at most `window`, at least three) about the axis through `pivot` along
+// `axis`, at time `at`, fitted like the path. False when there are too few
+// samples, the axis is zero, or a sample lies on the axis.
+bool FitAngularVelocity(const std::vector<HeadSample>& samples, int window,
+                        const cv::Vec3d& pivot, const cv::Vec3d& axis, double at,
+                        double& omega);
 
 // Why a measurement failed.
 enum class Status {
