@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <benchmark/benchmark.h>
+#include <tbb/global_control.h>
 
 #include "reconstruction/spin_axis.h"
 #include "support/access.h"
@@ -86,7 +87,15 @@ void Report(benchmark::State& state, const SpinAxisInput& in) {
   state.counters["refits"] = static_cast<double>(stats.refits);
 }
 
+// Argument 0: the default number of threads; 1: one thread, so that the CPU
+// time is the whole work of a call.
+std::unique_ptr<tbb::global_control> Threads(const benchmark::State& state) {
+  if (state.range(0) != 1) return nullptr;
+  return std::make_unique<tbb::global_control>(tbb::global_control::max_allowed_parallelism, 1);
+}
+
 void Optimised(benchmark::State& state, const SpinAxisInput& in) {
+  const auto threads = Threads(state);
   ClubTracker tracker(in.setting);
   for (auto _ : state) {
     tracker.referencePoint[0] = tracker.referencePoint[1] = tracker.referencePoint[2] = 0.0;
@@ -97,6 +106,7 @@ void Optimised(benchmark::State& state, const SpinAxisInput& in) {
 }
 
 void Literal(benchmark::State& state, const SpinAxisInput& in) {
+  const auto threads = Threads(state);
   for (auto _ : state) {
     double point[3] = {0.0, 0.0, 0.0};
     ClubSpinAxis3D axis;
@@ -113,9 +123,13 @@ void BM_FindClubSpinAxisLiteral_DefaultSwing(benchmark::State& state) {
 }
 void BM_FindClubSpinAxisLiteral_Dense(benchmark::State& state) { Literal(state, Dense()); }
 
-BENCHMARK(BM_FindClubSpinAxis_DefaultSwing)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_FindClubSpinAxis_Dense)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_FindClubSpinAxisLiteral_DefaultSwing)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_FindClubSpinAxisLiteral_Dense)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_FindClubSpinAxis_DefaultSwing)->ArgName("threads1")->Arg(0)->Arg(1)
+    ->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_FindClubSpinAxis_Dense)->ArgName("threads1")->Arg(0)->Arg(1)
+    ->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_FindClubSpinAxisLiteral_DefaultSwing)->ArgName("threads1")->Arg(0)->Arg(1)
+    ->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_FindClubSpinAxisLiteral_Dense)->ArgName("threads1")->Arg(0)->Arg(1)
+    ->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace

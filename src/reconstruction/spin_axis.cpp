@@ -328,13 +328,19 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
       std::lower_bound(accepted.begin(), accepted.end(), lastCount,
                        [](const PairHypothesis& h, uint64_t count) { return h.slot < count; }) -
       accepted.begin());
+  constexpr uint64_t kMaxListLength = static_cast<uint64_t>(std::numeric_limits<int32_t>::max());
   uint64_t listLength = accepted.size();
-  if (batches >= 2) listLength += (batches - 2) * accepted.size() + lastPrefix;
+  if (batches >= 2 && !accepted.empty()) {
+    if (batches - 2 > kMaxListLength / accepted.size()) {
+      throw std::length_error("hypothesis list of more than " + std::to_string(kMaxListLength) +
+                              " entries");
+    }
+    listLength += (batches - 2) * accepted.size() + lastPrefix;
+  }
   stats->hypotheses = listLength;
   if (listLength == 0) return;
-  if (listLength > static_cast<uint64_t>(std::numeric_limits<int32_t>::max())) {
-    throw std::length_error("hypothesis list of " + std::to_string(listLength) +
-                            " entries is too long");
+  if (listLength > kMaxListLength) {
+    throw std::length_error("hypothesis list of " + std::to_string(listLength) + " entries");
   }
 
   // Inliers of every accepted pair (repeated entries share them).

@@ -49,9 +49,12 @@ struct SpinAxisSearchStats {
   double refitResidual = 0.0;   // residual of the refit that gave the axis
 };
 
-// Steps 2 to 10 of FindClubSpinAxis on lists of equal length: writes the ball's
-// position to referencePoint when a frame shows it in both cameras and `axis`
-// when a refit is taken. Logs nothing; throws only what the allocations throw.
+// The search of FindClubSpinAxis after its start line: writes the ball's
+// position to referencePoint when a frame shows it in both cameras, and `axis`
+// when a refit is taken. Logs nothing. Throws std::invalid_argument for lists
+// of different length, std::out_of_range for an axisIndex other than 0, 1 or
+// 2, std::length_error for more hypotheses than a list can number, and what
+// the allocations and the library throw.
 void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoint,
                         const std::vector<CandidateAreaImage*>& cam1Areas,
                         const std::vector<CandidateAreaImage*>& cam2Areas, ClubSpinAxis3D& axis,
