@@ -26,12 +26,14 @@ struct CollectSpinAxisInliers {
   std::vector<std::vector<SpinAxisInlier>>& result;
 
   void operator()(const tbb::blocked_range<int>& range) const {
-    for (int index = range.begin(); index != range.end(); ++index) Collect(index);
+    InlierScanner::Scratch scratch;
+    for (int index = range.begin(); index != range.end(); ++index) Collect(index, scratch);
   }
 
-  void Collect(int index) const {
+  void Collect(int index, InlierScanner::Scratch& scratch) const {
     const ClubSpinAxis3D& h = axes[index];
     std::vector<SpinAxisInlier>& list = result[index];
+    scanner.Measure(h.pivot, scratch);
     for (int j = 0; j < scanner.FrameCount(); ++j) {
       SpinAxisInlier inlier;
       inlier.frame = j;
@@ -43,7 +45,7 @@ struct CollectSpinAxisInliers {
       } else if (j == h.secondFrame) {
         inlier.cam1Line = h.secondCam1Line;
         inlier.cam2Line = h.secondCam2Line;
-      } else if (scanner.Supports(j, h.pivot, k1, k2)) {
+      } else if (scanner.Supports(j, scratch, k1, k2)) {
         inlier.cam1Line = cam1Areas[j]->lines[k1];
         inlier.cam2Line = cam2Areas[j]->lines[k2];
       } else {
@@ -60,13 +62,15 @@ struct CountBody {
   uint32_t* counts;
 
   void operator()(const tbb::blocked_range<int>& range) const {
+    InlierScanner::Scratch scratch;
     for (int index = range.begin(); index != range.end(); ++index) {
       const PairHypothesis& h = hypotheses[index];
+      scanner.Measure(h.pivot, scratch);
       uint32_t count = 0;
       for (int j = 0; j < scanner.FrameCount(); ++j) {
         int k1 = 0;
         int k2 = 0;
-        if (j == h.firstFrame || j == h.secondFrame || scanner.Supports(j, h.pivot, k1, k2)) {
+        if (j == h.firstFrame || j == h.secondFrame || scanner.Supports(j, scratch, k1, k2)) {
           ++count;
         }
       }
@@ -87,8 +91,9 @@ void CountSpinAxisInliers(const InlierScanner& scanner,
 }
 
 void ListSpinAxisInliers(const InlierScanner& scanner, const PairHypothesis& h,
-                         std::vector<InlierLines>& inliers) {
+                         InlierScanner::Scratch& scratch, std::vector<InlierLines>& inliers) {
   inliers.clear();
+  scanner.Measure(h.pivot, scratch);
   for (int j = 0; j < scanner.FrameCount(); ++j) {
     int k1 = 0;
     int k2 = 0;
@@ -96,7 +101,7 @@ void ListSpinAxisInliers(const InlierScanner& scanner, const PairHypothesis& h,
       inliers.push_back({j, h.firstCam1, h.firstCam2});
     } else if (j == h.secondFrame) {
       inliers.push_back({j, h.secondCam1, h.secondCam2});
-    } else if (scanner.Supports(j, h.pivot, k1, k2)) {
+    } else if (scanner.Supports(j, scratch, k1, k2)) {
       inliers.push_back({j, k1, k2});
     }
   }

@@ -73,40 +73,28 @@ inline double LibraryDot3(const double* a, const double* b) {
 }
 
 template <double (*Dot)(const double*, const double*)>
-inline int NearestPlane(const PlaneColumns& planes, int count, const double* x, double* best) {
-  double nearest = std::numeric_limits<double>::max();
-  int index = 0;
+inline void Distances(const PlaneColumns& planes, int count, const double* x, double* out) {
   for (int k = 0; k < count; ++k) {
     const double normal[3] = {planes.nx[k], planes.ny[k], planes.nz[k]};
-    const double d = std::fabs((Dot(normal, x) - planes.offset[k]) / planes.length[k]);
-    if (d < nearest) {
-      nearest = d;
-      index = k;
-    }
+    out[k] = std::fabs((Dot(normal, x) - planes.offset[k]) / planes.length[k]);
   }
-  *best = nearest;
-  return index;
 }
 
-int NearestPlaneFused(const PlaneColumns& planes, int count, const double* x, double* best) {
-  return NearestPlane<FusedDot3>(planes, count, x, best);
+void DistancesFused(const PlaneColumns& planes, int count, const double* x, double* out) {
+  Distances<FusedDot3>(planes, count, x, out);
 }
 
 #if defined(__x86_64__) || defined(__i386__)
 // Four planes at a time: every lane is the same fused multiply-adds,
-// subtraction and division as the one-plane form, so the distances are the
-// same; the nearest is then picked in list order.
-__attribute__((target("avx2,fma"))) int NearestPlaneFusedAvx2(const PlaneColumns& planes,
-                                                              int count, const double* x,
-                                                              double* best) {
+// subtraction, division and sign clearing as the one-plane form.
+__attribute__((target("avx2,fma"))) void DistancesFusedAvx2(const PlaneColumns& planes,
+                                                            int count, const double* x,
+                                                            double* out) {
   const __m256d x0 = _mm256_set1_pd(x[0]);
   const __m256d x1 = _mm256_set1_pd(x[1]);
   const __m256d x2 = _mm256_set1_pd(x[2]);
   const __m256d signless = _mm256_castsi256_pd(_mm256_set1_epi64x(0x7FFFFFFFFFFFFFFFll));
-  double nearest = std::numeric_limits<double>::max();
-  int index = 0;
   int k = 0;
-  alignas(32) double d[4];
   for (; k + 4 <= count; k += 4) {
     const __m256d dot = _mm256_fmadd_pd(
         _mm256_loadu_pd(planes.nz + k), x2,
@@ -116,33 +104,35 @@ __attribute__((target("avx2,fma"))) int NearestPlaneFusedAvx2(const PlaneColumns
         _mm256_div_pd(_mm256_sub_pd(dot, _mm256_loadu_pd(planes.offset + k)),
                       _mm256_loadu_pd(planes.length + k)),
         signless);
-    _mm256_store_pd(d, distance);
-    for (int i = 0; i < 4; ++i) {
-      if (d[i] < nearest) {
-        nearest = d[i];
-        index = k + i;
-      }
-    }
+    _mm256_storeu_pd(out + k, distance);
   }
   for (; k < count; ++k) {
     const double normal[3] = {planes.nx[k], planes.ny[k], planes.nz[k]};
-    const double distance = std::fabs((FusedDot3(normal, x) - planes.offset[k]) / planes.length[k]);
-    if (distance < nearest) {
-      nearest = distance;
-      index = k;
-    }
+    out[k] = std::fabs((FusedDot3(normal, x) - planes.offset[k]) / planes.length[k]);
   }
-  *best = nearest;
-  return index;
 }
 #endif
 
-int NearestPlanePlain(const PlaneColumns& planes, int count, const double* x, double* best) {
-  return NearestPlane<PlainDot3>(planes, count, x, best);
+void DistancesPlain(const PlaneColumns& planes, int count, const double* x, double* out) {
+  Distances<PlainDot3>(planes, count, x, out);
 }
 
-int NearestPlaneLibrary(const PlaneColumns& planes, int count, const double* x, double* best) {
-  return NearestPlane<LibraryDot3>(planes, count, x, best);
+void DistancesLibrary(const PlaneColumns& planes, int count, const double* x, double* out) {
+  Distances<LibraryDot3>(planes, count, x, out);
+}
+
+// The nearest of `count` distances: the first of equal ones; the largest
+// double and index 0 when there is none.
+inline int Nearest(const double* distances, int count, double& best) {
+  best = std::numeric_limits<double>::max();
+  int index = 0;
+  for (int k = 0; k < count; ++k) {
+    if (distances[k] < best) {
+      best = distances[k];
+      index = k;
+    }
+  }
+  return index;
 }
 
 // Deterministic probe values spread over the magnitudes the stages see.
@@ -206,21 +196,21 @@ const MatRounding& MatRounding::Get() {
   return rounding;
 }
 
-NearestPlaneFn SelectNearestPlane(const MatRounding& rounding) {
+PlaneDistancesFn SelectPlaneDistances(const MatRounding& rounding) {
   switch (rounding.dot3) {
     case MatRounding::Dot3::kFused:
 #if defined(__x86_64__) || defined(__i386__)
       if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) {
-        return NearestPlaneFusedAvx2;
+        return DistancesFusedAvx2;
       }
 #endif
-      return NearestPlaneFused;
+      return DistancesFused;
     case MatRounding::Dot3::kPlain:
-      return NearestPlanePlain;
+      return DistancesPlain;
     case MatRounding::Dot3::kLibrary:
       break;
   }
-  return NearestPlaneLibrary;
+  return DistancesLibrary;
 }
 
 void PlaneResiduals(const MatRounding& rounding, const double* a, const double* x,
@@ -270,14 +260,21 @@ InlierScanner::InlierScanner(const PlaneCache& cam1, const PlaneCache& cam2)
     : cam1_(cam1),
       cam2_(cam2),
       frames_(cam1.FrameCount()),
-      nearest_(SelectNearestPlane(MatRounding::Get())) {}
+      distances_(SelectPlaneDistances(MatRounding::Get())) {}
 
-bool InlierScanner::Supports(int frame, const double* x, int& k1, int& k2) const {
+void InlierScanner::Measure(const double* x, Scratch& scratch) const {
+  scratch.cam1.resize(static_cast<size_t>(cam1_.PlaneCount()));
+  scratch.cam2.resize(static_cast<size_t>(cam2_.PlaneCount()));
+  if (cam1_.PlaneCount() > 0) distances_(cam1_.Columns(0), cam1_.PlaneCount(), x, scratch.cam1.data());
+  if (cam2_.PlaneCount() > 0) distances_(cam2_.Columns(0), cam2_.PlaneCount(), x, scratch.cam2.data());
+}
+
+bool InlierScanner::Supports(int frame, const Scratch& scratch, int& k1, int& k2) const {
   if (frame >= cam2_.FrameCount()) return false;
   double best1 = 0.0;
-  k1 = nearest_(cam1_.Columns(frame), cam1_.LineCount(frame), x, &best1);
+  k1 = Nearest(scratch.cam1.data() + cam1_.FirstPlane(frame), cam1_.LineCount(frame), best1);
   if (!(kInlierDistance > best1)) return false;
   double best2 = 0.0;
-  k2 = nearest_(cam2_.Columns(frame), cam2_.LineCount(frame), x, &best2);
+  k2 = Nearest(scratch.cam2.data() + cam2_.FirstPlane(frame), cam2_.LineCount(frame), best2);
   return kInlierDistance > best2;
 }

@@ -37,6 +37,8 @@ class PlaneCache {
   void Build(const std::vector<CandidateAreaImage*>& areas, const CameraGeometry& camera);
 
   int FrameCount() const { return static_cast<int>(start_.size()) - 1; }
+  int PlaneCount() const { return static_cast<int>(planes_.size()); }
+  int FirstPlane(int frame) const { return start_[frame]; }
   int LineCount(int frame) const { return start_[frame + 1] - start_[frame]; }
   const LinePlane* Frame(int frame) const { return planes_.data() + start_[frame]; }
   const LinePlane& At(int frame, int line) const { return planes_[start_[frame] + line]; }
@@ -66,13 +68,11 @@ struct MatRounding {
   static MatRounding Probe();
 };
 
-// Distance from a point to the nearest plane of a frame, as the inlier test
-// forms it: |(normal . x - offset) / length|. Returns the index of the
-// nearest plane (the first of equal distances; 0 when there is none) and
-// writes its distance to *best (the largest double when there is none).
-using NearestPlaneFn = int (*)(const PlaneColumns& planes, int count, const double* x,
-                               double* best);
-NearestPlaneFn SelectNearestPlane(const MatRounding& rounding);
+// Distances from a point to `count` planes, as the inlier test forms them:
+// out[k] = |(normal_k . x - offset_k) / length_k|.
+using PlaneDistancesFn = void (*)(const PlaneColumns& planes, int count, const double* x,
+                                  double* out);
+PlaneDistancesFn SelectPlaneDistances(const MatRounding& rounding);
 
 // r = A x - d for `rows` rows of A (row-major, 3 columns), as cv::gemm forms it.
 void PlaneResiduals(const MatRounding& rounding, const double* a, const double* x,
@@ -90,15 +90,25 @@ class InlierScanner {
  public:
   InlierScanner(const PlaneCache& cam1, const PlaneCache& cam2);
 
+  // Distances of every plane of both cameras from one point; one per worker.
+  struct Scratch {
+    std::vector<double> cam1;
+    std::vector<double> cam2;
+  };
+
   int FrameCount() const { return frames_; }
-  // True when frame j supports x; k1, k2 are then the nearest lines.
-  bool Supports(int frame, const double* x, int& k1, int& k2) const;
+  // Measures every plane's distance from x into `scratch`, for Supports.
+  void Measure(const double* x, Scratch& scratch) const;
+  // True when frame j supports the point last measured into `scratch`; k1,
+  // k2 are then its nearest lines in each camera (the first of equal
+  // distances).
+  bool Supports(int frame, const Scratch& scratch, int& k1, int& k2) const;
 
  private:
   const PlaneCache& cam1_;
   const PlaneCache& cam2_;
   int frames_;
-  NearestPlaneFn nearest_;
+  PlaneDistancesFn distances_;
 };
 
 // The inlier distance, compared as a double.

@@ -376,6 +376,7 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
   std::vector<char> visited(accepted.size(), 0);
   std::unordered_set<std::vector<InlierLines>, InlierListHash> solved;
   std::vector<InlierLines> inliers;
+  InlierScanner::Scratch scratch;
   cv::Mat matA;
   cv::Mat matD;
   double solution[3];
@@ -386,7 +387,7 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
     if (visited[entry.hypothesis] != 0) continue;
     visited[entry.hypothesis] = 1;
     const PairHypothesis& h = accepted[entry.hypothesis];
-    ListSpinAxisInliers(scanner, h, inliers);
+    ListSpinAxisInliers(scanner, h, scratch, inliers);
     int usable = 0;
     for (const InlierLines& in : inliers) {
       const CandidateAreaImage* a1 = cam1Areas[in.frame];

@@ -38,7 +38,7 @@ void CountSpinAxisInliers(const InlierScanner& scanner,
 
 // The supporting frames of one hypothesis in ascending frame order.
 void ListSpinAxisInliers(const InlierScanner& scanner, const PairHypothesis& hypothesis,
-                         std::vector<InlierLines>& inliers);
+                         InlierScanner::Scratch& scratch, std::vector<InlierLines>& inliers);
 
 // What one search went through.
 struct SpinAxisSearchStats {
