@@ -2,13 +2,13 @@
 // from the default synthetic swing, and on a dense case of 24 frames with four
 // lines per frame in each camera (70656 line pairs). The literal cv::Mat
 // version runs on the same inputs for the speed-up.
+#include <benchmark/benchmark.h>
+#include <tbb/global_control.h>
+
 #include <memory>
 #include <random>
 #include <string>
 #include <vector>
-
-#include <benchmark/benchmark.h>
-#include <tbb/global_control.h>
 
 #include "reconstruction/spin_axis.h"
 #include "support/access.h"
@@ -100,7 +100,8 @@ void Optimised(benchmark::State& state, const SpinAxisInput& in) {
   for (auto _ : state) {
     tracker.referencePoint[0] = tracker.referencePoint[1] = tracker.referencePoint[2] = 0.0;
     ClubSpinAxis3D axis;
-    benchmark::DoNotOptimize(ClubTrackerTestAccess::FindClubSpinAxis(tracker, in.cam1, in.cam2, axis));
+    benchmark::DoNotOptimize(
+        ClubTrackerTestAccess::FindClubSpinAxis(tracker, in.cam1, in.cam2, axis));
   }
   Report(state, in);
 }
@@ -123,13 +124,29 @@ void BM_FindClubSpinAxisLiteral_DefaultSwing(benchmark::State& state) {
 }
 void BM_FindClubSpinAxisLiteral_Dense(benchmark::State& state) { Literal(state, Dense()); }
 
-BENCHMARK(BM_FindClubSpinAxis_DefaultSwing)->ArgName("threads1")->Arg(0)->Arg(1)
-    ->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_FindClubSpinAxis_Dense)->ArgName("threads1")->Arg(0)->Arg(1)
-    ->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_FindClubSpinAxisLiteral_DefaultSwing)->ArgName("threads1")->Arg(0)->Arg(1)
-    ->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_FindClubSpinAxisLiteral_Dense)->ArgName("threads1")->Arg(0)->Arg(1)
-    ->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_FindClubSpinAxis_DefaultSwing)
+    ->ArgName("threads1")
+    ->Arg(0)
+    ->Arg(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK(BM_FindClubSpinAxis_Dense)
+    ->ArgName("threads1")
+    ->Arg(0)
+    ->Arg(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK(BM_FindClubSpinAxisLiteral_DefaultSwing)
+    ->ArgName("threads1")
+    ->Arg(0)
+    ->Arg(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK(BM_FindClubSpinAxisLiteral_Dense)
+    ->ArgName("threads1")
+    ->Arg(0)
+    ->Arg(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 }  // namespace

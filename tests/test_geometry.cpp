@@ -1,12 +1,12 @@
 // Camera matrices from the calibration and the planes that image lines sweep.
+#include <gtest/gtest.h>
+
 #include <cmath>
 #include <cstring>
 #include <limits>
-#include <vector>
-
-#include <gtest/gtest.h>
 #include <opencv2/calib3d.hpp>
 #include <opencv2/core.hpp>
+#include <vector>
 
 #include "reconstruction/geometry.h"
 #include "support/reference_spin_axis.h"
@@ -170,8 +170,8 @@ TEST(LinePlaneRows, NoFloatAngleHasAZeroCosine) {
   cv::Mat normal;
   ImageLineToPlane(normal, areas, 0, cv::Vec2f(500.0f, theta), camera);
   for (const double x : {0.0, 700.0, 2000.0}) {
-    const double y = (500.0 - x * std::cos(static_cast<double>(theta))) /
-                     std::sin(static_cast<double>(theta));
+    const double y =
+        (500.0 - x * std::cos(static_cast<double>(theta))) / std::sin(static_cast<double>(theta));
     const cv::Mat ray = camera.rayMatrix * (cv::Mat_<double>(3, 1) << x, y, 1.0);
     EXPECT_LT(std::abs(normal.dot(ray)) / cv::norm(ray), 1e-6);
   }

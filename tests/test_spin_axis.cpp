@@ -1,14 +1,14 @@
 // The spin-axis search: exact reconstruction from projected shaft lines, and
 // the rules of the hypotheses, their inliers, the sort and the refit.
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <memory>
+#include <opencv2/core.hpp>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
-#include <opencv2/core.hpp>
 
 #include "reconstruction/spin_axis.h"
 #include "support/access.h"
@@ -65,8 +65,8 @@ std::unique_ptr<TruthSwing> MakeTruthSwing(const synth::SwingScene& scene) {
   swing->truth = synth::MakeTruth(scene);
   swing->setting = synth::MakeSetting(swing->truth);
   const synth::SwingTruth& truth = swing->truth;
-  const int frames = static_cast<int>(
-      std::min(truth.timeStamps[0].size(), truth.timeStamps[1].size()));
+  const int frames =
+      static_cast<int>(std::min(truth.timeStamps[0].size(), truth.timeStamps[1].size()));
   for (int i = 0; i < frames; ++i) {
     for (int c = 0; c < 2; ++c) {
       const synth::CameraModel& camera = truth.cameras[c];
@@ -98,8 +98,8 @@ TEST_P(ExactReconstruction, PivotAndBallWithinOneMillimetre) {
   const std::unique_ptr<TruthSwing> swing = MakeTruthSwing(scene);
   LoggedTracker t(swing->setting);
   ClubSpinAxis3D axis;
-  const int found =
-      ClubTrackerTestAccess::FindClubSpinAxis(t.tracker, swing->areas.cam1, swing->areas.cam2, axis);
+  const int found = ClubTrackerTestAccess::FindClubSpinAxis(t.tracker, swing->areas.cam1,
+                                                            swing->areas.cam2, axis);
   ASSERT_EQ(found, 1);
   EXPECT_EQ(t.log, (std::vector<std::string>{"FindClubSpinAxis start", "FindClubSpinAxis end."}));
   EXPECT_LT(Distance(axis.pivot, swing->truth.pivot), 1.0);
@@ -125,8 +125,8 @@ TEST(ReferencePoint, KeptWhenNoFrameShowsTheBall) {
   const double held[3] = {swing->truth.ball[0] + 0.25, swing->truth.ball[1], swing->truth.ball[2]};
   std::memcpy(t.tracker.referencePoint, held, sizeof held);
   ClubSpinAxis3D axis;
-  ASSERT_EQ(ClubTrackerTestAccess::FindClubSpinAxis(t.tracker, swing->areas.cam1,
-                                                    swing->areas.cam2, axis),
+  ASSERT_EQ(ClubTrackerTestAccess::FindClubSpinAxis(t.tracker, swing->areas.cam1, swing->areas.cam2,
+                                                    axis),
             1);
   EXPECT_EQ(std::memcmp(t.tracker.referencePoint, held, sizeof held), 0);
   EXPECT_LT(Distance(axis.pivot, swing->truth.pivot), 1.0);
@@ -146,7 +146,8 @@ TEST(FindClubSpinAxisFailures, ListsOfDifferentLengthLogOnlyTheStart) {
   shorter.pop_back();
   LoggedTracker t(swing->setting);
   ClubSpinAxis3D axis;
-  EXPECT_EQ(ClubTrackerTestAccess::FindClubSpinAxis(t.tracker, swing->areas.cam1, shorter, axis), 0);
+  EXPECT_EQ(ClubTrackerTestAccess::FindClubSpinAxis(t.tracker, swing->areas.cam1, shorter, axis),
+            0);
   EXPECT_EQ(t.log, std::vector<std::string>{"FindClubSpinAxis start"});
   EXPECT_EQ(t.tracker.referencePoint[1], 0.0);
 }
@@ -187,8 +188,8 @@ TEST(FindClubSpinAxisFailures, NullFramesAreSkipped) {
   swing->areas.cam2[5] = nullptr;
   LoggedTracker t(swing->setting);
   ClubSpinAxis3D axis;
-  ASSERT_EQ(ClubTrackerTestAccess::FindClubSpinAxis(t.tracker, swing->areas.cam1,
-                                                    swing->areas.cam2, axis),
+  ASSERT_EQ(ClubTrackerTestAccess::FindClubSpinAxis(t.tracker, swing->areas.cam1, swing->areas.cam2,
+                                                    axis),
             1);
   EXPECT_LT(Distance(axis.pivot, swing->truth.pivot), 1.0);
   for (const SpinAxisInlier& in : axis.inliers) {
@@ -202,8 +203,8 @@ TEST(FindClubSpinAxisFailures, AxisIndexOutOfRangeIsRefused) {
   swing->setting.axisIndex = 3;
   LoggedTracker t(swing->setting);
   ClubSpinAxis3D axis;
-  EXPECT_EQ(ClubTrackerTestAccess::FindClubSpinAxis(t.tracker, swing->areas.cam1,
-                                                    swing->areas.cam2, axis),
+  EXPECT_EQ(ClubTrackerTestAccess::FindClubSpinAxis(t.tracker, swing->areas.cam1, swing->areas.cam2,
+                                                    axis),
             0);
   ASSERT_EQ(t.log.size(), 3u);
   EXPECT_NE(t.log[1].find("axisIndex 3"), std::string::npos);
@@ -228,9 +229,10 @@ RepeatedPair MakeRepeatedPair(int cam1First, int cam1Second, int cam2First, int 
   int k = 0;
   for (const int frame : {a, b}) {
     for (int c = 0; c < 2; ++c) {
-      const CandidateAreaImage* source = (c == 0 ? r.swing->areas.cam1 : r.swing->areas.cam2)[frame];
-      CandidateAreaImage* area =
-          r.areas.Add(c == 0 ? r.areas.cam1 : r.areas.cam2, source->sensorOffsetY, source->image.rows);
+      const CandidateAreaImage* source =
+          (c == 0 ? r.swing->areas.cam1 : r.swing->areas.cam2)[frame];
+      CandidateAreaImage* area = r.areas.Add(c == 0 ? r.areas.cam1 : r.areas.cam2,
+                                             source->sensorOffsetY, source->image.rows);
       area->sensorOffsetX = source->sensorOffsetX;
       area->ballX = source->ballX;
       area->ballY = source->ballY;
@@ -386,7 +388,8 @@ ClubSpinAxis3D Hypothesis(double x, double y, double z) {
 
 // Frames 0 and 1 hold lines far from everything; the frames after them get
 // the given lines.
-Areas InlierFrames(const std::vector<std::pair<std::vector<cv::Vec2f>, std::vector<cv::Vec2f>>>& frames) {
+Areas InlierFrames(
+    const std::vector<std::pair<std::vector<cv::Vec2f>, std::vector<cv::Vec2f>>>& frames) {
   Areas areas;
   for (int i = 0; i < 2; ++i) {
     areas.Add(areas.cam1, 0, 100)->lines.push_back(cv::Vec2f(5000.0f, 0.0f));
@@ -520,7 +523,8 @@ TwoPivots MakeTwoPivots(double shift, int groupA = 5, int groupB = 4,
     for (int c = 0; c < 2; ++c) {
       const synth::CameraModel& camera = truth.cameras[c];
       cv::Vec3d offset(0.0, 0.0, 0.0);
-      if (i == groupA - 1 && c == 0) offset = shift * cv::normalize(dir.cross(pivot - camera.Center()));
+      if (i == groupA - 1 && c == 0)
+        offset = shift * cv::normalize(dir.cross(pivot - camera.Center()));
       CandidateAreaImage* area =
           s.areas.Add(c == 0 ? s.areas.cam1 : s.areas.cam2, camera.sensorOffsetY, camera.height);
       area->sensorOffsetX = camera.sensorOffsetX;

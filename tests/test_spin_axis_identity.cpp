@@ -3,6 +3,8 @@
 // candidates that the analysis stages extract from synthetic and golden
 // recordings, and on projected true lines with duplicates and perturbations
 // (ties everywhere).
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -11,13 +13,11 @@
 #include <fstream>
 #include <limits>
 #include <memory>
+#include <nlohmann/json.hpp>
+#include <opencv2/core.hpp>
 #include <random>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
-#include <opencv2/core.hpp>
 
 #include "analysis/analysis.h"
 #include "harness/offline.h"
@@ -80,7 +80,8 @@ struct Comparison {
 };
 
 // Runs both versions from the same reference point and compares everything.
-void ExpectIdentical(const ClubTrackerSetting& setting, const std::vector<CandidateAreaImage*>& cam1,
+void ExpectIdentical(const ClubTrackerSetting& setting,
+                     const std::vector<CandidateAreaImage*>& cam1,
                      const std::vector<CandidateAreaImage*>& cam2, const double* startPoint,
                      Comparison& c, bool checkInliers = true) {
   Outcome& optimised = c.optimised;
@@ -266,11 +267,12 @@ std::unique_ptr<TiedSwing> MakeTiedSwing(uint64_t seed, int frames, int maxLines
             area->lines.push_back(line);
             break;
           case 2:  // a near copy, one Hough cell away
-            area->lines.push_back(cv::Vec2f(line[0] + std::round(unit(rng)) ,
+            area->lines.push_back(cv::Vec2f(line[0] + std::round(unit(rng)),
                                             line[1] + 0.0174533f * std::round(unit(rng))));
             break;
           default:  // something else in the frame
-            area->lines.push_back(cv::Vec2f(line[0] + 40.0f * unit(rng), line[1] + 0.3f * unit(rng)));
+            area->lines.push_back(
+                cv::Vec2f(line[0] + 40.0f * unit(rng), line[1] + 0.3f * unit(rng)));
             break;
         }
       }
@@ -460,16 +462,26 @@ TEST(PairPrefilter, RejectsOnlyWhatTheExactEvaluationRejects) {
     double p[3] = {400.0 * u(rng), 0.0, 400.0 * u(rng)};
     const double near = 0.05 * u(rng);
     switch (sample % 5) {
-      case 0: p[1] = 700.0 + near; p[0] = 5.0 * u(rng); p[2] = 5.0 * u(rng); break;
-      case 1: p[1] = 2000.0 + near; break;
+      case 0:
+        p[1] = 700.0 + near;
+        p[0] = 5.0 * u(rng);
+        p[2] = 5.0 * u(rng);
+        break;
+      case 1:
+        p[1] = 2000.0 + near;
+        break;
       case 2: {
         p[1] = 1500.0;
         const double scale = (2800.0 + near) / std::sqrt(p[0] * p[0] + p[1] * p[1] + p[2] * p[2]);
         for (double& v : p) v *= scale;
         break;
       }
-      case 3: p[1] = 2500.0 * u(rng); break;
-      default: for (double& v : p) v = 5000.0 * u(rng); break;
+      case 3:
+        p[1] = 2500.0 * u(rng);
+        break;
+      default:
+        for (double& v : p) v = 5000.0 * u(rng);
+        break;
     }
     for (int i = 0; i < 3; ++i) p[i] += reference[i];
     // Four planes through it, some nearly parallel, offsets with noise that
@@ -495,13 +507,13 @@ TEST(PairPrefilter, RejectsOnlyWhatTheExactEvaluationRejects) {
     const double residual = r.dot(r) / 4;
     const double along = std::abs(x.at<double>(1) - reference[1]);
     const double distance = cv::norm(x - cv::Mat(3, 1, CV_64F, const_cast<double*>(reference)));
-    const bool rejected = residual > 10.0 || along < 700.0 || along > 2000.0 || distance < 700.0 ||
-                          distance > 2800.0;
+    const bool rejected =
+        residual > 10.0 || along < 700.0 || along > 2000.0 || distance < 700.0 || distance > 2800.0;
     exactRejects += rejected ? 1 : 0;
     if (PairSurelyRejected(a, d, reference, 1, windows)) {
       ++quick;
-      ASSERT_TRUE(rejected) << "sample " << sample << " residual " << residual << " along "
-                            << along << " distance " << distance;
+      ASSERT_TRUE(rejected) << "sample " << sample << " residual " << residual << " along " << along
+                            << " distance " << distance;
     }
   }
   // It does take most of the work away.
@@ -537,8 +549,8 @@ TEST(RefitBound, NeverAboveTheExactResidual) {
     const cv::Mat r = ma * x - md;
     const double residual = r.dot(r) / r.rows;
     // Bounds just below, at and above the residual.
-    for (const double bound : {residual * 0.5, residual - 1e-3, residual, residual + 1e-9,
-                               residual * 1.01}) {
+    for (const double bound :
+         {residual * 0.5, residual - 1e-3, residual, residual + 1e-9, residual * 1.01}) {
       if (ResidualSurelyAtLeast(a.data(), d.data(), rows, bound)) {
         ++claimed;
         ASSERT_GE(residual, bound) << "rows " << rows << " sample " << sample;

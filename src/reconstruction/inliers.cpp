@@ -1,12 +1,12 @@
 // Inliers of spin-axis hypotheses: the frames whose lines, in both cameras,
 // sweep planes passing close to a hypothesis's pivot.
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
+
 #include <exception>
 #include <limits>
 #include <utility>
 #include <vector>
-
-#include <tbb/blocked_range.h>
-#include <tbb/parallel_for.h>
 
 #include "reconstruction/geometry.h"
 #include "reconstruction/plane_cache.h"

@@ -87,23 +87,22 @@ void DistancesFused(const PlaneColumns& planes, int count, const double* x, doub
 #if defined(__x86_64__) || defined(__i386__)
 // Four planes at a time: every lane is the same fused multiply-adds,
 // subtraction, division and sign clearing as the one-plane form.
-__attribute__((target("avx2,fma"))) void DistancesFusedAvx2(const PlaneColumns& planes,
-                                                            int count, const double* x,
-                                                            double* out) {
+__attribute__((target("avx2,fma"))) void DistancesFusedAvx2(const PlaneColumns& planes, int count,
+                                                            const double* x, double* out) {
   const __m256d x0 = _mm256_set1_pd(x[0]);
   const __m256d x1 = _mm256_set1_pd(x[1]);
   const __m256d x2 = _mm256_set1_pd(x[2]);
   const __m256d signless = _mm256_castsi256_pd(_mm256_set1_epi64x(0x7FFFFFFFFFFFFFFFll));
   int k = 0;
   for (; k + 4 <= count; k += 4) {
-    const __m256d dot = _mm256_fmadd_pd(
-        _mm256_loadu_pd(planes.nz + k), x2,
-        _mm256_fmadd_pd(_mm256_loadu_pd(planes.ny + k), x1,
-                        _mm256_mul_pd(_mm256_loadu_pd(planes.nx + k), x0)));
-    const __m256d distance = _mm256_and_pd(
-        _mm256_div_pd(_mm256_sub_pd(dot, _mm256_loadu_pd(planes.offset + k)),
-                      _mm256_loadu_pd(planes.length + k)),
-        signless);
+    const __m256d dot =
+        _mm256_fmadd_pd(_mm256_loadu_pd(planes.nz + k), x2,
+                        _mm256_fmadd_pd(_mm256_loadu_pd(planes.ny + k), x1,
+                                        _mm256_mul_pd(_mm256_loadu_pd(planes.nx + k), x0)));
+    const __m256d distance =
+        _mm256_and_pd(_mm256_div_pd(_mm256_sub_pd(dot, _mm256_loadu_pd(planes.offset + k)),
+                                    _mm256_loadu_pd(planes.length + k)),
+                      signless);
     _mm256_storeu_pd(out + k, distance);
   }
   for (; k < count; ++k) {
@@ -213,8 +212,8 @@ PlaneDistancesFn SelectPlaneDistances(const MatRounding& rounding) {
   return DistancesLibrary;
 }
 
-void PlaneResiduals(const MatRounding& rounding, const double* a, const double* x,
-                    const double* d, double* r, int rows) {
+void PlaneResiduals(const MatRounding& rounding, const double* a, const double* x, const double* d,
+                    double* r, int rows) {
   if (rounding.gemmPlain) {
     for (int i = 0; i < rows; ++i) {
       const double p0 = a[3 * i] * x[0];
@@ -265,8 +264,10 @@ InlierScanner::InlierScanner(const PlaneCache& cam1, const PlaneCache& cam2)
 void InlierScanner::Measure(const double* x, Scratch& scratch) const {
   scratch.cam1.resize(static_cast<size_t>(cam1_.PlaneCount()));
   scratch.cam2.resize(static_cast<size_t>(cam2_.PlaneCount()));
-  if (cam1_.PlaneCount() > 0) distances_(cam1_.Columns(0), cam1_.PlaneCount(), x, scratch.cam1.data());
-  if (cam2_.PlaneCount() > 0) distances_(cam2_.Columns(0), cam2_.PlaneCount(), x, scratch.cam2.data());
+  if (cam1_.PlaneCount() > 0)
+    distances_(cam1_.Columns(0), cam1_.PlaneCount(), x, scratch.cam1.data());
+  if (cam2_.PlaneCount() > 0)
+    distances_(cam2_.Columns(0), cam2_.PlaneCount(), x, scratch.cam2.data());
 }
 
 bool InlierScanner::Supports(int frame, const Scratch& scratch, int& k1, int& k2) const {

@@ -4,9 +4,8 @@
 #pragma once
 
 #include <cstdint>
-#include <vector>
-
 #include <opencv2/core.hpp>
+#include <vector>
 
 #include "reconstruction/geometry.h"
 #include "tracker/records.h"
@@ -40,7 +39,6 @@ class PlaneCache {
   int PlaneCount() const { return static_cast<int>(planes_.size()); }
   int FirstPlane(int frame) const { return start_[frame]; }
   int LineCount(int frame) const { return start_[frame + 1] - start_[frame]; }
-  const LinePlane* Frame(int frame) const { return planes_.data() + start_[frame]; }
   const LinePlane& At(int frame, int line) const { return planes_[start_[frame] + line]; }
   PlaneColumns Columns(int frame) const {
     const size_t first = static_cast<size_t>(start_[frame]);
@@ -75,8 +73,8 @@ using PlaneDistancesFn = void (*)(const PlaneColumns& planes, int count, const d
 PlaneDistancesFn SelectPlaneDistances(const MatRounding& rounding);
 
 // r = A x - d for `rows` rows of A (row-major, 3 columns), as cv::gemm forms it.
-void PlaneResiduals(const MatRounding& rounding, const double* a, const double* x,
-                    const double* d, double* r, int rows);
+void PlaneResiduals(const MatRounding& rounding, const double* a, const double* x, const double* d,
+                    double* r, int rows);
 
 // cv::norm of the 3-vector v.
 double Norm3(const MatRounding& rounding, const double* v);

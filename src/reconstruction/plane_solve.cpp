@@ -5,9 +5,8 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <utility>
-
 #include <opencv2/core.hpp>
+#include <utility>
 
 // Every product and sum below must round on its own, in the written order.
 #pragma GCC optimize("fp-contract=off")

@@ -2,20 +2,20 @@
 // their inliers, the best refitted over all of their planes.
 #include "reconstruction/spin_axis.h"
 
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <exception>
 #include <limits>
-#include <unordered_set>
+#include <opencv2/core.hpp>
 #include <stdexcept>
 #include <string>
+#include <unordered_set>
 #include <utility>
 #include <vector>
-
-#include <opencv2/core.hpp>
-#include <tbb/blocked_range.h>
-#include <tbb/parallel_for.h>
 
 #include "reconstruction/geometry.h"
 #include "reconstruction/plane_cache.h"
@@ -85,8 +85,8 @@ class LinePairs {
                     static_cast<uint32_t>(LineCount(cam2Areas, a)),
                     static_cast<uint32_t>(LineCount(cam2Areas, b)),
                     count_};
-        const uint64_t combinations = static_cast<uint64_t>(p.lines1a) * p.lines1b * p.lines2a *
-                                      p.lines2b;
+        const uint64_t combinations =
+            static_cast<uint64_t>(p.lines1a) * p.lines1b * p.lines2a * p.lines2b;
         if (combinations == 0) continue;
         if (combinations > std::numeric_limits<uint64_t>::max() - count_) {
           throw std::length_error("too many line pairs");
@@ -102,9 +102,9 @@ class LinePairs {
 
   // Cursor at position g (< Count()).
   Cursor Seek(uint64_t g) const {
-    const auto it = std::upper_bound(
-        framePairs_.begin(), framePairs_.end(), g,
-        [](uint64_t value, const FramePair& p) { return value < p.first; });
+    const auto it =
+        std::upper_bound(framePairs_.begin(), framePairs_.end(), g,
+                         [](uint64_t value, const FramePair& p) { return value < p.first; });
     const size_t index = static_cast<size_t>(it - framePairs_.begin()) - 1;
     const FramePair& p = framePairs_[index];
     uint64_t rest = g - p.first;
@@ -305,9 +305,8 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
   const uint64_t chunk = firstCount / kChunksPerBatch;
   std::vector<PairHypothesis> chunkLists[kChunksPerBatch];
   if (chunk > 0) {
-    const EvaluateLinePairs body{pairs,     planes1,        planes2, rounding,
-                                 jacobi,    axisIndex,      referencePoint, chunk,
-                                 chunkLists};
+    const EvaluateLinePairs body{pairs,     planes1,        planes2, rounding,  jacobi,
+                                 axisIndex, referencePoint, chunk,   chunkLists};
     tbb::parallel_for(tbb::blocked_range<int>(0, kChunksPerBatch, 1), body);
   }
   stats->evaluatedPairs = chunk * kChunksPerBatch;

@@ -5,18 +5,18 @@
 // stages that gives the search its inputs.
 #pragma once
 
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
+
+#include <algorithm>
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
-#include <memory>
 #include <limits>
-#include <algorithm>
+#include <memory>
+#include <opencv2/core.hpp>
 #include <string>
 #include <vector>
-
-#include <opencv2/core.hpp>
-#include <tbb/blocked_range.h>
-#include <tbb/parallel_for.h>
 
 #include "analysis/analysis.h"
 #include "harness/offline.h"
@@ -190,8 +190,8 @@ inline int SelectSpinAxisInliers(const ClubTrackerSetting& setting,
   std::vector<SpinAxisInlier>* result = new std::vector<SpinAxisInlier>[n];
   Camera c1 = MakeCamera(setting.cam1Intrinsic, setting.cam1Extrinsic);
   Camera c2 = MakeCamera(setting.cam2Intrinsic, setting.cam2Extrinsic);
-  CollectInliersBody body{axes, cam1Areas, result, c1.rayMatrix, c1.center,
-                          cam2Areas, c2.rayMatrix, c2.center, 10};
+  CollectInliersBody body{axes,         cam1Areas, result, c1.rayMatrix, c1.center, cam2Areas,
+                          c2.rayMatrix, c2.center, 10};
   tbb::parallel_for(tbb::blocked_range<int>(0, n, 1), body);
   for (int i = 0; i < n; ++i) axes[i].inliers = result[i];
   delete[] result;
@@ -331,9 +331,8 @@ inline int FindClubSpinAxis(const ClubTrackerSetting& setting, double* reference
       p2.at<double>(2) = 1;
       cv::Mat out(3, 1, CV_64F, referencePoint);
       float quality = 0;
-      ImageProcess::Coordinate2DTO3D(c1.intrinsic, c1.rotationToWorld, c1.center, p1,
-                                     c2.intrinsic, c2.rotationToWorld, c2.center, p2, out,
-                                     quality);
+      ImageProcess::Coordinate2DTO3D(c1.intrinsic, c1.rotationToWorld, c1.center, p1, c2.intrinsic,
+                                     c2.rotationToWorld, c2.center, p2, out, quality);
       break;
     }
   }
@@ -347,9 +346,9 @@ inline int FindClubSpinAxis(const ClubTrackerSetting& setting, double* reference
     int count = remaining <= batch ? remaining : batch;
     int chunk = count / 8;
     if (stats && b * batch < count) stats->evaluatedPairs += (size_t)chunk * 8;
-    EvaluateBody body{chunk, b * batch, count, pairs, cam1Areas, c1.rayMatrix, c1.center,
-                      cam2Areas, c2.rayMatrix, c2.center, &setting, referencePoint, slots,
-                      10.0, 700.0, 2000.0, 700.0, 2800.0};
+    EvaluateBody body{chunk,     b * batch, count,        pairs,     cam1Areas, c1.rayMatrix,
+                      c1.center, cam2Areas, c2.rayMatrix, c2.center, &setting,  referencePoint,
+                      slots,     10.0,      700.0,        2000.0,    700.0,     2800.0};
     tbb::parallel_for(tbb::blocked_range<int>(0, 8, 1), body);
     for (int s = 0; s < count; ++s) {
       if (slots[s].pivot[0] == 0 && slots[s].pivot[1] == 0 && slots[s].pivot[2] == 0) continue;
@@ -457,7 +456,7 @@ inline int AgreedHeadSize(const std::vector<int>& sizes) {
 }
 
 inline void ExtractCameraLines(ClubTracker& tracker, const std::vector<CandidateAreaImage*>& areas,
-                        const std::vector<cv::Mat>& edges, float lineSize) {
+                               const std::vector<cv::Mat>& edges, float lineSize) {
   const int before = ClubTrackerTestAccess::GetLineThreshold(tracker, areas[0], lineSize);
   int after = 0;
   for (size_t k = 0; k < areas.size(); ++k) {
@@ -477,7 +476,7 @@ inline int CountLines(const std::vector<CandidateAreaImage*>& areas) {
 }
 
 inline void AdaptLineSize(int foundPair, int lineCount, int frames, float& lineSize, int& redo,
-                   const std::vector<CandidateAreaImage*>& areas) {
+                          const std::vector<CandidateAreaImage*>& areas) {
   if (foundPair >= 3 && lineCount >= 2 * frames) {
     if (lineCount <= 4 * frames) return;
     lineSize = static_cast<float>(static_cast<double>(lineSize) - 0.2);
@@ -491,7 +490,7 @@ inline void AdaptLineSize(int foundPair, int lineCount, int frames, float& lineS
 // Find's stages from the pairing to the last pass of the line extraction.
 // False when Find would stop before the spin axis.
 inline bool ExtractLines(ClubTracker& tracker, const std::vector<ClubImage*>& images1,
-                  const std::vector<ClubImage*>& images2, Candidates& out) {
+                         const std::vector<ClubImage*>& images2, Candidates& out) {
   std::vector<ClubImage*> pairs1;
   std::vector<ClubImage*> pairs2;
   PairFrames(images1, images2, pairs1, pairs2);
@@ -547,7 +546,8 @@ inline bool ExtractLines(ClubTracker& tracker, const std::vector<ClubImage*>& im
     ++out.passes;
     foundPair = 0;
     for (int c = 0; c < 2; ++c) {
-      if (redo[c] == 1) ExtractCameraLines(tracker, c == 0 ? out.cam1 : out.cam2, edges[c], lineSize[c]);
+      if (redo[c] == 1)
+        ExtractCameraLines(tracker, c == 0 ? out.cam1 : out.cam2, edges[c], lineSize[c]);
       redo[c] = 0;
     }
     const int count1 = CountLines(out.cam1);
