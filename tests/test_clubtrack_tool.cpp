@@ -135,6 +135,11 @@ TEST(ClubtrackRun, JsonOnStandardOutputWithTheStableKeys) {
   EXPECT_GT(speed, 0.0);
   EXPECT_LT(std::fabs(speed / rec.truth.clubHeadSpeed - 1.0), 1.0)
       << "measured " << speed << ", truth " << rec.truth.clubHeadSpeed;
+  // The head-tracking speed follows the head to sub-pixel precision in both
+  // cameras: within 2 % on the default swing.
+  const double headSpeed = json["headTrackingSpeed"];
+  EXPECT_LT(std::fabs(headSpeed / rec.truth.clubHeadSpeed - 1.0), 0.02)
+      << "head tracking " << headSpeed << ", truth " << rec.truth.clubHeadSpeed;
   // The human summary and the log went to standard error, out of the JSON's way.
   EXPECT_NE(run.err.find("Club-head speed"), std::string::npos) << run.err;
   EXPECT_NE(run.err.find("  ClubTracker::Find start"), std::string::npos) << run.err;
@@ -180,6 +185,7 @@ TEST(ClubtrackDemo, MeasuresTheDefaultSwingAndWritesTheSheet) {
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_NE(run.out.find("club-head speed (m/s)"), std::string::npos) << run.out;
   EXPECT_NE(run.out.find("relative error of the club-head speed"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("(head tracking)"), std::string::npos) << run.out;
   EXPECT_NE(run.out.find("Contact sheet written to demo-sheet.png"), std::string::npos);
   EXPECT_FALSE(cv::imread((work.path / "demo-sheet.png").string()).empty());
 }

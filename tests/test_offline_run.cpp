@@ -172,6 +172,7 @@ TEST(OfflineRun, SameMeasurementAsTheSwingInMemory) {
   // The template path on the same paired frames (all frames pair here).
   double headSpeed = -1.0;
   tracker.FindbyTemplate(recording.Cam1(), recording.Cam2(), headSpeed);
+  EXPECT_GT(run.report.headTrackingSpeed, 0.0);
   EXPECT_EQ(run.report.headTrackingSpeed, std::isnan(headSpeed) ? 0.0 : headSpeed);
 }
 

@@ -128,8 +128,15 @@ int RunDemo() {
   std::printf("\n  speed from frames %d to %d; %d paired frames; Find took %.0f ms\n",
               r.speedFrameFrom, r.speedFrameTo, r.pairedFrames, r.processingTimeMs);
   if (r.clubHeadSpeed != 0.0) {
-    std::printf("  relative error of the club-head speed: %+.2f %%\n",
+    std::printf("  relative error of the club-head speed: %+.2f %% (line-based), ",
                 100.0 * (lineMps - truthMps) / truthMps);
+  } else {
+    std::printf("  club-head speed: none from the lines, ");
+  }
+  if (r.headTrackingSpeed != 0.0) {
+    std::printf("%+.2f %% (head tracking)\n", 100.0 * (headMps - truthMps) / truthMps);
+  } else {
+    std::printf("none from head tracking\n");
   }
 
   const std::vector<FrameView> views = ViewsOf(outcome);
