@@ -5,6 +5,8 @@
 #include <exception>
 
 #include <opencv2/imgproc.hpp>
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
 
 #include "reconstruction/geometry.h"
 #include "template/template_matching.h"
@@ -27,8 +29,8 @@ constexpr double kMinHeadThickness = 6.0;
 // Opening radius relative to the head's thickness: removes the shaft and the
 // hosel, keeps the body of the head.
 constexpr double kOpeningFraction = 0.6;
-// Pixels of gradient context kept around a template's silhouette, and around a
-// template where its silhouette is measured.
+// Pixels of gradient context kept around a template's silhouette (full
+// resolution), and around a template where its silhouette is measured.
 constexpr int kTemplateMargin = 4;
 constexpr int kRegionMargin = 6;
 // Extra pixels around every gradient crop, so that the Sobel border rule does
@@ -85,15 +87,21 @@ double ParabolaPeak(double a, double b, double c) {
   return std::clamp(0.5 * (a - c) / curvature, -0.5, 0.5);
 }
 
-cv::Size HalfSize(const cv::Mat& image) {
-  return cv::Size((image.cols + 1) / 2, (image.rows + 1) / 2);
-}
+// Half resolution: each pixel the mean of a 2 x 2 block (an odd last row or
+// column is left out), so that half-resolution pixel i covers pixels 2i and
+// 2i + 1 exactly.
+cv::Size HalfSize(const cv::Mat& image) { return cv::Size(image.cols / 2, image.rows / 2); }
 
 cv::Mat Half(const cv::Mat& image) {
+  const cv::Size size = HalfSize(image);
   cv::Mat half;
-  cv::resize(image, half, HalfSize(image), 0.0, 0.0, cv::INTER_AREA);
+  cv::resize(image(cv::Rect(0, 0, 2 * size.width, 2 * size.height)), half, size, 0.0, 0.0,
+             cv::INTER_AREA);
   return half;
 }
+
+// Full-resolution rectangle covered by a half-resolution one.
+cv::Rect Doubled(const cv::Rect& r) { return cv::Rect(2 * r.x, 2 * r.y, 2 * r.width, 2 * r.height); }
 
 // Keeps the parts of a mask that a disc of `radius` fits into: an opening by
 // distances (the erosion keeps the pixels deeper than the radius, the
@@ -368,7 +376,8 @@ bool FitOutlineCentre(const std::vector<cv::Point2f>& points, const HeadOutline&
 
 bool MeasureSilhouette(const CameraFrame& frame, const cv::Mat& background,
                        const cv::Rect& region, double thickness, const BallModel& ball,
-                       const HeadOutline* model, double wholeFraction, HeadOutline& outline) {
+                       const HeadOutline* model, double wholeFraction, HeadOutline& outline,
+                       std::vector<cv::Point2f>* points) {
   const cv::Rect r = Clip(region, frame.grey.size());
   if (r.width < 3 || r.height < 3 || background.size() != frame.grey.size()) return false;
 
@@ -397,7 +406,7 @@ bool MeasureSilhouette(const CameraFrame& frame, const cv::Mat& background,
   // The head's outline: its border where it is the silhouette's own edge (not
   // where the opening cut the shaft off), away from the ball.
   const double ballReach = ball.radius > 0.0 ? ball.radius + kBallMargin : 0.0;
-  std::vector<cv::Point2f> points;
+  std::vector<cv::Point2f> kept;
   size_t total = 0;
   for (const cv::Point& p : *head) {
     bool edge = false;
@@ -412,13 +421,13 @@ bool MeasureSilhouette(const CameraFrame& frame, const cv::Mat& background,
     ++total;
     const cv::Point2d full(p.x + r.x, p.y + r.y);
     if (ballReach > 0.0 && cv::norm(full - ball.centre) <= ballReach) continue;
-    points.emplace_back(static_cast<float>(full.x), static_cast<float>(full.y));
+    kept.emplace_back(static_cast<float>(full.x), static_cast<float>(full.y));
   }
-  if (points.size() < kMinOutlinePoints) return false;
-  const double kept = static_cast<double>(points.size()) / static_cast<double>(total);
+  if (kept.size() < kMinOutlinePoints) return false;
+  const double fraction = static_cast<double>(kept.size()) / static_cast<double>(total);
 
-  if (kept >= wholeFraction) {
-    const cv::RotatedRect ellipse = cv::fitEllipse(points);
+  if (fraction >= wholeFraction) {
+    const cv::RotatedRect ellipse = cv::fitEllipse(kept);
     outline.centre = cv::Point2d(ellipse.center.x, ellipse.center.y);
     outline.semiMajor = 0.5 * std::max(ellipse.size.width, ellipse.size.height);
     outline.semiMinor = 0.5 * std::min(ellipse.size.width, ellipse.size.height);
@@ -427,16 +436,20 @@ bool MeasureSilhouette(const CameraFrame& frame, const cv::Mat& background,
     if (degrees < 0.0) degrees += 180.0;
     outline.angle = degrees * CV_PI / 180.0;
     outline.complete = true;
-  } else if (model != nullptr && kept >= kPartialOutline) {
+  } else if (model != nullptr && fraction >= kPartialOutline) {
     HeadOutline moved = *model;
-    if (!FitOutlineCentre(points, *model, moved.centre)) return false;
+    if (!FitOutlineCentre(kept, *model, moved.centre)) return false;
     moved.complete = false;
     outline = moved;
   } else {
     return false;
   }
-  return std::isfinite(outline.centre.x) && std::isfinite(outline.centre.y) &&
-         r.contains(outline.centre) && outline.semiMajor > 0.0 && outline.semiMinor > 0.0;
+  if (!std::isfinite(outline.centre.x) || !std::isfinite(outline.centre.y) ||
+      !r.contains(outline.centre) || !(outline.semiMajor > 0.0) || !(outline.semiMinor > 0.0)) {
+    return false;
+  }
+  if (points != nullptr) *points = std::move(kept);
+  return true;
 }
 
 bool LocateHead(const CameraFrame& frame, const cv::Mat& background, const BallModel& ball,
@@ -539,14 +552,16 @@ HeadOutline PredictOutline(const std::vector<double>& times, const std::vector<H
   return predicted;
 }
 
-// One direction of the tracking from the start frame.
+// One direction of the tracking from the start frame. Templates are matched
+// at half resolution, which is ample to follow the head; the position comes
+// from the silhouette at full resolution.
 void TrackDirection(const std::vector<CameraFrame>& frames, const cv::Mat& background,
                     const BallModel& ball, const std::vector<int>& list, int start, int step,
                     const cv::Mat& startTemplate, const cv::Point2d& startOffset,
                     const HeadBlob& blob, const cv::Point2d* velocityHint, int limit,
                     CameraTrack& track) {
-  cv::Mat templ = startTemplate;
-  cv::Point2d offset = startOffset;  // the tracked point inside the template
+  cv::Mat templ = startTemplate;     // half resolution
+  cv::Point2d offset = startOffset;  // the tracked point from the template's corner, full resolution
   // The head's complete outlines so far, to predict its shape from.
   std::vector<double> shapeTimes = {frames[list[start]].time};
   std::vector<HeadOutline> shapes = {blob.outline};
@@ -557,41 +572,43 @@ void TrackDirection(const std::vector<CameraFrame>& frames, const cv::Mat& backg
     times.insert(times.begin(), times.front() - 1.0);
     points.insert(points.begin(), points.front() - *velocityHint);
   }
+  const double ballHalfRadius = 0.5 * (ball.radius + kBallMargin);
 
   int added = 0;
   for (int j = start + step; j >= 0 && j < static_cast<int>(list.size()) && added < limit;
        j += step) {
     const CameraFrame& frame = frames[list[j]];
-    const cv::Size size = frame.grey.size();
+    const cv::Mat half = Half(frame.grey);
+    const cv::Size size = half.size();
     cv::Point2d predicted = points.back();
-    double margin = 0.0;
+    double margin = 0.0;  // half-resolution pixels
     if (points.size() >= 2) {
       const size_t k = points.size() - 1;
       const double dt = times[k] - times[k - 1];
       if (dt == 0.0) break;
       const cv::Point2d move = (points[k] - points[k - 1]) * ((frame.time - times[k]) / dt);
       predicted += move;
-      margin = 8.0 + 0.15 * std::hypot(move.x, move.y);
+      margin = 4.0 + 0.075 * std::hypot(move.x, move.y);
     } else {
       // No motion known yet: search half a head length around.
-      margin = 8.0 + 0.6 * std::max(templ.cols, templ.rows);
+      margin = 4.0 + 0.6 * std::max(templ.cols, templ.rows);
     }
-    const cv::Point2d corner = predicted - offset;
+    const cv::Point2d corner = (predicted - offset) * 0.5;
     const cv::Rect expectedWhole(static_cast<int>(std::lround(corner.x)),
                                  static_cast<int>(std::lround(corner.y)), templ.cols, templ.rows);
-    // The head must be wholly in view where it is expected.
-    if ((expectedWhole & Grow(cv::Rect(0, 0, size.width, size.height), -1)) != expectedWhole) {
-      break;
-    }
+    // Only the part of the template inside the frame (a window may not reach
+    // its last row or column) is matched; the head leaving the view ends the
+    // track.
+    cv::Rect part = (cv::Rect(0, 0, size.width - 1, size.height - 1) & expectedWhole) -
+                    expectedWhole.tl();
+    if (part.area() < kMinPartFraction * static_cast<double>(templ.total())) break;
     // Where the ball stands in front of the head, only the part of the
-    // template clear of it is matched.
-    cv::Rect part(0, 0, templ.cols, templ.rows);
-    if (ball.InFront(frame, expectedWhole, kBallMargin)) {
-      part = ClearOfDisc(templ.size(), ball.centre - cv::Point2d(expectedWhole.tl()),
-                         ball.radius + kBallMargin);
-      if (part.area() < kMinPartFraction * static_cast<double>(templ.total())) {
-        part = cv::Rect(0, 0, templ.cols, templ.rows);
-      }
+    // template clear of it.
+    if (ball.InFront(frame, Doubled(expectedWhole), kBallMargin)) {
+      const cv::Rect clear =
+          part & ClearOfDisc(templ.size(), ball.centre * 0.5 - cv::Point2d(expectedWhole.tl()),
+                             ballHalfRadius);
+      if (clear.area() >= kMinPartFraction * static_cast<double>(templ.total())) part = clear;
     }
     const cv::Mat partTemplate = templ(part);
     const cv::Rect expected = part + expectedWhole.tl();
@@ -601,11 +618,11 @@ void TrackDirection(const std::vector<CameraFrame>& frames, const cv::Mat& backg
     for (int attempt = 0; attempt < 2 && !found; ++attempt) {
       const int reach = attempt == 0 ? reachBase : 2 * reachBase;
       // Kept off the last row and column, which a window may not reach.
-      const cv::Rect window =
-          Grow(expected, reach) & cv::Rect(0, 0, size.width - 1, size.height - 1);
+      const cv::Rect wanted = Grow(expected, reach);
+      const cv::Rect window = wanted & cv::Rect(0, 0, size.width - 1, size.height - 1);
       const cv::Rect crop = Clip(Grow(window, kCropBorder), size);
       std::vector<cv::Mat> gradients;
-      MakeGradientImages({frame.grey(crop)}, gradients);
+      MakeGradientImages({half(crop)}, gradients);
       const cv::Mat& gradient = gradients.front();
       cv::Rect local = window - crop.tl();
       cv::Rect match;
@@ -613,33 +630,37 @@ void TrackDirection(const std::vector<CameraFrame>& frames, const cv::Mat& backg
       if (!MatchTemplateInWindow(partTemplate, gradient, local, match, score)) break;
       if (score < kRejectScore) break;
       // A best match on the edge of the window may be the slope of a peak
-      // outside it: search once more in a wider window.
-      const bool onEdge = match.x == local.x || match.y == local.y ||
-                          match.x + match.width == local.x + local.width ||
-                          match.y + match.height == local.y + local.height;
+      // outside it (unless the frame ends there): search once more in a
+      // wider window.
+      const bool onEdge =
+          (match.x == local.x && window.x == wanted.x) ||
+          (match.y == local.y && window.y == wanted.y) ||
+          (match.x + match.width == local.x + local.width && window.br().x == wanted.br().x) ||
+          (match.y + match.height == local.y + local.height && window.br().y == wanted.br().y);
       if (onEdge && attempt == 0) continue;
       if (onEdge) break;
 
-      const cv::Rect whole(crop.x + match.x - part.x, crop.y + match.y - part.y, templ.cols,
-                           templ.rows);
+      const cv::Rect halfWhole(crop.x + match.x - part.x, crop.y + match.y - part.y, templ.cols,
+                               templ.rows);
+      const cv::Rect whole = Doubled(halfWhole);
       cv::Point2d position = cv::Point2d(whole.tl()) + offset;
 
       // Where the head's silhouette can be measured, its centre is taken:
       // unlike a template match it does not drift as the head's shading
       // changes. The region is generous: near the ball the template's match
       // can be off by a good part of the head's thickness.
+      const int smaller = std::min(whole.width, whole.height);
       const int regionMargin =
-          std::max(kRegionMargin, static_cast<int>(std::lround(
-                                      kMaxRefineShift * std::min(templ.cols, templ.rows))));
+          std::max(kRegionMargin, static_cast<int>(std::lround(kMaxRefineShift * smaller)));
       const HeadOutline expectedShape = PredictOutline(shapeTimes, shapes, frame.time, position);
       HeadOutline measured;
       Quality quality = kByTemplate;
+      std::vector<cv::Point2f> outlinePoints;
       if (MeasureSilhouette(frame, background, Grow(whole, regionMargin), blob.thickness, ball,
-                            &expectedShape, 1.0, measured) &&
+                            &expectedShape, 1.0, measured, &outlinePoints) &&
           measured.Area() < kAreaRatio * expectedShape.Area() &&
           measured.Area() * kAreaRatio > expectedShape.Area() &&
-          cv::norm(measured.centre - position) <=
-              kMaxRefineShift * std::min(templ.cols, templ.rows)) {
+          cv::norm(measured.centre - position) <= kMaxRefineShift * smaller) {
         position = measured.centre;
         if (measured.complete) {
           shapeTimes.push_back(frame.time);
@@ -653,10 +674,10 @@ void TrackDirection(const std::vector<CameraFrame>& frames, const cv::Mat& backg
         if (Clip(around, gradient.size()) == around) {
           cv::Mat scores;
           cv::matchTemplate(gradient(around), partTemplate, scores, cv::TM_CCOEFF_NORMED);
-          position.x += ParabolaPeak(scores.at<float>(1, 0), scores.at<float>(1, 1),
-                                     scores.at<float>(1, 2));
-          position.y += ParabolaPeak(scores.at<float>(0, 1), scores.at<float>(1, 1),
-                                     scores.at<float>(2, 1));
+          position.x += 2.0 * ParabolaPeak(scores.at<float>(1, 0), scores.at<float>(1, 1),
+                                           scores.at<float>(1, 2));
+          position.y += 2.0 * ParabolaPeak(scores.at<float>(0, 1), scores.at<float>(1, 1),
+                                           scores.at<float>(2, 1));
         }
       }
       track.position[j] = position;
@@ -664,13 +685,14 @@ void TrackDirection(const std::vector<CameraFrame>& frames, const cv::Mat& backg
       track.quality[j] = quality;
       track.region[j] = Grow(whole, regionMargin);
       if (quality != kByTemplate) track.outline[j] = measured;
+      if (quality == kByPartialOutline) track.partialOutline[j] = std::move(outlinePoints);
       track.score[j] = score;
       times.push_back(frame.time);
       points.push_back(position);
       // Renew the template when the head's look has changed, but not while
       // the ball stands in front of it: its outline would become part of it.
-      if (score < kUpdateScore && part.size() == templ.size() && Clip(whole, size) == whole) {
-        templ = GradientPatch(frame.grey, whole);
+      if (score < kUpdateScore && part.size() == templ.size() && Clip(halfWhole, size) == halfWhole) {
+        templ = GradientPatch(half, halfWhole);
         offset = position - cv::Point2d(whole.tl());
         ++track.templateUpdates;
       }
@@ -684,10 +706,9 @@ void TrackDirection(const std::vector<CameraFrame>& frames, const cv::Mat& backg
 // The head's apparent size and turn change smoothly with its position in the
 // picture: straight-line trends over its complete outlines predict its shape
 // where the ball hides part of it, better than the last complete outline
-// alone. Those frames are measured once more with that shape.
-void RemeasureHidden(const std::vector<CameraFrame>& frames, const cv::Mat& background,
-                     const BallModel& ball, const std::vector<int>& list, const HeadBlob& blob,
-                     CameraTrack& track) {
+// alone. The outlines of those frames are fitted once more with that shape.
+void RefitHidden(const std::vector<CameraFrame>& frames, const std::vector<int>& list,
+                 const HeadBlob& blob, CameraTrack& track) {
   std::vector<double> times;
   std::vector<cv::Vec3d> shapes;  // semi-major, semi-minor, angle (unwrapped)
   const int n = static_cast<int>(list.size());
@@ -695,7 +716,7 @@ void RemeasureHidden(const std::vector<CameraFrame>& frames, const cv::Mat& back
   for (int j = 0; j < n; ++j) {
     if (!track.tracked[j]) continue;
     if (track.quality[j] != kByOutline) {
-      anyHidden = true;
+      anyHidden = anyHidden || track.quality[j] == kByPartialOutline;
       continue;
     }
     const HeadOutline& o = track.outline[j];
@@ -728,23 +749,20 @@ void RemeasureHidden(const std::vector<CameraFrame>& frames, const cv::Mat& back
 
   const double limit = kMaxRefineShift * std::min(blob.box.width, blob.box.height);
   for (int j = 0; j < n; ++j) {
-    if (!track.tracked[j] || track.quality[j] == kByOutline || track.region[j].empty()) continue;
-    const CameraFrame& frame = frames[list[j]];
-    const cv::Vec3d shape = meanShape + slope * (frame.time - meanTime);
+    if (!track.tracked[j] || track.quality[j] != kByPartialOutline) continue;
+    const cv::Vec3d shape = meanShape + slope * (frames[list[j]].time - meanTime);
     if (!(shape[0] > 0.0) || !(shape[1] > 0.0)) continue;
     HeadOutline model;
     model.centre = track.position[j];
     model.semiMajor = shape[0];
     model.semiMinor = shape[1];
     model.angle = shape[2];
-    HeadOutline measured;
-    if (MeasureSilhouette(frame, background, track.region[j], blob.thickness, ball, &model, 1.0,
-                          measured) &&
-        measured.Area() < kAreaRatio * model.Area() && measured.Area() * kAreaRatio > model.Area() &&
-        cv::norm(measured.centre - track.position[j]) <= limit) {
-      track.position[j] = measured.centre;
-      track.outline[j] = measured;
-      track.quality[j] = measured.complete ? kByOutline : kByPartialOutline;
+    cv::Point2d centre;
+    if (FitOutlineCentre(track.partialOutline[j], model, centre) &&
+        cv::norm(centre - track.position[j]) <= limit) {
+      model.centre = centre;
+      track.position[j] = centre;
+      track.outline[j] = model;
     }
   }
 }
@@ -760,21 +778,26 @@ void TrackHead(const std::vector<CameraFrame>& frames, const cv::Mat& background
   track.quality.assign(list.size(), kByTemplate);
   track.region.assign(list.size(), cv::Rect());
   track.outline.assign(list.size(), HeadOutline());
+  track.partialOutline.assign(list.size(), std::vector<cv::Point2f>());
   track.score.assign(list.size(), 0.0);
   track.templateUpdates = 0;
   if (start < 0 || start >= static_cast<int>(list.size())) return;
 
-  const cv::Mat& grey = frames[list[start]].grey;
-  const cv::Rect box = Clip(Grow(blob.box, kTemplateMargin), grey.size());
-  if (box.empty()) return;
-  const cv::Mat templ = GradientPatch(grey, box);
-  const cv::Point2d offset = blob.outline.centre - cv::Point2d(box.tl());
+  // The first template: the head's box with a margin, at half resolution.
+  const cv::Mat half = Half(frames[list[start]].grey);
+  const cv::Rect fullBox = Grow(blob.box, kTemplateMargin);
+  const cv::Rect box = Clip(cv::Rect(fullBox.x / 2, fullBox.y / 2, (fullBox.width + 1) / 2,
+                                     (fullBox.height + 1) / 2),
+                            half.size());
+  if (box.width < 3 || box.height < 3) return;
+  const cv::Mat templ = GradientPatch(half, box);
+  const cv::Point2d offset = blob.outline.centre - cv::Point2d(Doubled(box).tl());
 
   track.position[start] = blob.outline.centre;
   track.tracked[start] = 1;
   track.quality[start] = kByOutline;
   track.outline[start] = blob.outline;
-  track.region[start] = Grow(box, kRegionMargin);
+  track.region[start] = Grow(Doubled(box), kRegionMargin);
   track.score[start] = 1.0;
   TrackDirection(frames, background, ball, list, start, +1, templ, offset, blob, velocityHint,
                  static_cast<int>(list.size()), track);
@@ -782,7 +805,7 @@ void TrackHead(const std::vector<CameraFrame>& frames, const cv::Mat& background
   for (unsigned char t : track.tracked) tracked += t;
   TrackDirection(frames, background, ball, list, start, -1, templ, offset, blob, velocityHint,
                  wanted - tracked, track);
-  RemeasureHidden(frames, background, ball, list, blob, track);
+  RefitHidden(frames, list, blob, track);
 }
 
 StereoRig MakeStereoRig(const ClubTrackerSetting& setting) {
@@ -1040,6 +1063,14 @@ void FindImpactTime(const std::vector<CameraFrame>& frames1, int lastBefore, Hea
   m.impactFromBall = true;
 }
 
+// Runs body(0) and body(1), one task per camera.
+template <typename Body>
+void ForBothCameras(const Body& body) {
+  tbb::parallel_for(tbb::blocked_range<int>(0, 2, 1), [&](const tbb::blocked_range<int>& range) {
+    for (int c = range.begin(); c != range.end(); ++c) body(c);
+  });
+}
+
 // Image velocity of the head from its silhouettes in two frames.
 bool HintVelocity(const std::vector<CameraFrame>& frames, const cv::Mat& background,
                   const BallModel& ball, int at, int other, const HeadBlob& blob,
@@ -1064,15 +1095,19 @@ HeadMeasurement Measure(const std::vector<ClubImage*>& cam1, const std::vector<C
     return m;
   }
   const uint64_t reference = pairs1.front()->timeStamp;
-  std::vector<CameraFrame> frames1;
-  std::vector<CameraFrame> frames2;
-  if (!PrepareFrames(pairs1, setting, reference, frames1) ||
-      !PrepareFrames(pairs2, setting, reference, frames2)) {
+  // The two cameras are worked on side by side, each task on its own slots.
+  const std::vector<const ClubImage*>* pairs[2] = {&pairs1, &pairs2};
+  std::vector<CameraFrame> frames[2];
+  bool readable[2] = {false, false};
+  ForBothCameras([&](int c) { readable[c] = PrepareFrames(*pairs[c], setting, reference, frames[c]); });
+  if (!readable[0] || !readable[1]) {
     m.status = Status::kBadFrame;
     return m;
   }
-  for (size_t i = 0; i < frames1.size(); ++i) {
-    if (!frames1[i].afterImpact && !frames2[i].afterImpact) m.list.push_back(static_cast<int>(i));
+  for (size_t i = 0; i < frames[0].size(); ++i) {
+    if (!frames[0][i].afterImpact && !frames[1][i].afterImpact) {
+      m.list.push_back(static_cast<int>(i));
+    }
   }
   const std::vector<int>& before = m.list;
   m.beforeImpactPairs = static_cast<int>(before.size());
@@ -1083,26 +1118,29 @@ HeadMeasurement Measure(const std::vector<ClubImage*>& cam1, const std::vector<C
 
   // Before the impact the ball rests in its place: it belongs to the
   // background there, whatever the later frames show.
-  cv::Mat background1 = MakeBackground(frames1);
-  cv::Mat background2 = MakeBackground(frames2);
-  const BallModel ball1 = MakeBallModel(frames1);
-  const BallModel ball2 = MakeBallModel(frames2);
-  if (!background1.empty() && ball1.radius > 0.0) ball1.look.copyTo(background1(ball1.box));
-  if (!background2.empty() && ball2.radius > 0.0) ball2.look.copyTo(background2(ball2.box));
+  cv::Mat background[2];
+  BallModel ball[2];
+  ForBothCameras([&](int c) {
+    background[c] = MakeBackground(frames[c]);
+    ball[c] = MakeBallModel(frames[c]);
+    if (!background[c].empty() && ball[c].radius > 0.0) {
+      ball[c].look.copyTo(background[c](ball[c].box));
+    }
+  });
 
   // Start where both cameras show the head clearly, as late as possible.
   // When the head is near the ball in every frame (the cameras see only the
   // last moments before the impact), a head beside the ball will do.
   int start = -1;
-  HeadBlob blob1;
-  HeadBlob blob2;
+  HeadBlob blob[2];
   for (int pass = 0; pass < 2 && start < 0; ++pass) {
     const bool strict = pass == 0;
     for (int s = static_cast<int>(before.size()) - 1; s >= 0 && start < 0; --s) {
-      if (LocateHead(frames1[before[s]], background1, ball1, strict, blob1) &&
-          LocateHead(frames2[before[s]], background2, ball2, strict, blob2)) {
-        start = s;
-      }
+      bool found[2] = {false, false};
+      ForBothCameras([&](int c) {
+        found[c] = LocateHead(frames[c][before[s]], background[c], ball[c], strict, blob[c]);
+      });
+      if (found[0] && found[1]) start = s;
     }
   }
   if (start < 0) {
@@ -1111,21 +1149,20 @@ HeadMeasurement Measure(const std::vector<ClubImage*>& cam1, const std::vector<C
   }
   m.startPair = before[start];
 
-  // The head in a neighbouring frame gives the motion to predict from.
-  const int neighbour = before[start > 0 ? start - 1 : start + 1];
-  cv::Point2d hint1;
-  cv::Point2d hint2;
-  const bool hinted1 =
-      HintVelocity(frames1, background1, ball1, before[start], neighbour, blob1, hint1);
-  const bool hinted2 =
-      HintVelocity(frames2, background2, ball2, before[start], neighbour, blob2, hint2);
   // Both cameras follow the head to the last frame before the impact, and back
-  // from the start as far as the fit needs.
-  const int wanted = kFitWindow;
-  TrackHead(frames1, background1, ball1, before, start, blob1, hinted1 ? &hint1 : nullptr,
-            wanted, m.track1);
-  TrackHead(frames2, background2, ball2, before, start, blob2, hinted2 ? &hint2 : nullptr,
-            wanted, m.track2);
+  // from the start as far as the fit needs. The head in a neighbouring frame
+  // gives the motion to predict from.
+  const int neighbour = before[start > 0 ? start - 1 : start + 1];
+  CameraTrack* tracks[2] = {&m.track1, &m.track2};
+  ForBothCameras([&](int c) {
+    cv::Point2d hint;
+    const bool hinted =
+        HintVelocity(frames[c], background[c], ball[c], before[start], neighbour, blob[c], hint);
+    TrackHead(frames[c], background[c], ball[c], before, start, blob[c],
+              hinted ? &hint : nullptr, kFitWindow, *tracks[c]);
+  });
+  const std::vector<CameraFrame>& frames1 = frames[0];
+  const std::vector<CameraFrame>& frames2 = frames[1];
   for (size_t j = 0; j < before.size(); ++j) {
     m.tracked1 += m.track1.tracked[j];
     m.tracked2 += m.track2.tracked[j];

@@ -102,9 +102,11 @@ struct HeadOutline {
 // moved onto the points left. `thickness` is the head's inscribed radius.
 // False when the silhouette touches the region's border, is empty, or too
 // little of its outline is left.
+// `points`, when given, receives the outline points clear of the ball.
 bool MeasureSilhouette(const CameraFrame& frame, const cv::Mat& background,
                        const cv::Rect& region, double thickness, const BallModel& ball,
-                       const HeadOutline* model, double wholeFraction, HeadOutline& outline);
+                       const HeadOutline* model, double wholeFraction, HeadOutline& outline,
+                       std::vector<cv::Point2f>* points = nullptr);
 
 // Moves `model` (its shape kept) to the centre that fits `points` best, by
 // Gauss-Newton steps on the points' normalised radial distance. False when the
@@ -143,6 +145,7 @@ struct CameraTrack {
   std::vector<unsigned char> quality;   // how the position was measured (Quality)
   std::vector<cv::Rect> region;         // where the silhouette was looked for
   std::vector<HeadOutline> outline;     // the silhouette's outline, where measured
+  std::vector<std::vector<cv::Point2f>> partialOutline;  // its points, where partly hidden
   std::vector<double> score;
   int templateUpdates = 0;
 };
