@@ -153,8 +153,9 @@ std::vector<cv::Point2f> EllipsePoints(const headtrack::HeadOutline& e, double f
   for (double t = from; t < to; t += 0.05) {
     const double u = e.semiMajor * std::cos(t);
     const double v = e.semiMinor * std::sin(t);
-    points.emplace_back(static_cast<float>(e.centre.x + u * std::cos(e.angle) - v * std::sin(e.angle)),
-                        static_cast<float>(e.centre.y + u * std::sin(e.angle) + v * std::cos(e.angle)));
+    const double x = e.centre.x + u * std::cos(e.angle) - v * std::sin(e.angle);
+    const double y = e.centre.y + u * std::sin(e.angle) + v * std::cos(e.angle);
+    points.emplace_back(static_cast<float>(x), static_cast<float>(y));
   }
   return points;
 }
@@ -296,7 +297,8 @@ TEST(FindbyTemplate, VariedSwingsWithinTwoPercent) {
     const int inView = FramesWithHeadInView(recording.truth);
     const TemplateRun run = RunTemplate(recording);
     const double error = ErrorPercent(run.speed, recording.truth);
-    std::printf("seed %2d: %s %s %4.0f fps, head in view %2d frames: %.3f m/s for %.3f (%+.2f %%)\n",
+    std::printf("seed %2d: %s %s %4.0f fps, head in view %2d frames: %.3f m/s for %.3f "
+                "(%+.2f %%)\n",
                 seed, scene.placement == synth::Placement::kNear ? "near" : "far ",
                 scene.iron ? "iron  " : "driver", scene.fps, inView, run.speed * 1000.0,
                 recording.truth.clubHeadSpeedMps, error);

@@ -47,14 +47,15 @@ constexpr double kMinPartFraction = 0.3;
 constexpr double kBallVisibleFraction = 0.3;
 constexpr double kBallSameThreshold = 12.0;
 
-// Normalised correlation of gradient templates. Following the head from one
-// frame to the next scores above 0.9; as the head turns and its shading moves,
-// the score falls, and below kUpdateScore the template is renewed from the
-// current frame. A match below kRejectScore is not the head: a head template
-// scores at most 0.4 anywhere on the static background of our recordings,
-// while the head, even partly hidden by the ball, stays above 0.5.
+// Normalised correlation of (half-resolution) gradient templates. Following
+// the head from one frame to the next scores above 0.9; as the head turns and
+// its shading moves, the score falls, and below kUpdateScore the template is
+// renewed from the current frame. A match below kRejectScore is not the head:
+// over 41 synthetic swings a head template scored at most 0.45 anywhere on the
+// static background (the golfer's feet and legs are the closest look-alikes),
+// while the head itself, even partly hidden by the ball, scored 0.6 or more.
 constexpr double kUpdateScore = 0.85;
-constexpr double kRejectScore = 0.45;
+constexpr double kRejectScore = 0.52;
 
 // A silhouette centre is taken instead of the template's when it lies within
 // this fraction of the template's smaller side of it and its area is within
@@ -71,6 +72,9 @@ constexpr double kPartialOutline = 0.25;
 // A start beside the ball, when there is no other, needs this much of its
 // outline clear of the ball.
 constexpr double kNearlyWhole = 0.9;
+// Frames (after the cut to the region of interest) smaller than this on a
+// side cannot show a club head.
+constexpr int kMinFrameSide = 8;
 
 cv::Rect Clip(const cv::Rect& r, const cv::Size& size) {
   return r & cv::Rect(0, 0, size.width, size.height);
@@ -101,7 +105,9 @@ cv::Mat Half(const cv::Mat& image) {
 }
 
 // Full-resolution rectangle covered by a half-resolution one.
-cv::Rect Doubled(const cv::Rect& r) { return cv::Rect(2 * r.x, 2 * r.y, 2 * r.width, 2 * r.height); }
+cv::Rect Doubled(const cv::Rect& r) {
+  return cv::Rect(2 * r.x, 2 * r.y, 2 * r.width, 2 * r.height);
+}
 
 // Keeps the parts of a mask that a disc of `radius` fits into: an opening by
 // distances (the erosion keeps the pixels deeper than the radius, the
@@ -216,9 +222,9 @@ bool PrepareFrames(const std::vector<const ClubImage*>& images, const ClubTracke
     if (setting.roiWidth != 0 && setting.roiHeight != 0) {
       area = Clip(cv::Rect(setting.roiX, setting.roiY, setting.roiWidth, setting.roiHeight),
                   area.size());
-      if (area.empty()) return false;
       frame.grey = frame.grey(area);
     }
+    if (area.width < kMinFrameSide || area.height < kMinFrameSide) return false;
     frame.origin = cv::Point2d(image->sensorOffsetX + area.x, image->sensorOffsetY + area.y);
     frame.time = static_cast<double>(static_cast<int64_t>(image->timeStamp - reference));
     frame.afterImpact = image->afterImpact != 0;
@@ -357,8 +363,10 @@ bool FitOutlineCentre(const std::vector<cv::Point2f>& points, const HeadOutline&
       const double rho = std::sqrt(u * u / a2 + v * v / b2);
       if (!(rho > 1e-9)) continue;
       const double residual = scale * (rho - 1.0);
-      // d rho / d centre = -(u/a2 * d u/d d + v/b2 * d v/d d) / rho.
-      const cv::Vec2d jacobian = -scale / rho * cv::Vec2d(u / a2 * c - v / b2 * s, u / a2 * s + v / b2 * c);
+      // d rho / d centre = -(u / a2 * du/dd + v / b2 * dv/dd) / rho, where
+      // du/dd = (c, s) and dv/dd = (-s, c).
+      const cv::Vec2d jacobian =
+          -scale / rho * cv::Vec2d(u / a2 * c - v / b2 * s, u / a2 * s + v / b2 * c);
       normal += jacobian * jacobian.t();
       gradient += jacobian * residual;
     }
@@ -502,7 +510,7 @@ bool LocateHead(const CameraFrame& frame, const cv::Mat& background, const BallM
   // Measured at full resolution: half-resolution pixel i covers pixels 2i and
   // 2i + 1. A start needs the whole outline, so a head that reaches the ball
   // (hidden or not) is not taken.
-  const cv::Rect full(2 * box.x, 2 * box.y, 2 * box.width, 2 * box.height);
+  const cv::Rect full = Doubled(box);
   if (strict && ball.radius > 0.0) {
     const double reach = ball.radius + kBallMargin;
     const cv::Rect disc(static_cast<int>(std::floor(ball.centre.x - reach)),
@@ -560,8 +568,9 @@ void TrackDirection(const std::vector<CameraFrame>& frames, const cv::Mat& backg
                     const cv::Mat& startTemplate, const cv::Point2d& startOffset,
                     const HeadBlob& blob, const cv::Point2d* velocityHint, int limit,
                     CameraTrack& track) {
-  cv::Mat templ = startTemplate;     // half resolution
-  cv::Point2d offset = startOffset;  // the tracked point from the template's corner, full resolution
+  cv::Mat templ = startTemplate;  // half resolution
+  // The tracked point from the template's corner, in full-resolution pixels.
+  cv::Point2d offset = startOffset;
   // The head's complete outlines so far, to predict its shape from.
   std::vector<double> shapeTimes = {frames[list[start]].time};
   std::vector<HeadOutline> shapes = {blob.outline};
@@ -691,7 +700,8 @@ void TrackDirection(const std::vector<CameraFrame>& frames, const cv::Mat& backg
       points.push_back(position);
       // Renew the template when the head's look has changed, but not while
       // the ball stands in front of it: its outline would become part of it.
-      if (score < kUpdateScore && part.size() == templ.size() && Clip(halfWhole, size) == halfWhole) {
+      if (score < kUpdateScore && part.size() == templ.size() &&
+          Clip(halfWhole, size) == halfWhole) {
         templ = GradientPatch(half, halfWhole);
         offset = position - cv::Point2d(whole.tl());
         ++track.templateUpdates;
@@ -1099,7 +1109,8 @@ HeadMeasurement Measure(const std::vector<ClubImage*>& cam1, const std::vector<C
   const std::vector<const ClubImage*>* pairs[2] = {&pairs1, &pairs2};
   std::vector<CameraFrame> frames[2];
   bool readable[2] = {false, false};
-  ForBothCameras([&](int c) { readable[c] = PrepareFrames(*pairs[c], setting, reference, frames[c]); });
+  ForBothCameras(
+      [&](int c) { readable[c] = PrepareFrames(*pairs[c], setting, reference, frames[c]); });
   if (!readable[0] || !readable[1]) {
     m.status = Status::kBadFrame;
     return m;

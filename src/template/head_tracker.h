@@ -47,7 +47,8 @@ void PairFrames(const std::vector<ClubImage*>& cam1, const std::vector<ClubImage
 // Grey views of paired frames. Colour frames are converted; grey frames are
 // used in place (no copy). `reference` is the time stamp that becomes time 0.
 // False when a frame cannot be read (null pixels, bytesPerChannel not 1,
-// channels other than 1, 3 or 4, a region of interest that leaves no pixel).
+// channels other than 1, 3 or 4, fewer than 8 pixels a side left by the
+// region of interest).
 bool PrepareFrames(const std::vector<const ClubImage*>& images, const ClubTrackerSetting& setting,
                    uint64_t reference, std::vector<CameraFrame>& frames);
 
