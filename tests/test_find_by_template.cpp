@@ -135,7 +135,8 @@ TEST(HeadTrackerBackground, MedianIgnoresWhatPassesBy) {
   // place for more than two of them.
   std::vector<headtrack::CameraFrame> frames(9);
   cv::Mat scene(60, 200, CV_8U);
-  cv::randu(scene, 20, 60);
+  cv::RNG rng(7);
+  rng.fill(scene, cv::RNG::UNIFORM, 20, 60);
   for (int i = 0; i < 9; ++i) {
     frames[i].grey = scene.clone();
     frames[i].grey(cv::Rect(5 + 20 * i, 10, 30, 30)).setTo(220);

@@ -102,8 +102,8 @@ struct HeadOutline {
 // fitted to it; otherwise `model` (the head's expected outline), if given, is
 // moved onto the points left. `thickness` is the head's inscribed radius.
 // False when the silhouette touches the region's border, is empty, or too
-// little of its outline is left.
-// `points`, when given, receives the outline points clear of the ball.
+// little of its outline is left. `points`, when given, receives the outline
+// points clear of the ball.
 bool MeasureSilhouette(const CameraFrame& frame, const cv::Mat& background,
                        const cv::Rect& region, double thickness, const BallModel& ball,
                        const HeadOutline* model, double wholeFraction, HeadOutline& outline,
@@ -126,9 +126,9 @@ struct HeadBlob {
 // (absdiff, threshold, dilate), searched at half resolution, where the
 // thickest moving part is the head; then measured at full resolution with
 // MeasureSilhouette. With `strict`, the head must be clear of the ball and its
-// outline whole; otherwise a head beside the ball is taken when nine tenths
-// of its outline are clear of it. False when nothing head-like is found, the head touches the
-// border of the frame, or the ball stands in front of it or beside it.
+// outline whole; otherwise a head beside the ball is taken when nine tenths of
+// its outline are clear of it. False when nothing head-like is found, the head
+// touches the border of the frame, or the visible ball is beside it.
 bool LocateHead(const CameraFrame& frame, const cv::Mat& background, const BallModel& ball,
                 bool strict, HeadBlob& blob);
 
@@ -152,15 +152,16 @@ struct CameraTrack {
 };
 
 // Follows the head from list[start], where `blob` was found, forward and
-// backward through the frames of `list` with gradient templates (forward to
-// the end of the list, backward until `wanted` frames are tracked). Each match
-// is refined by the head's silhouette where it can be measured, else to
-// sub-pixel by the correlation peak. Where the ball hides part of the outline,
-// the frames are measured once more at the end with the head's shape as it
-// develops over all its complete outlines. The first step is predicted from `velocityHint`
-// (pixels per time unit) when given, and searched widely otherwise. Where the
-// ball stands in front of the head, only the part of the template clear of it
-// is matched.
+// backward through the frames of `list` with gradient templates matched at
+// half resolution (forward to the end of the list, backward until `wanted`
+// frames are tracked). The first step is predicted from `velocityHint` (pixels
+// per time unit) when given, and searched widely otherwise. Where the ball
+// stands in front of the head, or the head nears the frame's border, only the
+// part of the template clear of them is matched. Each match is refined on the
+// head's silhouette where it can be measured, else to sub-pixel by the
+// correlation peak. Where the ball hides part of the outline, the outline is
+// fitted once more at the end with the head's shape as it develops over all
+// its whole outlines.
 void TrackHead(const std::vector<CameraFrame>& frames, const cv::Mat& background,
                const BallModel& ball, const std::vector<int>& list, int start,
                const HeadBlob& blob, const cv::Point2d* velocityHint, int wanted,
