@@ -54,16 +54,7 @@ const SpinAxisInput& Dense() {
     std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
     for (int i = 0; i < scene.frames; ++i) {
       for (int c = 0; c < 2; ++c) {
-        const synth::CameraModel& camera = truth.cameras[c];
-        in->owned.push_back(std::make_unique<CandidateAreaImage>());
-        CandidateAreaImage* area = in->owned.back().get();
-        area->image = cv::Mat::zeros(camera.height, 4, CV_8UC1);
-        area->sensorOffsetX = camera.sensorOffsetX;
-        area->sensorOffsetY = camera.sensorOffsetY;
-        area->afterImpact = i >= truth.impactIndex ? 1u : 0u;
-        const cv::Vec2d ball = truth.BallInWindow(c);
-        area->ballX = static_cast<float>(ball[0]);
-        area->ballY = static_cast<float>(ball[1]);
+        CandidateAreaImage* area = reference::AddTruthArea(truth, c, i, in->owned);
         const cv::Vec2f line = truth.ShaftLine(c, truth.FrameTime(c, i));
         area->lines.push_back(line);
         for (int k = 0; k < 3; ++k) {

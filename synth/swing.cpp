@@ -319,19 +319,11 @@ SwingTruth MakeTruth(const SwingScene& input) {
 
 ClubTrackerSetting MakeSetting(const SwingTruth& truth) {
   ClubTrackerSetting setting{};
-  setting.roiX = 0;
-  setting.roiY = 0;
-  setting.roiWidth = 0;
-  setting.roiHeight = 0;
-  setting.timeStampIntervalBeforeImpact = 2000;
-  setting.timeStampIntervalAfterImpact = 2000;
-  setting.axisIndex = 1;
-  setting.axisNormIndex = 2;
+  InitClubTrackerSetting(setting);
   truth.cameras[0].Intrinsic(setting.cam1Intrinsic);
   truth.cameras[0].Extrinsic(setting.cam1Extrinsic);
   truth.cameras[1].Intrinsic(setting.cam2Intrinsic);
   truth.cameras[1].Extrinsic(setting.cam2Extrinsic);
-  setting.logCallback = nullptr;
   setting.logContext = nullptr;
   return setting;
 }

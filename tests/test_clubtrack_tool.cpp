@@ -1,7 +1,6 @@
 // The clubtrack tool as a user runs it: run with JSON, pictures and the
 // summary, the demo, and the errors users make.
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <filesystem>
@@ -14,25 +13,12 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include "synth/swing.h"
+#include "support/temp_folder.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-struct TempFolder {
-  fs::path path;
-  TempFolder() {
-    static int counter = 0;
-    path = fs::temp_directory_path() /
-           ("clubtracker-tool-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
-    fs::remove_all(path);
-    fs::create_directories(path);
-  }
-  ~TempFolder() {
-    std::error_code ec;
-    fs::remove_all(path, ec);
-  }
-};
 
 std::string ReadAll(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);

@@ -1,6 +1,5 @@
 // Frame files: names parsed into the metadata block, folders loaded in name
 // order with the impact flag, and the pairing of the two cameras.
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -10,25 +9,12 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include "harness/offline.h"
+#include "support/temp_folder.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-struct TempFolder {
-  fs::path path;
-  TempFolder() {
-    static int counter = 0;
-    path = fs::temp_directory_path() /
-           ("clubtracker-frames-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
-    fs::remove_all(path);
-    fs::create_directories(path);
-  }
-  ~TempFolder() {
-    std::error_code ec;
-    fs::remove_all(path, ec);
-  }
-};
 
 ClubImage Parsed(const std::wstring& name) {
   ClubImage image{};

@@ -2,7 +2,6 @@
 // shared library's QTIFactoryFunc, against the same swing measured in memory
 // and against the golden recordings.
 #include <dlfcn.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <cstring>
@@ -17,25 +16,12 @@
 #include "clubtracker/QuarvelTestingInterface.h"
 #include "harness/offline.h"
 #include "synth/swing.h"
+#include "support/temp_folder.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-struct TempFolder {
-  fs::path path;
-  TempFolder() {
-    static int counter = 0;
-    path = fs::temp_directory_path() /
-           ("clubtracker-replay-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
-    fs::remove_all(path);
-    fs::create_directories(path);
-  }
-  ~TempFolder() {
-    std::error_code ec;
-    fs::remove_all(path, ec);
-  }
-};
 
 // The shared library as a host loads it.
 class LoadedLibrary {

@@ -1,6 +1,5 @@
 // Run and camera option files: sections, keys, defaults and the runtime's
 // text-to-number conversions.
-#include <unistd.h>
 
 #include <cmath>
 #include <filesystem>
@@ -11,26 +10,12 @@
 
 #include "harness/offline.h"
 #include "harness/profile.h"
+#include "support/temp_folder.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-// A fresh folder under the system's temporary folder, removed afterwards.
-struct TempFolder {
-  fs::path path;
-  TempFolder() {
-    static int counter = 0;
-    path = fs::temp_directory_path() /
-           ("clubtracker-options-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
-    fs::remove_all(path);
-    fs::create_directories(path);
-  }
-  ~TempFolder() {
-    std::error_code ec;
-    fs::remove_all(path, ec);
-  }
-};
 
 void WriteFile(const fs::path& path, const std::string& content) {
   fs::create_directories(path.parent_path());

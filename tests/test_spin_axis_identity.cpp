@@ -248,16 +248,7 @@ std::unique_ptr<TiedSwing> MakeTiedSwing(uint64_t seed, int frames, int maxLines
   const synth::SwingTruth& truth = swing->truth;
   for (int i = 0; i < frames; ++i) {
     for (int c = 0; c < 2; ++c) {
-      const synth::CameraModel& camera = truth.cameras[c];
-      swing->owned.push_back(std::make_unique<CandidateAreaImage>());
-      CandidateAreaImage* area = swing->owned.back().get();
-      area->image = cv::Mat::zeros(camera.height, 4, CV_8UC1);
-      area->sensorOffsetX = camera.sensorOffsetX;
-      area->sensorOffsetY = camera.sensorOffsetY;
-      area->afterImpact = i >= truth.impactIndex ? 1u : 0u;
-      const cv::Vec2d ball = truth.BallInWindow(c);
-      area->ballX = static_cast<float>(ball[0]);
-      area->ballY = static_cast<float>(ball[1]);
+      CandidateAreaImage* area = reference::AddTruthArea(truth, c, i, swing->owned);
       const cv::Vec2f line = truth.ShaftLine(c, truth.FrameTime(c, i));
       const int count = static_cast<int>(rng() % static_cast<uint32_t>(maxLines + 1));
       for (int k = 0; k < count; ++k) {
@@ -313,15 +304,7 @@ TEST(Batches, SecondBatchAgrees) {
   const int counts[2][2] = {{5, 13}, {37, 109}};  // 262145 pairs
   for (int f = 0; f < 2; ++f) {
     for (int c = 0; c < 2; ++c) {
-      const synth::CameraModel& camera = truth.cameras[c];
-      owned.push_back(std::make_unique<CandidateAreaImage>());
-      CandidateAreaImage* area = owned.back().get();
-      area->image = cv::Mat::zeros(camera.height, 4, CV_8UC1);
-      area->sensorOffsetX = camera.sensorOffsetX;
-      area->sensorOffsetY = camera.sensorOffsetY;
-      const cv::Vec2d ball = truth.BallInWindow(c);
-      area->ballX = static_cast<float>(ball[0]);
-      area->ballY = static_cast<float>(ball[1]);
+      CandidateAreaImage* area = reference::AddTruthArea(truth, c, f, owned);
       const cv::Vec2f line = truth.ShaftLine(c, truth.FrameTime(c, 3 + 4 * f));
       for (int k = 0; k < counts[c][f]; ++k) {
         // Lines alternate between the true one and a copy a pixel away.

@@ -21,6 +21,7 @@
 #include "analysis/analysis.h"
 #include "harness/offline.h"
 #include "support/access.h"
+#include "synth/swing.h"
 #include "tracker/records.h"
 
 namespace reference {
@@ -567,6 +568,23 @@ inline bool ExtractLines(ClubTracker& tracker, const std::vector<ClubImage*>& im
     }
   } while (redo[0] != 0 || redo[1] != 0);
   return foundPair >= 3;
+}
+
+// A record of frame `frame` of `camera` carrying the synthetic swing's window,
+// impact flag and ball, with no lines yet; `owned` keeps it.
+inline CandidateAreaImage* AddTruthArea(const synth::SwingTruth& truth, int camera, int frame,
+                                        std::vector<std::unique_ptr<CandidateAreaImage>>& owned) {
+  const synth::CameraModel& model = truth.cameras[camera];
+  owned.push_back(std::make_unique<CandidateAreaImage>());
+  CandidateAreaImage* area = owned.back().get();
+  area->image = cv::Mat::zeros(model.height, 4, CV_8UC1);
+  area->sensorOffsetX = model.sensorOffsetX;
+  area->sensorOffsetY = model.sensorOffsetY;
+  area->afterImpact = frame >= truth.impactIndex ? 1u : 0u;
+  const cv::Vec2d ball = truth.BallInWindow(camera);
+  area->ballX = static_cast<float>(ball[0]);
+  area->ballY = static_cast<float>(ball[1]);
+  return area;
 }
 
 }  // namespace reference
