@@ -1,6 +1,7 @@
 // Frame preprocessing and the presence test on candidate masks.
 #include <algorithm>
 #include <cstring>
+#include <ostream>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -167,6 +168,8 @@ struct SquareCase {
   cv::Size size;
   int s;
 };
+
+void PrintTo(const SquareCase& c, std::ostream* os) { *os << c.size << " erodes with " << c.s; }
 
 class PresenceSquare : public ::testing::TestWithParam<SquareCase> {};
 

@@ -1,4 +1,6 @@
 // Gradient images and windowed template matching.
+#include <ostream>
+
 #include <gtest/gtest.h>
 
 #include <opencv2/imgproc.hpp>
@@ -78,6 +80,10 @@ struct WindowCase {
   cv::Rect clipped;
   bool accepted;
 };
+
+void PrintTo(const WindowCase& c, std::ostream* os) {
+  *os << "window " << c.window << " -> " << c.clipped << (c.accepted ? " accepted" : " refused");
+}
 
 class MatchWindow : public ::testing::TestWithParam<WindowCase> {};
 
