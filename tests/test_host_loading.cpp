@@ -2,7 +2,9 @@
 // configure a tracker through the exported factory.
 #include <dlfcn.h>
 
+#include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -141,6 +143,37 @@ TEST(TrackerLayout, RecordsKeepTheirBinaryLayout) {
   // The metadata block is 40 bytes from sensorOffsetX to the end of ClubImage.
   EXPECT_EQ(sizeof(ClubImage) - offsetof(ClubImage, sensorOffsetX), 40u);
   EXPECT_TRUE(std::is_trivially_copyable_v<ClubTrackerSetting>);
+}
+
+// The shared library exports the host interface and nothing of its insides.
+TEST(LibraryExports, OnlyTheHostInterface) {
+  const std::string command = std::string("nm -D --defined-only ") + CLUBTRACKER_LIBRARY_PATH;
+  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+  ASSERT_NE(pipe, nullptr);
+  std::vector<std::string> functions;
+  char line[4096];
+  while (std::fgets(line, sizeof line, pipe.get()) != nullptr) {
+    std::string text(line);
+    if (text.find(" T ") == std::string::npos) continue;
+    functions.push_back(text.substr(text.find(" T ") + 3, text.find_last_not_of("\n") - text.find(" T ") - 2));
+  }
+  ASSERT_FALSE(functions.empty()) << command;
+  const std::vector<std::string> allowed = {
+      "AllocateFunc", "QTIFactoryFunc", "_ZN11ClubTracker", "_ZN15ClubFrameResult",
+      "_ZN17ClubTrackerResult", "_Z22InitClubTrackerSetting", "_Z8DebugLog"};
+  bool allocate = false;
+  for (const std::string& name : functions) {
+    allocate = allocate || name == "AllocateFunc";
+    bool known = false;
+    for (const std::string& prefix : allowed) known = known || name.rfind(prefix, 0) == 0;
+    EXPECT_TRUE(known) << "unexpected export " << name;
+    for (const char* stage : {"Preprocessing", "FindCandidateArea", "ExtractCandidates",
+                              "FindClubSpinAxis", "SelectSpinAxisInliers", "FindShaftAndHead",
+                              "GetLineThreshold", "DriverHeadArea", "3Log"}) {
+      EXPECT_EQ(name.find(stage), std::string::npos) << "stage exported: " << name;
+    }
+  }
+  EXPECT_TRUE(allocate) << "AllocateFunc must be exported without decoration";
 }
 
 }  // namespace
