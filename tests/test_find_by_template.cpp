@@ -117,7 +117,7 @@ TEST(HeadTrackerPairing, TimeStampsWithinTenUnitsPair) {
     listB.push_back(&b[i]);
   }
   std::vector<const ClubImage*> pairs1, pairs2;
-  headtrack::PairFrames(listA, listB, pairs1, pairs2);
+  PairFrames(listA, listB, pairs1, pairs2);
   // 10 apart pairs, 11 apart does not (1500 is dropped and 1511 waits for
   // 2000, which is too far, so 1511 is dropped too), 3 apart pairs; 2500 and
   // 2600 do not.

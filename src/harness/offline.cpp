@@ -228,25 +228,6 @@ void FreeFrames(std::vector<ClubImage*>& frames) {
   frames.clear();
 }
 
-void PairFrames(const std::vector<ClubImage*>& cam1, const std::vector<ClubImage*>& cam2,
-                std::vector<ClubImage*>& pairs1, std::vector<ClubImage*>& pairs2) {
-  pairs1.clear();
-  pairs2.clear();
-  size_t i = 0;
-  size_t j = 0;
-  while (i < cam1.size() && j < cam2.size()) {
-    const int64_t d = static_cast<int64_t>(cam1[i]->timeStamp - cam2[j]->timeStamp);
-    if (d > 10) {
-      ++j;
-    } else if (d < -10) {  // camera 1 is behind
-      ++i;
-    } else {
-      pairs1.push_back(cam1[i++]);
-      pairs2.push_back(cam2[j++]);
-    }
-  }
-}
-
 LoadedRecording::~LoadedRecording() {
   FreeFrames(cam1);
   FreeFrames(cam2);

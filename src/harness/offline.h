@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "clubtracker/ClubTracker.h"
+#include "tracker/frame_pairing.h"
 
 // What the run option file holds (calibration is read separately).
 struct RunOptions {
@@ -41,10 +42,6 @@ void ParseFrameFileName(const std::wstring& fileName, ClubImage& image);
 // Releases frames made by LoadCameraFrames and empties the list.
 void FreeFrames(std::vector<ClubImage*>& frames);
 
-// Pairs the two cameras' frames by time stamp as Find does (signed 64-bit
-// difference of at most 10); unpaired frames are left out.
-void PairFrames(const std::vector<ClubImage*>& cam1, const std::vector<ClubImage*>& cam2,
-                std::vector<ClubImage*>& pairs1, std::vector<ClubImage*>& pairs2);
 
 // RECORDING is a run option file or a folder holding "run.ini". Returns false
 // with a one-line reason when neither is there.

@@ -175,30 +175,6 @@ cv::Rect ClearOfDisc(const cv::Size& size, const cv::Point2d& centre, double rad
 
 }  // namespace
 
-void PairFrames(const std::vector<ClubImage*>& cam1, const std::vector<ClubImage*>& cam2,
-                std::vector<const ClubImage*>& pairs1, std::vector<const ClubImage*>& pairs2) {
-  pairs1.clear();
-  pairs2.clear();
-  size_t i = 0;
-  size_t j = 0;
-  while (i < cam1.size() && j < cam2.size()) {
-    const ClubImage* a = cam1[i];
-    const ClubImage* b = cam2[j];
-    if (a == nullptr || b == nullptr) break;
-    const int64_t d = static_cast<int64_t>(a->timeStamp - b->timeStamp);
-    if (d > kPairTolerance) {
-      ++j;
-    } else if (-d > kPairTolerance) {
-      ++i;
-    } else {
-      pairs1.push_back(a);
-      pairs2.push_back(b);
-      ++i;
-      ++j;
-    }
-  }
-}
-
 bool PrepareFrames(const std::vector<const ClubImage*>& images, const ClubTrackerSetting& setting,
                    uint64_t reference, std::vector<CameraFrame>& frames) {
   frames.clear();

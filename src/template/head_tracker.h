@@ -11,11 +11,9 @@
 #include <opencv2/core.hpp>
 
 #include "clubtracker/ClubTracker.h"
+#include "tracker/frame_pairing.h"
 
 namespace headtrack {
-
-// Frames whose time stamps differ by at most this many units are one pair.
-constexpr int64_t kPairTolerance = 10;
 
 // The speed is fitted over the last kFitWindow samples before the impact,
 // with a quadratic term (the swing's acceleration) from kQuadraticFrom
@@ -39,10 +37,6 @@ struct CameraFrame {
   double ballRadius = 0.0;  // as given with the frame; 0 = not given
 };
 
-// Pairs the two cameras' frames by time stamp (signed difference within
-// kPairTolerance); unpaired frames are left out. A null entry ends the pairing.
-void PairFrames(const std::vector<ClubImage*>& cam1, const std::vector<ClubImage*>& cam2,
-                std::vector<const ClubImage*>& pairs1, std::vector<const ClubImage*>& pairs2);
 
 // Grey views of paired frames. Colour frames are converted; grey frames are
 // used in place (no copy). `reference` is the time stamp that becomes time 0.

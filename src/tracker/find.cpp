@@ -15,14 +15,12 @@
 
 #include "analysis/analysis.h"
 #include "tracker/find_lines.h"
+#include "tracker/frame_pairing.h"
 #include "tracker/records.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-// Frames whose time stamps differ by at most this many units are one pair.
-constexpr int64_t kPairTolerance = 10;
 
 // Takes the records that a stage appended to `made` into `owned`. Every record
 // is owned once this returns or throws.
@@ -82,25 +80,9 @@ int ClubTracker::Find(std::vector<ClubImage*> cam1Images, std::vector<ClubImage*
       }
     }
 
-    // Pairing by time stamp.
     std::vector<ClubImage*> pairs1;
     std::vector<ClubImage*> pairs2;
-    for (size_t i = 0, j = 0; i < cam1Images.size() && j < cam2Images.size();) {
-      ClubImage* a = cam1Images[i];
-      ClubImage* b = cam2Images[j];
-      const int64_t ahead = static_cast<int64_t>(a->timeStamp - b->timeStamp);
-      const int64_t behind = static_cast<int64_t>(b->timeStamp - a->timeStamp);
-      if (ahead > kPairTolerance) {
-        ++j;
-      } else if (behind > kPairTolerance) {
-        ++i;
-      } else {
-        pairs1.push_back(a);
-        pairs2.push_back(b);
-        ++i;
-        ++j;
-      }
-    }
+    PairFrames(cam1Images, cam2Images, pairs1, pairs2);
 
     // Working records. The owning lists free them on every way out; the
     // stages see plain pointer lists.
