@@ -1,4 +1,5 @@
 // Candidate areas: reference selection, brightness compensation, ball disc.
+#include <ostream>
 #include <algorithm>
 #include <cstdint>
 #include <memory>
@@ -99,6 +100,8 @@ struct ReferenceCase {
   int earlier;  // expected references of `frame`
   int later;
 };
+
+void PrintTo(const ReferenceCase& c, std::ostream* os) { *os << c.name; }
 
 class ReferenceSelection : public ::testing::TestWithParam<ReferenceCase> {};
 
@@ -299,6 +302,8 @@ struct BallCase {
   cv::Point centre;  // expected painted disc
   int paintedRadius;  // -1 = nothing painted
 };
+
+void PrintTo(const BallCase& c, std::ostream* os) { *os << "ball (" << c.x << ", " << c.y << ") radius " << c.radius; }
 
 class BallDisc : public ::testing::TestWithParam<BallCase> {};
 

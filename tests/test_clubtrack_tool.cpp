@@ -1,5 +1,6 @@
 // The clubtrack tool as a user runs it: run with JSON, pictures and the
 // summary, the demo, and the errors users make.
+#include <ostream>
 #include <sys/wait.h>
 
 #include <cmath>
@@ -183,6 +184,8 @@ struct UserError {
   const char* name;
   std::string (*setup)(const fs::path& folder);
 };
+
+void PrintTo(const UserError& c, std::ostream* os) { *os << c.name; }
 
 class ClubtrackUserErrors : public ::testing::TestWithParam<UserError> {};
 

@@ -1,5 +1,6 @@
 // The Find driver: pairing, early exits, the adaptive line passes, the time
 // limit, the template fall-back, the raw-pixel copy and the error boundary.
+#include <ostream>
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -136,6 +137,8 @@ struct PairingCase {
   std::vector<std::pair<int, int>> pairs;  // (camera-1 index, camera-2 index)
 };
 
+void PrintTo(const PairingCase& c, std::ostream* os) { *os << c.name; }
+
 class Pairing : public ::testing::TestWithParam<PairingCase> {};
 
 TEST_P(Pairing, HandsThePairedFramesToTheStagesInOrder) {
@@ -250,6 +253,8 @@ struct FallbackCase {
   double speedAfter;     // NaN = compare as NaN
 };
 
+void PrintTo(const FallbackCase& c, std::ostream* os) { *os << c.name; }
+
 class Fallback : public ::testing::TestWithParam<FallbackCase> {};
 
 TEST_P(Fallback, RunsTheTemplatePathOnlyForZeroSpeedAndZeroesNaN) {
@@ -304,6 +309,8 @@ struct TimeLimitCase {
   size_t linesLogged;    // log lines up to the time check that ends the call
   int templateCalls;
 };
+
+void PrintTo(const TimeLimitCase& c, std::ostream* os) { *os << c.name; }
 
 class TimeLimit : public ::testing::TestWithParam<TimeLimitCase> {};
 
@@ -410,6 +417,8 @@ struct FailureCase {
   std::function<void()> raise;
   std::string line;
 };
+
+void PrintTo(const FailureCase& c, std::ostream* os) { *os << c.name; }
 
 class Failure : public ::testing::TestWithParam<FailureCase> {};
 

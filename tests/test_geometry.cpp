@@ -1,4 +1,5 @@
 // Camera matrices from the calibration and the planes that image lines sweep.
+#include <ostream>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -89,6 +90,8 @@ struct PlaneCase {
   float rho;
   float theta;
 };
+
+void PrintTo(const PlaneCase& c, std::ostream* os) { *os << "rho " << c.rho << " theta " << c.theta; }
 
 class LinePlane : public ::testing::TestWithParam<PlaneCase> {};
 

@@ -1,5 +1,6 @@
 // Shaft-line extraction: vote threshold, near-horizontal filter, shift to
 // full-sensor coordinates, morphology, and the reuse of the edge map.
+#include <ostream>
 #include <cmath>
 #include <limits>
 #include <vector>
@@ -22,6 +23,8 @@ struct ThresholdCase {
   float divisor;
   int expected;
 };
+
+void PrintTo(const ThresholdCase& c, std::ostream* os) { *os << c.rows << " rows, ball at row " << c.ballY << ", divisor " << c.divisor; }
 
 class LineThreshold : public ::testing::TestWithParam<ThresholdCase> {};
 
@@ -85,7 +88,9 @@ TEST_P(HorizontalBound, DropsLinesWithin22Point5DegreesOfHorizontal) {
     if (std::fabs(line[1] - degrees * kDegree) < 0.5 * kDegree) drawnLineKept = true;
   }
   EXPECT_EQ(drawnLineKept, kept);
-  if (!kept) EXPECT_TRUE(candidate.lines.empty());
+  if (!kept) {
+    EXPECT_TRUE(candidate.lines.empty());
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Degrees, HorizontalBound,

@@ -1,6 +1,8 @@
 // Run and camera option files: sections, keys, defaults and the runtime's
 // text-to-number conversions.
 
+#include <cwchar>
+#include <ostream>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
@@ -210,6 +212,8 @@ struct DoubleCase {
   const wchar_t* text;
   double expected;
 };
+
+void PrintTo(const DoubleCase& c, std::ostream* os) { *os << '"' << std::string(c.text, c.text + std::wcslen(c.text)) << '"'; }
 class WideToDoubleCases : public ::testing::TestWithParam<DoubleCase> {};
 TEST_P(WideToDoubleCases, ReadsTheNumberPrefix) {
   EXPECT_EQ(WideToDouble(GetParam().text), GetParam().expected) << "text: " << GetParam().text;
@@ -229,6 +233,8 @@ struct IntCase {
   int64_t expected32;
   int64_t expected64;
 };
+
+void PrintTo(const IntCase& c, std::ostream* os) { *os << '"' << std::string(c.text, c.text + std::wcslen(c.text)) << '"'; }
 class WideToIntCases : public ::testing::TestWithParam<IntCase> {};
 TEST_P(WideToIntCases, ReadsTheIntegerPrefix) {
   EXPECT_EQ(WideToInt(GetParam().text), GetParam().expected32) << GetParam().text;

@@ -1,5 +1,6 @@
 // The spin-axis search: exact reconstruction from projected shaft lines, and
 // the rules of the hypotheses, their inliers, the sort and the refit.
+#include <ostream>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -295,6 +296,8 @@ struct Window {
   bool accepted;
 };
 
+void PrintTo(const Window& c, std::ostream* os) { *os << "along " << c.along << (c.accepted ? " accepted" : " rejected"); }
+
 class AcceptanceWindow : public ::testing::TestWithParam<Window> {};
 
 // The pivot's distance from the reference point along axisIndex must lie in
@@ -432,6 +435,8 @@ struct Strictness {
   double x;  // the pivot's x
   bool inlier;
 };
+
+void PrintTo(const Strictness& c, std::ostream* os) { *os << "cameras at x " << c.cam1X << ", " << c.cam2X << ", pivot x " << c.x; }
 
 class InlierStrictness : public ::testing::TestWithParam<Strictness> {};
 

@@ -3,6 +3,7 @@
 // candidates that the analysis stages extract from synthetic and golden
 // recordings, and on projected true lines with duplicates and perturbations
 // (ties everywhere).
+#include <ostream>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -141,6 +142,8 @@ struct SwingCase {
   const char* name;
   synth::SwingScene scene;
 };
+
+void PrintTo(const SwingCase& c, std::ostream* os) { *os << c.name; }
 
 class RenderedSwing : public ::testing::TestWithParam<SwingCase> {};
 

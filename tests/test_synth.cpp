@@ -1,5 +1,7 @@
 // The synthetic swing generator: geometry of the truth, what the frames show
 // to the tracker's first stages, determinism and variety.
+#include <string>
+#include <ostream>
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -116,6 +118,8 @@ struct SceneCase {
   const char* name;
   synth::SwingScene scene;
 };
+
+void PrintTo(const SceneCase& c, std::ostream* os) { *os << c.name; }
 
 synth::SwingScene Near(uint64_t seed) {
   synth::SwingScene s;
@@ -311,6 +315,8 @@ struct PresenceCase {
   double speed;
   double fps;
 };
+
+void PrintTo(const PresenceCase& c, std::ostream* os) { *os << "seed " << c.seed << ", " << c.speed << " m/s, " << c.fps << " fps"; }
 
 class SynthPresence : public ::testing::TestWithParam<PresenceCase> {};
 
