@@ -648,34 +648,18 @@ int NearestMoving(const SampleScene& s, const cv::Vec3d& dir, unsigned active, d
                   double& best) {
   best = limit;
   int what = -1;
-  if (active & (1u << kBall)) {
-    const double t = Hit(s.ball, dir);
+  const auto consider = [&](int object, const auto& shape) {
+    if ((active & (1u << object)) == 0) return;
+    const double t = Hit(shape, dir);
     if (t < best) {
       best = t;
-      what = kBall;
+      what = object;
     }
-  }
-  if (active & (1u << kHead)) {
-    const double t = Hit(s.head, dir);
-    if (t < best) {
-      best = t;
-      what = kHead;
-    }
-  }
-  if (active & (1u << kShaft)) {
-    const double t = Hit(s.shaft, dir);
-    if (t < best) {
-      best = t;
-      what = kShaft;
-    }
-  }
-  if (active & (1u << kHosel)) {
-    const double t = Hit(s.hosel, dir);
-    if (t < best) {
-      best = t;
-      what = kHosel;
-    }
-  }
+  };
+  consider(kBall, s.ball);
+  consider(kHead, s.head);
+  consider(kShaft, s.shaft);
+  consider(kHosel, s.hosel);
   return what;
 }
 
