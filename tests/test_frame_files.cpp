@@ -1,6 +1,4 @@
-// Frame files: names parsed into the metadata block, folders loaded in name
-// order with the impact flag, and the pairing of the two cameras.
-
+// Frame files: names parsed, folders loaded in name order with the impact flag, camera pairing.
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -14,7 +12,6 @@
 namespace fs = std::filesystem;
 
 namespace {
-
 
 ClubImage Parsed(const std::wstring& name) {
   ClubImage image{};
@@ -40,15 +37,6 @@ TEST(FrameFileName, PlainLayout) {
   EXPECT_EQ(image.ballRadius, 0.0f);
 }
 
-TEST(FrameFileName, PlainLayoutOfARecording) {
-  const ClubImage image = Parsed(L"455561315_330_362_321.69_147.52.png");
-  EXPECT_EQ(image.timeStamp, 455561315u);
-  EXPECT_EQ(image.sensorOffsetX, 330);
-  EXPECT_EQ(image.sensorOffsetY, 362);
-  EXPECT_EQ(image.ballX, 321.69f);
-  EXPECT_EQ(image.ballY, 147.52f);
-}
-
 TEST(FrameFileName, HeadImageLayout) {
   const ClubImage image = Parsed(L"ClubHeadOriginal_17_455561315_o=330,-362_b=321.69,147.5.png");
   EXPECT_EQ(image.timeStamp, 455561315u);
@@ -56,16 +44,6 @@ TEST(FrameFileName, HeadImageLayout) {
   EXPECT_EQ(image.sensorOffsetY, -362);
   EXPECT_EQ(image.ballX, 321.69f);
   EXPECT_EQ(image.ballY, 147.5f);
-}
-
-TEST(FrameFileName, HeadImageLayoutIsMatchedExactly) {
-  // Another case is the plain layout: its first token has no number.
-  const ClubImage image = Parsed(L"clubheadoriginal_17_455561315_o=330,362_b=1,2.png");
-  EXPECT_EQ(image.timeStamp, 0u);
-  EXPECT_EQ(image.sensorOffsetX, 17);
-  EXPECT_EQ(image.sensorOffsetY, 455561315);
-  EXPECT_EQ(image.ballX, 0.0f);
-  EXPECT_EQ(image.ballY, 0.0f);
 }
 
 TEST(FrameFileName, FewerThanFiveTokensLeaveTheRestAtZero) {
@@ -76,31 +54,11 @@ TEST(FrameFileName, FewerThanFiveTokensLeaveTheRestAtZero) {
   EXPECT_EQ(three.ballX, 0.0f);
   EXPECT_EQ(three.ballY, 0.0f);
 
-  const ClubImage one = Parsed(L"frame.png");
-  EXPECT_EQ(one.timeStamp, 0u);
-  EXPECT_EQ(one.sensorOffsetX, 0);
-
   const ClubImage head = Parsed(L"ClubHeadOriginal_1_99_o=5.png");
   EXPECT_EQ(head.timeStamp, 99u);
   EXPECT_EQ(head.sensorOffsetX, 5);
   EXPECT_EQ(head.sensorOffsetY, 0);  // no ','
   EXPECT_EQ(head.ballX, 0.0f);
-
-  const ClubImage shortPrefix = Parsed(L"ClubHeadOriginal_1_99_o_b");
-  EXPECT_EQ(shortPrefix.sensorOffsetX, 0);
-  EXPECT_EQ(shortPrefix.ballX, 0.0f);
-}
-
-TEST(FrameFileName, ParsingOnlyWritesTheTokensItFinds) {
-  ClubImage image{};
-  image.ballY = 9.0f;
-  image.ballRadius = 3.0f;
-  image.afterImpact = 1;
-  ParseFrameFileName(L"5_6_7_8.png", image);
-  EXPECT_EQ(image.ballX, 8.0f);
-  EXPECT_EQ(image.ballY, 9.0f);
-  EXPECT_EQ(image.ballRadius, 3.0f);
-  EXPECT_EQ(image.afterImpact, 1u);
 }
 
 TEST(CameraFolderFrames, TwelveFramesAndTheOptionFile) {
@@ -158,40 +116,19 @@ TEST(CameraFolderFrames, ByteWiseNameOrderAndImpactIndex) {
   EXPECT_EQ(frames[0]->afterImpact + frames[1]->afterImpact, 0u);
   EXPECT_EQ(frames[2]->afterImpact + frames[3]->afterImpact, 2u);
   FreeFrames(frames);
-
-  frames = LoadCameraFrames(temp.path, 0);
-  for (const ClubImage* f : frames) EXPECT_EQ(f->afterImpact, 1u);
-  FreeFrames(frames);
-  frames = LoadCameraFrames(temp.path, -3);
-  for (const ClubImage* f : frames) EXPECT_EQ(f->afterImpact, 1u);
-  FreeFrames(frames);
-}
-
-TEST(CameraFolderFrames, MissingOrEmptyFolderGivesNoFrames) {
-  TempFolder temp;
-  EXPECT_TRUE(LoadCameraFrames(temp.path / "absent", 10).empty());
-  EXPECT_TRUE(LoadCameraFrames(temp.path, 10).empty());
-  EXPECT_TRUE(LoadCameraFrames(fs::path(), 10).empty());
 }
 
 TEST(FramePairing, TimeStampsWithinTenUnits) {
-  std::vector<ClubImage> cam1(4, ClubImage{});
-  std::vector<ClubImage> cam2(4, ClubImage{});
-  const uint64_t t1[] = {1000, 1500, 2000, 2500};
-  const uint64_t t2[] = {990, 1511, 2010, 3000};
-  std::vector<ClubImage*> list1;
-  std::vector<ClubImage*> list2;
+  ClubImage cam1[4] = {}, cam2[4] = {};
+  const uint64_t t1[] = {1000, 1500, 2000, 2500}, t2[] = {990, 1511, 2010, 3000};
+  std::vector<ClubImage*> list1, list2, pairs1, pairs2;
   for (int k = 0; k < 4; ++k) {
     cam1[k].timeStamp = t1[k];
     cam2[k].timeStamp = t2[k];
     list1.push_back(&cam1[k]);
     list2.push_back(&cam2[k]);
   }
-  std::vector<ClubImage*> pairs1;
-  std::vector<ClubImage*> pairs2;
-  PairFrames(list1, list2, pairs1, pairs2);
-  // 1000/990 differ by 10: paired; 1500/1511 by 11: camera 1's 1500 dropped,
-  // then 2000/1511 drops camera 2's frame; 2000/2010 paired; 2500 and 3000 not.
+  PairFrames(list1, list2, pairs1, pairs2);  // within 10 units: (0, 0) and (2, 2)
   ASSERT_EQ(pairs1.size(), 2u);
   ASSERT_EQ(pairs2.size(), 2u);
   EXPECT_EQ(pairs1[0], &cam1[0]);

@@ -1,8 +1,6 @@
 // Shaft-line extraction: vote threshold, near-horizontal filter, shift to
 // full-sensor coordinates, morphology, and the reuse of the edge map.
-#include <ostream>
 #include <cmath>
-#include <limits>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -19,12 +17,9 @@ constexpr double kDegree = CV_PI / 180.0;
 
 struct ThresholdCase {
   int rows;
-  float ballY;
-  float divisor;
+  float ballY, divisor;
   int expected;
 };
-
-void PrintTo(const ThresholdCase& c, std::ostream* os) { *os << c.rows << " rows, ball at row " << c.ballY << ", divisor " << c.divisor; }
 
 class LineThreshold : public ::testing::TestWithParam<ThresholdCase> {};
 
@@ -42,31 +37,18 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(ThresholdCase{480, 300.0f, 3.0f, 100},   // reach 300 (above)
                       ThresholdCase{480, 100.0f, 1.0f, 380},   // reach 380 (below)
                       ThresholdCase{480, 100.0f, 3.0f, 126},   // 126.67 truncated
-                      ThresholdCase{480, 240.0f, 4.5f, 53},    // tie: the stretch below
-                      // The reach is truncated before the division: 300 / 0.3f,
-                      // not 300.9 / 0.3f (1003).
-                      ThresholdCase{480, 300.9f, 0.3f, 999},
-                      ThresholdCase{208, 147.52f, 4.5f, 32},
+                      ThresholdCase{480, 300.9f, 0.3f, 999},   // reach truncated first
                       ThresholdCase{480, -20.0f, 1.0f, 500},   // ball above the picture
-                      ThresholdCase{480, 500.0f, 1.0f, 500},   // ball below the picture
-                      ThresholdCase{100, 50.0f, 60.0f, 0},     // divisor beyond the reach
-                      ThresholdCase{100, 50.0f, 0.0f, 0},      // no divisor: refused
-                      ThresholdCase{100, std::numeric_limits<float>::quiet_NaN(), 1.0f, 0}));
+                      ThresholdCase{100, 50.0f, 0.0f, 0}));    // no divisor: refused
 
-TEST(LineThreshold, NullCandidateGivesZero) {
-  ClubTracker tracker;
-  EXPECT_EQ(Access::GetLineThreshold(tracker, nullptr, 4.5f), 0);
-}
-
-// A 1-pixel line through (200, 200) whose Hough normal has angle `degrees`.
-cv::Mat LineEdges(double degrees, cv::Size size = cv::Size(400, 400)) {
-  cv::Mat edges = cv::Mat::zeros(size, CV_8UC1);
+// A band `width` pixels wide through `through`, Hough normal at `degrees`.
+cv::Mat Band(cv::Size size, double degrees, cv::Point2d through, int width) {
+  cv::Mat mask = cv::Mat::zeros(size, CV_8UC1);
   const double theta = degrees * kDegree;
-  const cv::Point2d centre(200, 200);
   const cv::Point2d direction(-std::sin(theta), std::cos(theta));
-  cv::line(edges, centre - 400 * direction, centre + 400 * direction, cv::Scalar(255), 1,
+  cv::line(mask, through - 1000 * direction, through + 1000 * direction, cv::Scalar(255), width,
            cv::LINE_8);
-  return edges;
+  return mask;
 }
 
 bool NearHorizontal(float theta) {
@@ -75,12 +57,11 @@ bool NearHorizontal(float theta) {
 
 class HorizontalBound : public ::testing::TestWithParam<int> {};
 
-// On the 1-degree grid of the transform the bound falls between 67 and 68
-// degrees (and 112 and 113): 23 degrees from horizontal is kept, 22 is not.
+// 23 degrees from horizontal is kept, 22 is not.
 TEST_P(HorizontalBound, DropsLinesWithin22Point5DegreesOfHorizontal) {
   const int degrees = GetParam();
   CandidateAreaImage candidate;
-  ASSERT_EQ(ExtractCandidatesFromEdges(&candidate, LineEdges(degrees), 120), 1);
+  ASSERT_EQ(ExtractCandidatesFromEdges(&candidate, Band({400, 400}, degrees, {200, 200}, 1), 120), 1);
   const bool kept = std::abs(degrees - 90) >= 23;
   bool drawnLineKept = false;
   for (const cv::Vec2f& line : candidate.lines) {
@@ -94,24 +75,11 @@ TEST_P(HorizontalBound, DropsLinesWithin22Point5DegreesOfHorizontal) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Degrees, HorizontalBound,
-                         ::testing::Values(0, 30, 66, 67, 68, 80, 90, 100, 112, 113, 114, 150, 179));
-
-TEST(LineShift, VerticalLineMovesByTheSensorOffsetX) {
-  cv::Mat edges = cv::Mat::zeros(200, 200, CV_8UC1);
-  edges.col(50).setTo(cv::Scalar(255));
-  CandidateAreaImage candidate;
-  candidate.sensorOffsetX = 100;
-  candidate.sensorOffsetY = 50;
-  ASSERT_EQ(ExtractCandidatesFromEdges(&candidate, edges, 150), 1);
-  ASSERT_FALSE(candidate.lines.empty());
-  EXPECT_EQ(candidate.lines[0][0], 150.0f);
-  EXPECT_EQ(candidate.lines[0][1], 0.0f);
-}
+                         ::testing::Values(0, 67, 68, 90, 112, 113, 179));
 
 TEST(LineShift, RhoIsShiftedInSinglePrecision) {
-  // A star of lines at many angles, so that many thetas come out.
   cv::Mat edges = cv::Mat::zeros(400, 400, CV_8UC1);
-  for (int degrees = 0; degrees < 180; degrees += 7) edges |= LineEdges(degrees + 0.3);
+  for (int degrees = 0; degrees < 180; degrees += 7) edges |= Band({400, 400}, degrees + 0.3, {200, 200}, 1);
   CandidateAreaImage plain;
   ASSERT_EQ(ExtractCandidatesFromEdges(&plain, edges, 100), 1);
   CandidateAreaImage shifted;
@@ -135,69 +103,11 @@ TEST(LineShift, RhoIsShiftedInSinglePrecision) {
   EXPECT_GT(differsInDouble, 0) << "the angles chosen tell single from double precision";
 }
 
-// A band `width` pixels wide along the line of normal angle `degrees`
-// through (x, y).
-cv::Mat Band(cv::Size size, double degrees, cv::Point2d through, int width) {
-  cv::Mat mask = cv::Mat::zeros(size, CV_8UC1);
-  const double theta = degrees * kDegree;
-  const cv::Point2d direction(-std::sin(theta), std::cos(theta));
-  cv::line(mask, through - 1000 * direction, through + 1000 * direction, cv::Scalar(255), width,
-           cv::LINE_8);
-  return mask;
-}
-
-TEST(ExtractCandidates, ThickBandGivesLinesAlongItsEdges) {
-  ClubTracker tracker;
-  CandidateAreaImage candidate;
-  candidate.image = cv::Mat::zeros(200, 200, CV_8UC1);
-  candidate.image(cv::Rect(100, 0, 12, 200)).setTo(cv::Scalar(255));
-  const cv::Mat before = candidate.image.clone();
-  ASSERT_EQ(Access::ExtractCandidates(tracker, &candidate, 150), 1);
-  ASSERT_FALSE(candidate.lines.empty());
-  for (const cv::Vec2f& line : candidate.lines) {
-    EXPECT_LT(std::fabs(line[1]), 1.5 * kDegree);
-    EXPECT_GE(line[0], 98.0f);
-    EXPECT_LE(line[0], 113.0f);
-  }
-  EXPECT_EQ(cv::countNonZero(candidate.image != before), 0) << "the mask stays as it was";
-}
-
-TEST(ExtractCandidates, BandsThinnerThanTheOpeningLeaveNoLine) {
-  ClubTracker tracker;
-  CandidateAreaImage candidate;
-  // Away from the frame's edges, where the constant border would keep it.
-  candidate.image = cv::Mat::zeros(300, 300, CV_8UC1);
-  cv::line(candidate.image, cv::Point(100, 30), cv::Point(180, 270), cv::Scalar(255), 4);
-  ASSERT_EQ(Access::ExtractCandidates(tracker, &candidate, 30), 1);
-  EXPECT_TRUE(candidate.lines.empty());
-}
-
 TEST(ExtractCandidates, EmptyMaskGivesNoLinesAndStillSucceeds) {
   ClubTracker tracker;
   CandidateAreaImage candidate;
   candidate.image = cv::Mat::zeros(120, 160, CV_8UC1);
   EXPECT_EQ(Access::ExtractCandidates(tracker, &candidate, 1), 1);
-  EXPECT_TRUE(candidate.lines.empty());
-  CandidateAreaImage noImage;
-  EXPECT_EQ(Access::ExtractCandidates(tracker, &noImage, 10), 1);
-  EXPECT_TRUE(noImage.lines.empty());
-}
-
-TEST(ExtractCandidates, RefusesNullAndThresholdsNotAboveZero) {
-  ClubTracker tracker;
-  EXPECT_EQ(Access::ExtractCandidates(tracker, nullptr, 10), 0);
-  CandidateAreaImage candidate;
-  candidate.image = Band(cv::Size(200, 200), 10, {100, 100}, 15);
-  EXPECT_EQ(Access::ExtractCandidates(tracker, &candidate, 0), 0);
-  EXPECT_EQ(Access::ExtractCandidates(tracker, &candidate, -5), 0);
-  EXPECT_TRUE(candidate.lines.empty());
-
-  cv::Mat edges;
-  ComputeShaftEdges(candidate.image, edges);
-  EXPECT_EQ(ExtractCandidatesFromEdges(nullptr, edges, 10), 0);
-  EXPECT_EQ(ExtractCandidatesFromEdges(&candidate, edges, 0), 0);
-  EXPECT_TRUE(candidate.lines.empty());
-  EXPECT_EQ(ExtractCandidatesFromEdges(&candidate, cv::Mat(), 10), 1);
   EXPECT_TRUE(candidate.lines.empty());
 }
 
@@ -211,13 +121,9 @@ TEST(ExtractCandidates, TwoCallsAppendTwice) {
   ASSERT_FALSE(first.empty());
   ASSERT_EQ(Access::ExtractCandidates(tracker, &candidate, 60), 1);
   ASSERT_EQ(candidate.lines.size(), 2 * first.size());
-  for (size_t k = 0; k < first.size(); ++k) {
-    EXPECT_EQ(candidate.lines[first.size() + k], first[k]);
-  }
+  for (size_t k = 0; k < first.size(); ++k) EXPECT_EQ(candidate.lines[first.size() + k], first[k]);
 }
 
-// One edge map serves every vote threshold: the lines are those of the full
-// extraction, for every threshold the adaptive loop may try.
 TEST(ExtractCandidates, CachedEdgeMapGivesTheLinesOfTheFullExtraction) {
   ClubTracker tracker;
   cv::RNG rng(11);
