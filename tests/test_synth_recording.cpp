@@ -1,14 +1,12 @@
-// Synthetic recordings on disk: what the offline replay reads back from a
-// written recording is what the generator holds in memory, and the synth
-// subcommand of the tool validates its options.
+// Synthetic recordings on disk read back by the replay, and the synth subcommand's options.
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -21,22 +19,18 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class TempDir {
- public:
+struct TempDir {
   explicit TempDir(const std::string& tag)
-      : path_(fs::temp_directory_path() /
-              ("synth_" + tag + "_" + std::to_string(::getpid()))) {
-    fs::remove_all(path_);
-    fs::create_directories(path_);
+      : p(fs::temp_directory_path() / ("synth_" + tag + "_" + std::to_string(::getpid()))) {
+    fs::remove_all(p);
+    fs::create_directories(p);
   }
   ~TempDir() {
     std::error_code ec;
-    fs::remove_all(path_, ec);
+    fs::remove_all(p, ec);
   }
-  const fs::path& path() const { return path_; }
-
- private:
-  fs::path path_;
+  const fs::path& path() const { return p; }
+  fs::path p;
 };
 
 size_t CountFrames(const fs::path& folder, const std::string& extension) {
@@ -47,8 +41,6 @@ size_t CountFrames(const fs::path& folder, const std::string& extension) {
   return count;
 }
 
-// The replay reads back exactly the calibration, the metadata and the pixels
-// of the recording in memory, for BMP and PNG frames and a dropped frame.
 class SynthRoundTrip : public ::testing::TestWithParam<bool> {};
 
 TEST_P(SynthRoundTrip, ReplayReadsWhatWasRendered) {
@@ -66,10 +58,6 @@ TEST_P(SynthRoundTrip, ReplayReadsWhatWasRendered) {
   const RunOptions options = ReadRunOptions(dir.path() / "run.ini");
   EXPECT_EQ(options.folderPath, L".");
   EXPECT_EQ(options.impactIndex, 6);
-  EXPECT_EQ(options.setting.timeStampIntervalBeforeImpact, 2000);
-  EXPECT_EQ(options.setting.timeStampIntervalAfterImpact, 2000);
-  EXPECT_EQ(options.setting.roiWidth, 0);
-  EXPECT_EQ(options.setting.roiHeight, 0);
   ASSERT_FALSE(options.folder.empty());
   EXPECT_TRUE(fs::equivalent(options.folder, dir.path()));
 
@@ -85,7 +73,6 @@ TEST_P(SynthRoundTrip, ReplayReadsWhatWasRendered) {
   for (int c = 0; c < 2; ++c) {
     const fs::path folder = CameraFolder(options.folder, c);
     EXPECT_EQ(CountFrames(folder, png ? ".png" : ".bmp"), rec.images[c].size());
-    EXPECT_EQ(CountFrames(folder, png ? ".bmp" : ".png"), 0u);
     std::vector<ClubImage*> frames = LoadCameraFrames(folder, options.impactIndex);
     ASSERT_EQ(frames.size(), rec.images[c].size());
     for (size_t k = 0; k < frames.size(); ++k) {
@@ -100,70 +87,22 @@ TEST_P(SynthRoundTrip, ReplayReadsWhatWasRendered) {
       EXPECT_EQ(a.sensorOffsetX, b.sensorOffsetX);
       EXPECT_EQ(a.sensorOffsetY, b.sensorOffsetY);
       EXPECT_EQ(a.afterImpact, b.afterImpact);
-      EXPECT_EQ(a.ballX, b.ballX);
-      EXPECT_EQ(a.ballY, b.ballY);
-      EXPECT_EQ(b.ballRadius, 0.0f);
     }
     FreeFrames(frames);
   }
 
-  // truth.json holds the exact values and names every written frame.
   std::ifstream file(dir.path() / "truth.json");
   const nlohmann::json truth = nlohmann::json::parse(file);
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(truth["pivot"][i].get<double>(), rec.truth.pivot[i]);
-    EXPECT_EQ(truth["axis"][i].get<double>(), rec.truth.axis[i]);
-  }
-  EXPECT_EQ(truth["omega0_rad_per_us"].get<double>(), rec.truth.omega0);
   EXPECT_EQ(truth["club_head_speed_mps"].get<double>(), rec.truth.clubHeadSpeedMps);
-  EXPECT_EQ(truth["impact_index"].get<int>(), 6);
-  EXPECT_EQ(truth["params"]["seed"].get<uint64_t>(), 61u);
   EXPECT_EQ(truth["dropped_frame"].get<int>(), rec.truth.droppedFrame);
-  const char* folders[2] = {"Master", "Slave"};
-  for (int c = 0; c < 2; ++c) {
-    const auto& frames = truth["frames"][folders[c]];
-    ASSERT_EQ(frames.size(), rec.images[c].size());
-    for (const auto& f : frames) {
-      EXPECT_TRUE(fs::exists(dir.path() / folders[c] / f["file"].get<std::string>()));
-    }
-    EXPECT_EQ(truth["cameras"][folders[c]]["Rt"][2][3].get<double>(), rec.truth.cameras[c].t[2]);
-  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Formats, SynthRoundTrip, ::testing::Values(false, true),
                          [](const auto& info) { return std::string(info.param ? "png" : "bmp"); });
 
-TEST(SynthWriter, RewritingAFolderReplacesItsFramesAndFailuresAreReported) {
-  TempDir dir("rewrite");
-  synth::SwingScene first;
-  first.seed = 71;
-  first.frames = 12;
-  first.impactIndex = 5;
-  synth::WriteRecording(synth::Render(first), dir.path(), true);
-  synth::SwingScene second = first;
-  second.seed = 72;
-  const synth::Recording rec = synth::Render(second);
-  synth::WriteRecording(rec, dir.path());
-  EXPECT_EQ(CountFrames(dir.path() / "Master", ".png"), 0u);
-  EXPECT_EQ(CountFrames(dir.path() / "Master", ".bmp"), 12u);
-  EXPECT_TRUE(fs::exists(dir.path() / "Master" / synth::FrameFileName(rec.images[0][0])));
-
-  // A path below a plain file cannot be written.
-  const fs::path blocker = dir.path() / "plain_file";
-  std::ofstream(blocker) << "x";
-  std::string error;
-  EXPECT_FALSE(synth::WriteRecording(rec, blocker / "rec", false, error));
-  EXPECT_NE(error.find("plain_file"), std::string::npos) << error;
-  EXPECT_EQ(error.find('\n'), std::string::npos);
-  EXPECT_THROW(synth::WriteRecording(rec, blocker / "rec"), std::runtime_error);
-}
-
-// ---------------------------------------------------------------------------
-// The tool's synth subcommand.
-
 struct ToolRun {
   int status = -1;
-  std::string output;  // stdout and stderr together
+  std::string output;
 };
 
 ToolRun RunTool(const std::string& arguments) {
@@ -179,25 +118,7 @@ ToolRun RunTool(const std::string& arguments) {
   return run;
 }
 
-size_t Lines(const std::string& text) {
-  size_t lines = 0;
-  for (char ch : text) lines += ch == '\n';
-  return lines;
-}
-
-TEST(SynthTool, WritesARecordingAndPrintsItsTruthInOneLine) {
-  TempDir dir("tool");
-  const ToolRun run =
-      RunTool("synth " + dir.path().string() + " --seed 5 --frames 12 --impact-index 5 --png");
-  EXPECT_EQ(run.status, 0) << run.output;
-  EXPECT_EQ(Lines(run.output), 1u) << run.output;
-  EXPECT_NE(run.output.find("seed 5"), std::string::npos) << run.output;
-  EXPECT_NE(run.output.find("45.000 m/s"), std::string::npos) << run.output;
-  EXPECT_EQ(CountFrames(dir.path() / "Master", ".png"), 12u);
-  EXPECT_EQ(CountFrames(dir.path() / "Slave", ".png"), 12u);
-  EXPECT_TRUE(fs::exists(dir.path() / "run.ini"));
-  EXPECT_TRUE(fs::exists(dir.path() / "truth.json"));
-}
+size_t Lines(const std::string& text) { return std::count(text.begin(), text.end(), '\n'); }
 
 class SynthToolRejects : public ::testing::TestWithParam<const char*> {};
 
@@ -211,21 +132,8 @@ TEST_P(SynthToolRejects, WrongOptionsGetOneLineAndStatusTwo) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Options, SynthToolRejects,
-                         ::testing::Values("--speed 80", "--speed 29.9", "--fps 500", "--fps 4001",
-                                           "--frames 5", "--placement middle", "--seed -1",
-                                           "--seed 1.5", "--seed 99999999999999999999",
-                                           "--noise -1", "--impact-index 24", "--bogus",
-                                           "--speed"));
-
-TEST(SynthTool, UnwritableFolderGetsOneLineAndFailureStatus) {
-  TempDir dir("unwritable");
-  const fs::path blocker = dir.path() / "plain_file";
-  std::ofstream(blocker) << "x";
-  const ToolRun run = RunTool("synth " + (blocker / "rec").string() + " --frames 12 --impact-index 5");
-  EXPECT_NE(run.status, 0);
-  EXPECT_NE(run.status, 2);
-  EXPECT_EQ(Lines(run.output), 1u) << run.output;
-  EXPECT_NE(run.output.find("plain_file"), std::string::npos) << run.output;
-}
+                         ::testing::Values("--speed 80", "--fps 500", "--frames 5",
+                                           "--placement middle", "--seed 1.5",
+                                           "--impact-index 24", "--bogus", "--speed"));
 
 }  // namespace
