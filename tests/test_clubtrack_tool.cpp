@@ -1,8 +1,7 @@
-// The clubtrack tool as a user runs it: run with JSON, pictures and the
-// summary, the demo, and the errors users make.
-#include <ostream>
+// The clubtrack tool as a user runs it: run with JSON, pictures and the summary, the demo, errors.
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
@@ -20,7 +19,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-
 std::string ReadAll(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);
   std::ostringstream text;
@@ -30,13 +28,7 @@ std::string ReadAll(const fs::path& path) {
 
 std::string Quote(const std::string& text) {
   std::string quoted = "'";
-  for (char c : text) {
-    if (c == '\'') {
-      quoted += "'\\''";
-    } else {
-      quoted += c;
-    }
-  }
+  for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
   return quoted + "'";
 }
 
@@ -61,12 +53,6 @@ ToolRun RunTool(const std::string& arguments, const fs::path& workDir) {
   fs::remove(outFile);
   fs::remove(errFile);
   return run;
-}
-
-size_t LineCount(const std::string& text) {
-  size_t lines = 0;
-  for (char c : text) lines += c == '\n' ? 1 : 0;
-  return lines;
 }
 
 // The default swing written once for the suite.
@@ -117,17 +103,14 @@ TEST(ClubtrackRun, JsonOnStandardOutputWithTheStableKeys) {
   EXPECT_DOUBLE_EQ(json["clubHeadSpeedMps"].get<double>(), speed * 1000.0);
   EXPECT_DOUBLE_EQ(json["headTrackingSpeedMps"].get<double>(),
                    json["headTrackingSpeed"].get<double>() * 1000.0);
-  // The line-based speed: off by tens of percent (1-degree shaft directions,
-  // one frame interval; docs/accuracy.md), bounded by a factor of 2.
+  // Line-based speed: off by tens of percent (docs/accuracy.md), bounded by a factor of 2.
   EXPECT_GT(speed, 0.0);
   EXPECT_LT(std::fabs(speed / rec.truth.clubHeadSpeed - 1.0), 1.0)
       << "measured " << speed << ", truth " << rec.truth.clubHeadSpeed;
-  // The head-tracking speed follows the head to sub-pixel precision in both
-  // cameras: within 2 % on the default swing.
+  // Head-tracking speed: within 2 % on the default swing.
   const double headSpeed = json["headTrackingSpeed"];
   EXPECT_LT(std::fabs(headSpeed / rec.truth.clubHeadSpeed - 1.0), 0.02)
       << "head tracking " << headSpeed << ", truth " << rec.truth.clubHeadSpeed;
-  // The human summary and the log went to standard error, out of the JSON's way.
   EXPECT_NE(run.err.find("Club-head speed"), std::string::npos) << run.err;
   EXPECT_NE(run.err.find("  ClubTracker::Find start"), std::string::npos) << run.err;
 }
@@ -146,8 +129,7 @@ TEST(ClubtrackRun, QuietRunWritesJsonFileAnnotatedFramesAndSheet) {
   nlohmann::json json = nlohmann::json::parse(ReadAll(out.path / "result.json"));
   EXPECT_EQ(json["pairedFrames"], 24);
 
-  int candidates = 0;
-  int raws = 0;
+  int candidates = 0, raws = 0;
   for (const auto& entry : fs::directory_iterator(out.path / "frames")) {
     const std::string name = entry.path().filename().string();
     candidates += name.find("_candidates.png") != std::string::npos ? 1 : 0;
@@ -177,97 +159,37 @@ TEST(ClubtrackDemo, MeasuresTheDefaultSwingAndWritesTheSheet) {
   EXPECT_FALSE(cv::imread((work.path / "demo-sheet.png").string()).empty());
 }
 
-// Errors a user makes: one line on standard error, a non-zero status, nothing
-// on standard output. `setup` prepares a copy of the default recording in
-// `folder` and returns the arguments.
+// Errors a user makes, on a copy of the default recording after `prepare` (shell) ran on it.
 struct UserError {
   const char* name;
-  std::string (*setup)(const fs::path& folder);
+  const char* prepare;
+  const char* arguments;
 };
-
-void PrintTo(const UserError& c, std::ostream* os) { *os << c.name; }
 
 class ClubtrackUserErrors : public ::testing::TestWithParam<UserError> {};
 
 TEST_P(ClubtrackUserErrors, OneLineAndNonZeroStatus) {
-  const DefaultRecording& rec = Default();
   TempFolder work;
-  fs::copy(rec.recording, work.path / "rec", fs::copy_options::recursive);
-  const ToolRun run = RunTool(GetParam().setup(work.path), work.path);
+  fs::copy(Default().recording, work.path / "rec", fs::copy_options::recursive);
+  const std::string prepare = "cd " + Quote(work.path.string()) + " && " + GetParam().prepare;
+  ASSERT_EQ(std::system(prepare.c_str()), 0) << prepare;
+  const ToolRun run = RunTool(GetParam().arguments, work.path);
   EXPECT_NE(run.status, 0);
   EXPECT_EQ(run.out, "");
-  EXPECT_EQ(LineCount(run.err), 1u) << run.err;
+  EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
   EXPECT_EQ(run.err.rfind("clubtrack", 0), 0u) << run.err;
-}
-
-void Rewrite(const fs::path& file, const std::string& from, const std::string& to) {
-  std::string text = ReadAll(file);
-  const size_t at = text.find(from);
-  ASSERT_NE(at, std::string::npos) << from;
-  text.replace(at, from.size(), to);
-  std::ofstream(file, std::ios::binary | std::ios::trunc) << text;
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, ClubtrackUserErrors,
     ::testing::Values(
-        UserError{"MissingRecording", [](const fs::path&) { return std::string("run no-such-rec"); }},
-        UserError{"FolderWithoutRunFile",
-                  [](const fs::path& f) {
-                    fs::remove(f / "rec" / "run.ini");
-                    return std::string("run rec");
-                  }},
-        UserError{"NoFramesInOneCamera",
-                  [](const fs::path& f) {
-                    for (const auto& e : fs::directory_iterator(f / "rec" / "Slave")) {
-                      if (e.path().extension() == ".bmp") fs::remove(e.path());
-                    }
-                    return std::string("run rec");
-                  }},
-        UserError{"FramesThatDoNotDecode",
-                  [](const fs::path& f) {
-                    // An image signature with nothing behind it: looks like a
-                    // frame, decodes to nothing.
-                    for (const auto& e : fs::directory_iterator(f / "rec" / "Master")) {
-                      if (e.path().extension() == ".bmp") {
-                        std::ofstream(e.path(), std::ios::binary | std::ios::trunc)
-                            << "\x89PNG\r\n\x1a\n broken";
-                      }
-                    }
-                    return std::string("run rec --json -");
-                  }},
-        UserError{"MissingCameraFolder",
-                  [](const fs::path& f) {
-                    fs::remove_all(f / "rec" / "Master");
-                    return std::string("run rec");
-                  }},
-        UserError{"GarbageInteger",
-                  [](const fs::path& f) {
-                    Rewrite(f / "rec" / "run.ini", "ImpactIndex=", "ImpactIndex=ten");
-                    return std::string("run rec/run.ini");
-                  }},
-        UserError{"GarbageCalibration",
-                  [](const fs::path& f) {
-                    Rewrite(f / "rec" / "Slave" / "SlaveOption.ini", "22=", "22=focal");
-                    return std::string("run rec");
-                  }},
-        UserError{"MissingCalibration",
-                  [](const fs::path& f) {
-                    fs::remove(f / "rec" / "Slave" / "SlaveOption.ini");
-                    return std::string("run rec");
-                  }},
-        UserError{"EmptyFolderPath",
-                  [](const fs::path& f) {
-                    std::ofstream(f / "rec" / "run.ini", std::ios::trunc) << "[Info]\nFolderPath=\n";
-                    return std::string("run rec");
-                  }},
-        UserError{"JsonIntoAMissingFolder",
-                  [](const fs::path&) { return std::string("run rec --json no/such/dir/out.json"); }},
-        UserError{"JsonOntoAFolder", [](const fs::path&) { return std::string("run rec --json rec"); }},
-        UserError{"SheetWithAnUnknownFormat",
-                  [](const fs::path&) { return std::string("run rec --sheet sheet.xyz"); }},
-        UserError{"AnnotatedIntoAFile",
-                  [](const fs::path&) { return std::string("run rec --annotated rec/run.ini"); }},
-        UserError{"NoRecordingGiven", [](const fs::path&) { return std::string("run"); }},
-        UserError{"UnknownOption", [](const fs::path&) { return std::string("run rec --fast"); }}),
+        UserError{"MissingRecording", "true", "run no-such-rec"},
+        UserError{"FolderWithoutRunFile", "rm rec/run.ini", "run rec"},
+        UserError{"NoFramesInOneCamera", "rm rec/Slave/*.bmp", "run rec"},
+        UserError{"GarbageInteger", "grep -q ImpactIndex= rec/run.ini && sed -i 's/ImpactIndex=/ImpactIndex=ten/' rec/run.ini",
+                  "run rec/run.ini"},
+        UserError{"MissingCalibration", "rm rec/Slave/SlaveOption.ini", "run rec"},
+        UserError{"EmptyFolderPath", "printf '[Info]\\nFolderPath=\\n' > rec/run.ini", "run rec"},
+        UserError{"JsonIntoAMissingFolder", "true", "run rec --json no/such/dir/out.json"},
+        UserError{"UnknownOption", "true", "run rec --fast"}),
     [](const ::testing::TestParamInfo<UserError>& info) { return std::string(info.param.name); });
