@@ -154,20 +154,18 @@ TEST(CandidateArea, FramesOfAnotherWindowOrSizeAreNeverReferences) {
   EXPECT_EQ(pairs[0], std::make_pair(0, 4));
 }
 
-void ChangedPixelsRun(FrameRun& run, int changed) {
-  const cv::Mat reference(100, 100, CV_8UC1, cv::Scalar(100));
-  cv::Mat image = reference.clone();
-  for (int k = 0; k < changed; ++k) image.at<uchar>(k / 100, k % 100) = 200;
-  run.Add(reference, 0);
-  run.Add(image, 5000);
-  run.Add(reference.clone(), 10000);
-}
-
 TEST(CandidateArea, ThreeQuartersChangedIsKeptOneMorePixelIsCompensatedAndBlanked) {
   ClubTracker tracker;
   FrameRun kept, blanked;
-  ChangedPixelsRun(kept, 7500);
-  ChangedPixelsRun(blanked, 7501);
+  for (FrameRun* run : {&kept, &blanked}) {
+    const cv::Mat reference(100, 100, CV_8UC1, cv::Scalar(100));
+    cv::Mat image = reference.clone();
+    const int changed = run == &kept ? 7500 : 7501;
+    for (int k = 0; k < changed; ++k) image.at<uchar>(k / 100, k % 100) = 200;
+    run->Add(reference, 0);
+    run->Add(image, 5000);
+    run->Add(reference.clone(), 10000);
+  }
   ASSERT_EQ(kept.Find(tracker), 1);
   ASSERT_EQ(blanked.Find(tracker), 1);
   EXPECT_EQ(cv::countNonZero(kept.candidates[1]->image), 7500);

@@ -27,7 +27,7 @@ const char* kCalibrationText =
 
 }  // namespace
 
-TEST(RunOptionFile, MissingFileGivesEveryDefault) {
+TEST(OptionFiles, MissingFilesGiveEveryDefault) {
   TempFolder temp;
   const RunOptions options = ReadRunOptions(temp.path / "absent.ini");
   EXPECT_EQ(options.setting.roiX, 0);
@@ -42,6 +42,10 @@ TEST(RunOptionFile, MissingFileGivesEveryDefault) {
   EXPECT_EQ(options.impactIndex, 10);
   EXPECT_TRUE(options.folderPath.empty());
   EXPECT_TRUE(options.folder.empty());
+  double values[21];
+  for (double& v : values) v = -1.0;
+  ReadCalibration(L"/nonexistent/folder/Master/MasterOption.ini", values);
+  for (double v : values) EXPECT_EQ(v, 0.0);
 }
 
 TEST(RunOptionFile, MissingRoiSectionLeavesTheWholeFrame) {
@@ -146,11 +150,4 @@ TEST(CameraOptionFile, GarbageExponentAndMissingValues) {
   EXPECT_EQ(values[17], -0.0);
   EXPECT_EQ(values[19], 7.0);
   EXPECT_EQ(values[20], 0.0);  // key "34" missing
-}
-
-TEST(CameraOptionFile, MissingFileGivesZeros) {
-  double values[21];
-  for (double& v : values) v = -1.0;
-  ReadCalibration(L"/nonexistent/folder/Master/MasterOption.ini", values);
-  for (double v : values) EXPECT_EQ(v, 0.0);
 }
