@@ -1,4 +1,5 @@
 // Driver-head area: erosion thickness, core centre, the 75 % rule, the head disc.
+#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -26,6 +27,54 @@ Measure MeasureMask(const cv::Mat& mask, int presetThickness = 0, int presetX = 
   Measure m{0, presetThickness, 0, 0};
   m.result = Access::ExtractDriverHeadArea(tracker, &candidate, m.thickness);
   return {m.result, m.thickness, candidate.headX, candidate.headY};
+}
+
+// The erosion loop as written out step by step on the whole mask: the stage
+// works on a shrinking window around the blob and must give the same numbers.
+Measure LiteralMeasure(const cv::Mat& mask) {
+  cv::Mat a = mask.clone(), b;
+  const cv::Mat kernel = cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(5, 5));
+  Measure m{1, 0, 0, 0};
+  for (;;) {
+    m.thickness += 2;
+    cv::morphologyEx(a, b, cv::MORPH_ERODE, kernel, cv::Point(-1, -1), 1, cv::BORDER_CONSTANT,
+                     cv::morphologyDefaultBorderValue());
+    if (static_cast<uint64_t>(cv::sum(b)[0]) == 0) break;
+    b.copyTo(a);
+  }
+  std::vector<cv::Point> points;
+  cv::findNonZero(a, points);
+  if (points.empty()) return {0, m.thickness, 0, 0};
+  const size_t n = points.size();
+  std::vector<int> xs, ys;
+  for (const cv::Point& p : points) {
+    xs.push_back(p.x);
+    ys.push_back(p.y);
+  }
+  std::sort(xs.begin(), xs.end());
+  std::sort(ys.begin(), ys.end());
+  m.headX = (xs[n / 2] + xs[(n - 1) / 2]) / 2;
+  m.headY = (ys[n / 2] + ys[(n - 1) / 2]) / 2;
+  return m;
+}
+
+TEST(ExtractDriverHeadArea, SameAsTheLiteralLoopOnRandomBlobsAndFrameEdges) {
+  cv::RNG rng(11);
+  for (int i = 0; i < 40; ++i) {
+    cv::Mat mask = cv::Mat::zeros(120, 160, CV_8UC1);
+    for (int k = 0; k < 3; ++k) {
+      // Centres may lie on or beyond the frame edge, where the border keeps
+      // the blob from eroding.
+      const cv::Point centre(rng.uniform(-10, 170), rng.uniform(-10, 130));
+      cv::ellipse(mask, centre, cv::Size(rng.uniform(2, 40), rng.uniform(2, 30)),
+                  rng.uniform(0, 180), 0, 360, cv::Scalar(255), cv::FILLED);
+    }
+    const Measure fast = MeasureMask(mask);
+    const Measure literal = LiteralMeasure(mask);
+    EXPECT_EQ(fast.thickness, literal.thickness) << "blob set " << i;
+    EXPECT_EQ(fast.headX, literal.headX) << "blob set " << i;
+    EXPECT_EQ(fast.headY, literal.headY) << "blob set " << i;
+  }
 }
 
 TEST(ExtractDriverHeadArea, OnePixelBlobHasThicknessTwoAndIsItsOwnCore) {
