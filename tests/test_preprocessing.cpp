@@ -208,22 +208,4 @@ TEST(RefineCandidateMask, ThinStreakIsNotPresentThickBlobIs) {
   EXPECT_EQ(present, 1);
 }
 
-TEST(RefineCandidateMask, RefinedMaskIsTheCleaningChain) {
-  cv::Mat mask = cv::Mat::zeros(120, 160, CV_8UC1);
-  cv::RNG rng(3);
-  for (int i = 0; i < 400; ++i) mask.at<uchar>(rng.uniform(0, 120), rng.uniform(0, 160)) = 255;
-  cv::circle(mask, {80, 60}, 25, cv::Scalar(255), cv::FILLED);
-  auto k = [](int shape, int n) { return cv::getStructuringElement(shape, cv::Size(n, n)); };
-  cv::Mat expected;
-  cv::morphologyEx(mask, expected, cv::MORPH_OPEN, k(cv::MORPH_ELLIPSE, 3));
-  cv::morphologyEx(expected, expected, cv::MORPH_CLOSE, k(cv::MORPH_RECT, 5));
-  cv::morphologyEx(expected, expected, cv::MORPH_OPEN, k(cv::MORPH_ELLIPSE, 7));
-  cv::morphologyEx(expected, expected, cv::MORPH_CLOSE, k(cv::MORPH_ELLIPSE, 31));
-  cv::Mat refined;
-  int present = 0;
-  RefineCandidateMask(mask, refined, &present);
-  EXPECT_EQ(cv::norm(refined, expected, cv::NORM_INF), 0.0);
-  EXPECT_EQ(present, 1);
-}
-
 }  // namespace
