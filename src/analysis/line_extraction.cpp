@@ -5,6 +5,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "analysis/analysis.h"
+#include "analysis/binary_morphology.h"
 
 namespace {
 
@@ -12,13 +13,6 @@ namespace {
 // pi/8 as it comes out of single-precision pi.
 constexpr double kHalfPi = CV_PI / 2.0;
 constexpr double kNearHorizontal = static_cast<double>(static_cast<float>(CV_PI) / 8.0f);
-
-void Morph(const cv::Mat& src, cv::Mat& dst, int op, int shape, int size) {
-  const cv::Mat kernel =
-      cv::getStructuringElement(shape, cv::Size(size, size), cv::Point(-1, -1));
-  cv::morphologyEx(src, dst, op, kernel, cv::Point(-1, -1), 1, cv::BORDER_CONSTANT,
-                   cv::morphologyDefaultBorderValue());
-}
 
 // Truncation toward zero; 0 for values an int cannot hold (NaN included).
 int TruncateToInt(float value) {
@@ -34,9 +28,10 @@ void ComputeShaftEdges(const cv::Mat& mask, cv::Mat& edges) {
     return;
   }
   cv::Mat work;
-  Morph(mask, work, cv::MORPH_OPEN, cv::MORPH_RECT, 3);
-  Morph(work, work, cv::MORPH_CLOSE, cv::MORPH_RECT, 5);
-  Morph(work, work, cv::MORPH_OPEN, cv::MORPH_ELLIPSE, 7);
+  MorphologyChain(mask, work,
+                  {{cv::MORPH_OPEN, cv::MORPH_RECT, 3},
+                   {cv::MORPH_CLOSE, cv::MORPH_RECT, 5},
+                   {cv::MORPH_OPEN, cv::MORPH_ELLIPSE, 7}});
   cv::Canny(work, edges, 30.0, 40.0, 3, true);
 }
 
