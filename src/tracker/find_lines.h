@@ -42,6 +42,7 @@ class LinePasses {
   LineThreshold threshold_;
   const std::vector<CandidateAreaImage*>* areas_[2];
   std::vector<cv::Mat> edges_[2];
+  std::vector<int> thresholds_;  // of each frame in the current pass
   int frames_ = 0;
   int pass_ = 0;
   float lineSize_[2] = {kInitialLineSize, kInitialLineSize};
