@@ -6,6 +6,7 @@
 
 #include "analysis/analysis.h"
 #include "analysis/binary_morphology.h"
+#include "analysis/hough.h"
 
 namespace {
 
@@ -22,27 +23,23 @@ int TruncateToInt(float value) {
 
 }  // namespace
 
-void ComputeShaftEdges(const cv::Mat& mask, cv::Mat& edges) {
-  if (mask.empty() || mask.type() != CV_8UC1) {
-    edges.release();
-    return;
-  }
-  cv::Mat work;
-  MorphologyChain(mask, work,
-                  {{cv::MORPH_OPEN, cv::MORPH_RECT, 3},
-                   {cv::MORPH_CLOSE, cv::MORPH_RECT, 5},
-                   {cv::MORPH_OPEN, cv::MORPH_ELLIPSE, 7}});
-  cv::Canny(work, edges, 30.0, 40.0, 3, true);
-}
+namespace {
 
-int ExtractCandidatesFromEdges(CandidateAreaImage* candidate, const cv::Mat& edges,
-                               int voteThreshold) {
-  if (candidate == nullptr || voteThreshold <= 0) return 0;
-  if (edges.empty()) return 1;  // nothing to vote for
+// The three cleaning operations before the edge detection.
+constexpr std::initializer_list<MorphStep> kCleanSteps = {
+    {cv::MORPH_OPEN, cv::MORPH_RECT, 3},
+    {cv::MORPH_CLOSE, cv::MORPH_RECT, 5},
+    {cv::MORPH_OPEN, cv::MORPH_ELLIPSE, 7},
+};
 
-  std::vector<cv::Vec2f> found;
-  cv::HoughLines(edges, found, 1.0, CV_PI / 180.0, voteThreshold, 0, 0);
+// Canny's reach around a set pixel: the 3 x 3 Sobel, the non-maximum
+// suppression and the hysteresis each look one pixel further.
+constexpr int kEdgeMargin = 3;
 
+void Canny(const cv::Mat& cleaned, cv::Mat& edges) { cv::Canny(cleaned, edges, 30.0, 40.0, 3, true); }
+
+// Appends the kept lines of `found` (frame coordinates) to the candidate.
+void AppendLines(CandidateAreaImage* candidate, const std::vector<cv::Vec2f>& found) {
   const float offsetX = static_cast<float>(candidate->sensorOffsetX);
   const float offsetY = static_cast<float>(candidate->sensorOffsetY);
   for (const cv::Vec2f& line : found) {
@@ -52,6 +49,70 @@ int ExtractCandidatesFromEdges(CandidateAreaImage* candidate, const cv::Mat& edg
     const float rho = (offsetY * std::sin(theta) + offsetX * std::cos(theta)) + line[0];
     candidate->lines.emplace_back(rho, theta);
   }
+}
+
+}  // namespace
+
+void ComputeShaftEdges(const cv::Mat& mask, cv::Mat& edges) {
+  if (mask.empty() || mask.type() != CV_8UC1) {
+    edges.release();
+    return;
+  }
+  cv::Mat work;
+  MorphologyChain(mask, work, kCleanSteps);
+  Canny(work, edges);
+}
+
+cv::Rect ComputeShaftEdgeBox(const cv::Mat& mask, cv::Mat& edges) {
+  if (mask.empty() || mask.type() != CV_8UC1) {
+    edges.release();
+    return cv::Rect();
+  }
+  thread_local cv::Mat work, part;
+  MorphologyChain(mask, work, kCleanSteps);
+  cv::Rect box = cv::boundingRect(work);
+  if (box.empty()) {
+    edges.release();
+    return cv::Rect();
+  }
+  // Outside the box widened by the margin the cleaned mask is zero and so are
+  // its edges; inside, Canny sees what it sees on the whole frame.
+  box = cv::Rect(box.x - kEdgeMargin, box.y - kEdgeMargin, box.width + 2 * kEdgeMargin,
+                 box.height + 2 * kEdgeMargin) &
+        cv::Rect(0, 0, work.cols, work.rows);
+  work(box).copyTo(part);
+  Canny(part, edges);
+  return box;
+}
+
+void ComputeShaftVotes(const cv::Mat& mask, HoughVotes& votes) {
+  thread_local cv::Mat edges;
+  const cv::Rect box = ComputeShaftEdgeBox(mask, edges);
+  if (box.empty()) {
+    votes.Clear();
+    return;
+  }
+  votes.Vote(edges, box.tl(), mask.size());
+}
+
+int ExtractCandidatesFromEdges(CandidateAreaImage* candidate, const cv::Mat& edges,
+                               int voteThreshold) {
+  if (candidate == nullptr || voteThreshold <= 0) return 0;
+  if (edges.empty()) return 1;  // nothing to vote for
+
+  std::vector<cv::Vec2f> found;
+  cv::HoughLines(edges, found, 1.0, CV_PI / 180.0, voteThreshold, 0, 0);
+  AppendLines(candidate, found);
+  return 1;
+}
+
+int ExtractCandidatesFromVotes(CandidateAreaImage* candidate, const HoughVotes& votes,
+                               int voteThreshold) {
+  if (candidate == nullptr || voteThreshold <= 0) return 0;
+  thread_local std::vector<cv::Vec2f> found;
+  found.clear();
+  votes.Lines(voteThreshold, found);
+  AppendLines(candidate, found);
   return 1;
 }
 

@@ -20,9 +20,9 @@ LinePasses::LinePasses(LineThreshold threshold, const std::vector<CandidateAreaI
   frames_ = static_cast<int>(cam1.size());
   for (int c = 0; c < 2; ++c) {
     const std::vector<CandidateAreaImage*>& areas = *areas_[c];
-    edges_[c].resize(areas.size());
+    votes_[c].resize(areas.size());
     tbb::parallel_for(size_t{0}, areas.size(),
-                      [&](size_t k) { ComputeShaftEdges(areas[k]->image, edges_[c][k]); });
+                      [&](size_t k) { ComputeShaftVotes(areas[k]->image, votes_[c][k]); });
   }
 }
 
@@ -48,7 +48,7 @@ void LinePasses::Extract() {
     }
     // Each frame appends only to its own record.
     tbb::parallel_for(size_t{0}, areas.size(), [&](size_t k) {
-      ExtractCandidatesFromEdges(areas[k], edges_[c][k], thresholds_[k]);
+      ExtractCandidatesFromVotes(areas[k], votes_[c][k], thresholds_[k]);
     });
   }
   redo_[0] = 0;
