@@ -17,6 +17,10 @@ import sys
 import clubtracker
 
 BASE_COLUMNS = ["recording", "error", "clubHeadSpeedMps", "headTrackingSpeedMps"]
+# The club delivery's keys, each followed by its standard error; a key the
+# library adds later gets its columns too.
+CLUB_KEYS = ["speedMps", "attackAngleDeg", "pathDeg", "swingPlaneDeg", "swingDirectionDeg",
+             "lowPointAheadMm", "lowPointHeightMm", "lowPointSideMm"]
 
 
 def find_recordings(folders):
@@ -70,9 +74,10 @@ def main(argv=None):
             pass
         rows = [future.result() for future in futures]
 
-    extra = sorted({key for row in rows for key in row} - set(BASE_COLUMNS) - {"warnings"})
+    club = [c for key in CLUB_KEYS for c in (key, key + "StdErr")]
+    extra = sorted({key for row in rows for key in row} - set(BASE_COLUMNS + club + ["warnings"]))
     with open(args.csv, "w", newline="") as out:
-        writer = csv.DictWriter(out, BASE_COLUMNS + extra + ["warnings"])
+        writer = csv.DictWriter(out, BASE_COLUMNS + club + extra + ["warnings"])
         writer.writeheader()
         writer.writerows(rows)
     failed = sum(1 for row in rows if row["error"])

@@ -17,14 +17,16 @@ import numpy as np  # noqa: E402
 import clubtracker  # noqa: E402
 
 
-def arc_points(centre, normal, radius, near, count=200):
-    """Points of the fitted circle, over the half turn nearest to NEAR."""
-    centre, normal = np.asarray(centre), np.asarray(normal)
-    u = np.asarray(near) - centre
+def arc_points(centre, normal, radius, near=None, count=200):
+    """Points of a circle, over the half turn nearest to NEAR (all of it without)."""
+    centre = np.asarray(centre, dtype=float)
+    normal = np.asarray(normal, dtype=float) / np.linalg.norm(normal)
+    u = (np.asarray(near) - centre) if near is not None else np.cross(normal, np.eye(3)[np.argmin(abs(normal))])
     u = u - normal * np.dot(u, normal)
     u /= np.linalg.norm(u)
     v = np.cross(normal, u)
-    angles = np.linspace(-np.pi / 2, np.pi / 2, count)
+    span = np.pi / 2 if near is not None else np.pi
+    angles = np.linspace(-span, span, count)
     return centre + radius * (np.outer(np.cos(angles), u) + np.outer(np.sin(angles), v))
 
 
@@ -50,6 +52,11 @@ def main(argv=None):
         axes.plot(arc[:, 0], arc[:, 1], arc[:, 2], "-", lw=1, label="fitted arc")
     else:
         missing.append("fitted arc")
+        if report["headRadius"] > 0 and any(report["axisDirection"]):
+            # The line-based measurement's circle: the head about the spin axis.
+            arc = arc_points(report["axisPosition"], report["axisDirection"], report["headRadius"])
+            axes.plot(arc[:, 0], arc[:, 1], arc[:, 2], "--", lw=1, label="line-based arc")
+            axes.scatter(*report["axisPosition"], marker="+", s=80, label="pivot")
     for key, style in (("lowPoint", "v"), ("ball", "*")):
         if path[key]:
             axes.scatter(*path[key], marker=style, s=80, label=key)
@@ -65,6 +72,7 @@ def main(argv=None):
     axes.set_xlabel("x (mm)")
     axes.set_ylabel("y (mm)")
     axes.set_zlabel("z (mm)")
+    axes.set_aspect("equal")
     if axes.has_data():
         axes.legend(loc="upper left", fontsize=8)
     figure.savefig(args.out, dpi=120)
