@@ -13,7 +13,8 @@ import pytest
 import clubtracker
 
 ROOT = Path(__file__).resolve().parents[2]
-TOOL = os.environ.get("CLUBTRACK", str(ROOT / "build/release/tools/clubtrack/clubtrack"))
+BUILD = Path(os.environ.get("CLUBTRACKER_BUILD", ROOT / "build/release"))
+TOOL = BUILD / "tools/clubtrack/clubtrack"
 
 
 @pytest.fixture(scope="session")
@@ -88,3 +89,13 @@ def test_batch_writes_one_row_per_recording(rec, tmp_path):
     rows = list(csv.DictReader(table.open()))
     assert [bool(row["error"]) for row in rows] == [False, False, True]
     assert all(float(row["headTrackingSpeedMps"]) > 0 for row in rows[:2])
+
+
+def test_installed_package_imports_from_its_prefix(tmp_path):
+    subprocess.run(["cmake", "--install", str(BUILD), "--prefix", str(tmp_path)], check=True,
+                   capture_output=True)
+    site = next(tmp_path.rglob("clubtracker/__init__.py")).parents[1]
+    found = subprocess.run([sys.executable, "-c", "import clubtracker; print(clubtracker.__file__)"],
+                           env={**os.environ, "PYTHONPATH": str(site)}, check=True,
+                           capture_output=True, text=True, cwd=tmp_path)
+    assert found.stdout.startswith(str(site))
