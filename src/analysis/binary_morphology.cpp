@@ -155,10 +155,17 @@ void BitMask::ShiftCombine(const uint64_t* src, uint64_t* dst, int n, int d, boo
   const int q = d >= 0 ? d / 64 : -((-d + 63) / 64);
   const int r = d - 64 * q;
   const auto word = [&](int i) { return (i >= 0 && i < n) ? src[i] : fill; };
-  for (int w = 0; w < n; ++w) {
+  const auto one = [&](int w) {
     uint64_t shifted = word(w + q) >> r;
     if (r != 0) shifted |= word(w + q + 1) << (64 - r);
-    dst[w] = Combine(dst[w], shifted, erode);
+    dst[w] = Combine(src[w], shifted, erode);
+  };
+  // In place (src == dst) each word is written after the words it reads:
+  // a shift to the left reads higher words, one to the right lower ones.
+  if (d >= 0) {
+    for (int w = 0; w < n; ++w) one(w);
+  } else {
+    for (int w = n - 1; w >= 0; --w) one(w);
   }
 }
 
@@ -177,11 +184,12 @@ void BitMask::Morph(const Kernel& kernel, bool erode) {
   const int stride = words_ + 2 * margin;
   const size_t planeWords = static_cast<size_t>(rows_) * stride;
   planes_.resize(planeWords * static_cast<size_t>(runs));
-  line_.resize(static_cast<size_t>(stride));
   FixPadding(bits_.data(), erode);
   int a = 0, b = 0;
   for (int k = 0; k < runs; ++k) {
     uint64_t* plane = planes_.data() + planeWords * static_cast<size_t>(k);
+    // The first step of a later run reads the run before it.
+    const uint64_t* from = plane - planeWords;
     if (k == 0) {
       for (int y = 0; y < rows_; ++y) {
         uint64_t* row = plane + static_cast<size_t>(y) * stride;
@@ -189,8 +197,7 @@ void BitMask::Morph(const Kernel& kernel, bool erode) {
         std::memcpy(row + margin, bits_.data() + static_cast<size_t>(y) * words_,
                     static_cast<size_t>(words_) * sizeof(uint64_t));
       }
-    } else {
-      std::memcpy(plane, plane - planeWords, planeWords * sizeof(uint64_t));
+      from = plane;
     }
     while (b < kernel.hi[k] || a > kernel.lo[k]) {
       const int width = b - a + 1;
@@ -203,10 +210,10 @@ void BitMask::Morph(const Kernel& kernel, bool erode) {
         a += d;
       }
       for (int y = 0; y < rows_; ++y) {
-        uint64_t* row = plane + static_cast<size_t>(y) * stride;
-        std::memcpy(line_.data(), row, static_cast<size_t>(stride) * sizeof(uint64_t));
-        ShiftCombine(line_.data(), row, stride, d, erode);
+        const size_t at = static_cast<size_t>(y) * stride;
+        ShiftCombine(from + at, plane + at, stride, d, erode);
       }
+      from = plane;
     }
   }
   const auto runRow = [&](int run, int y) {

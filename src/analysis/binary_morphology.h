@@ -55,8 +55,8 @@ class BitMask {
 
   const Kernel& KernelOf(int shape, int size);
   void Morph(const Kernel& kernel, bool erode);
-  // dst(x) = dst(x) op src(x + d) along one row of n words; src reads the
-  // border value beyond the row.
+  // dst(x) = src(x) op src(x + d) along one row of n words, src reading the
+  // border value beyond the row; dst may be src.
   static void ShiftCombine(const uint64_t* src, uint64_t* dst, int n, int d, bool erode);
   void FixPadding(uint64_t* plane, bool fill) const;
 
@@ -66,7 +66,6 @@ class BitMask {
   uint64_t pad_ = 0;  // bits of a row's last word beyond the last column
   std::vector<uint64_t> bits_;
   std::vector<uint64_t> planes_;  // horizontal runs, one plane each
-  std::vector<uint64_t> line_;    // one row of scratch
   std::vector<uint64_t> column_;  // row windows of a uniform kernel
   std::vector<Kernel> kernels_;
 };

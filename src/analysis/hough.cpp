@@ -4,13 +4,17 @@
 #include <cmath>
 #include <numeric>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace {
 
-constexpr int kAngles = 180;  // cvRound(pi / (float)(pi / 180))
+constexpr int kAngles = 180;  // cvRound(pi / (float)(pi / 180)), a multiple of 4
 
 struct Tables {
-  float sin[kAngles];
-  float cos[kAngles];
+  alignas(16) float sin[kAngles];
+  alignas(16) float cos[kAngles];
   Tables() {
     // The angle is accumulated in single precision, as the library does.
     const float step = static_cast<float>(CV_PI / 180.0);
@@ -81,11 +85,23 @@ void HoughVotes::Vote(const cv::Mat& edges, cv::Point offset, cv::Size frame) {
     const float y = static_cast<float>(i + offset.y);
     for (int j = 0; j < edges.cols; ++j) {
       if (row[j] == 0) continue;
-      const float x = static_cast<float>(j + offset.x);
-      int* cell = a + stride + 1 + shift;
-      for (int n = 0; n < kAngles; ++n, cell += stride) {
-        ++cell[cvRound(x * trig.cos[n] + y * trig.sin[n])];
+      alignas(16) int rho[kAngles];
+#if defined(__SSE2__)
+      // Four angles at a time: single-precision products and sum, rounded
+      // to nearest even as cvRound does.
+      const __m128 vx = _mm_set1_ps(static_cast<float>(j + offset.x));
+      const __m128 vy = _mm_set1_ps(y);
+      for (int n = 0; n < kAngles; n += 4) {
+        const __m128 sum = _mm_add_ps(_mm_mul_ps(vx, _mm_load_ps(trig.cos + n)),
+                                      _mm_mul_ps(vy, _mm_load_ps(trig.sin + n)));
+        _mm_store_si128(reinterpret_cast<__m128i*>(rho + n), _mm_cvtps_epi32(sum));
       }
+#else
+      const float x = static_cast<float>(j + offset.x);
+      for (int n = 0; n < kAngles; ++n) rho[n] = cvRound(x * trig.cos[n] + y * trig.sin[n]);
+#endif
+      int* cell = a + stride + 1 + shift;
+      for (int n = 0; n < kAngles; ++n, cell += stride) ++cell[rho[n]];
     }
   }
 
