@@ -185,6 +185,19 @@ void BitMask::Morph(const Kernel& kernel, bool erode) {
   const size_t planeWords = static_cast<size_t>(rows_) * stride;
   planes_.resize(planeWords * static_cast<size_t>(runs));
   FixPadding(bits_.data(), erode);
+  // A row of the image that is all 0 or all 1 gives that same row for every
+  // run (each run holds the pixel itself), so such rows are not grown.
+  constantRow_.assign(static_cast<size_t>(rows_), 0);
+  for (int y = 0; y < rows_; ++y) {
+    const uint64_t* row = bits_.data() + static_cast<size_t>(y) * words_;
+    const uint64_t value = (row[0] & 1) == 0 ? 0 : kOnes;  // its first pixel's value
+    bool constant = true;
+    for (int w = 0; w < words_ && constant; ++w) {
+      const uint64_t used = w == words_ - 1 ? ~pad_ : kOnes;  // the image's columns
+      constant = ((row[w] ^ value) & used) == 0;
+    }
+    if (constant) constantRow_[static_cast<size_t>(y)] = value == 0 ? 1 : 2;
+  }
   int a = 0, b = 0;
   for (int k = 0; k < runs; ++k) {
     uint64_t* plane = planes_.data() + planeWords * static_cast<size_t>(k);
@@ -211,7 +224,13 @@ void BitMask::Morph(const Kernel& kernel, bool erode) {
       }
       for (int y = 0; y < rows_; ++y) {
         const size_t at = static_cast<size_t>(y) * stride;
-        ShiftCombine(from + at, plane + at, stride, d, erode);
+        const char constant = constantRow_[static_cast<size_t>(y)];
+        if (constant == 0) {
+          ShiftCombine(from + at, plane + at, stride, d, erode);
+        } else if (from != plane) {
+          std::fill(plane + at + margin, plane + at + margin + words_,
+                    constant == 1 ? uint64_t{0} : kOnes);
+        }
       }
       from = plane;
     }

@@ -67,6 +67,7 @@ class BitMask {
   std::vector<uint64_t> bits_;
   std::vector<uint64_t> planes_;  // horizontal runs, one plane each
   std::vector<uint64_t> column_;  // row windows of a uniform kernel
+  std::vector<char> constantRow_;  // per row: 0 mixed, 1 all 0, 2 all 1
   std::vector<Kernel> kernels_;
 };
 
