@@ -18,6 +18,7 @@
 #include "analysis/analysis.h"
 #include "analysis/binary_morphology.h"
 #include "support/access.h"
+#include "support/literal_presence.h"
 #include "support/reference_spin_axis.h"
 #include "synth/swing.h"
 #include "tracker/find_lines.h"
@@ -160,20 +161,7 @@ void LiteralFind(ClubTracker& tracker, const std::vector<ClubImage*> (&frames)[2
   for (size_t k = 0; k < n; ++k) {
     int present[2] = {0, 0};
     for (int c = 0; c < 2; ++c) {
-      cv::Mat& refined = masks[c][k];
-      MorphologyChainLiteral(cand[c][k]->image, refined,
-                             {{cv::MORPH_OPEN, cv::MORPH_ELLIPSE, 3},
-                              {cv::MORPH_CLOSE, cv::MORPH_RECT, 5},
-                              {cv::MORPH_OPEN, cv::MORPH_ELLIPSE, 7},
-                              {cv::MORPH_CLOSE, cv::MORPH_ELLIPSE, 31}});
-      const int m = std::min(refined.rows, refined.cols);
-      cv::Mat test = refined.clone();
-      test.row(0).setTo(0);
-      test.row(test.rows - 1).setTo(0);
-      test.col(0).setTo(0);
-      test.col(test.cols - 1).setTo(0);
-      MorphologyChainLiteral(test, test, {{cv::MORPH_ERODE, cv::MORPH_RECT, 2 * ((m / 4) / 2) + 1}});
-      present[c] = cv::sum(test)[0] > 0.0 ? 1 : 0;
+      present[c] = LiteralPresence(cand[c][k]->image, masks[c][k]);
     }
     both += present[0] == 1 && present[1] == 1;
   }

@@ -72,6 +72,10 @@ void BitMask::Unpack(cv::Mat& mask) const {
   for (int y = 0; y < rows_; ++y) {
     uchar* p = mask.ptr<uchar>(y);
     const uint64_t* in = bits_.data() + static_cast<size_t>(y) * words_;
+    if (std::all_of(in, in + words_, [](uint64_t w) { return w == 0; })) {
+      std::memset(p, 0, static_cast<size_t>(cols_));  // most rows of a mask are empty
+      continue;
+    }
     int x = 0;
     for (int w = 0; w < words_; ++w) {
       uint64_t word = in[w];
@@ -155,10 +159,17 @@ void BitMask::ShiftCombine(const uint64_t* src, uint64_t* dst, int n, int d, boo
   const int q = d >= 0 ? d / 64 : -((-d + 63) / 64);
   const int r = d - 64 * q;
   const auto word = [&](int i) { return (i >= 0 && i < n) ? src[i] : fill; };
+  // Words w whose reads w + q and w + q + 1 both lie inside the row.
+  const int inFirst = std::max(0, -q), inLast = std::min(n - 1, n - 2 - q);
   const auto one = [&](int w) {
-    uint64_t shifted = word(w + q) >> r;
-    if (r != 0) shifted |= word(w + q + 1) << (64 - r);
-    dst[w] = Combine(src[w], shifted, erode);
+    uint64_t shifted;
+    if (w >= inFirst && w <= inLast) {
+      shifted = r == 0 ? src[w + q] : (src[w + q] >> r) | (src[w + q + 1] << (64 - r));
+    } else {
+      shifted = word(w + q) >> r;
+      if (r != 0) shifted |= word(w + q + 1) << (64 - r);
+    }
+    dst[w] = erode ? (src[w] & shifted) : (src[w] | shifted);
   };
   // In place (src == dst) each word is written after the words it reads:
   // a shift to the left reads higher words, one to the right lower ones.
