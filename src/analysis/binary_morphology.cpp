@@ -311,6 +311,14 @@ void BitMask::Apply(const MorphStep& step) {
   }
 }
 
+void BitMask::CopyTo(BitMask& other) const {
+  other.rows_ = rows_;
+  other.cols_ = cols_;
+  other.words_ = words_;
+  other.pad_ = pad_;
+  other.bits_.assign(bits_.begin(), bits_.begin() + static_cast<std::ptrdiff_t>(rows_) * words_);
+}
+
 void BitMask::ClearFrame() {
   if (rows_ == 0) return;
   std::fill(bits_.begin(), bits_.begin() + words_, 0);

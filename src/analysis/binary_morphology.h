@@ -33,6 +33,8 @@ class BitMask {
   // nested row runs holding the centre).
   bool Supports(const MorphStep& step);
   void Apply(const MorphStep& step);
+  // Copies the plane (not the scratch) into `other`.
+  void CopyTo(BitMask& other) const;
   // Sets the outermost row and column on every side to 0.
   void ClearFrame();
   bool Any() const;
