@@ -50,6 +50,18 @@ int AgreedHeadSize(std::vector<int>& sizes) {
   return positive[(2 * positive.size()) / 3];
 }
 
+// The refined masks of the presence test. They stay with the thread between
+// calls, so a later swing of the same frame size writes into pages already
+// mapped.
+struct RefinedMasks {
+  std::vector<cv::Mat> refined[2];
+};
+
+RefinedMasks& ThreadMasks() {
+  thread_local RefinedMasks masks;
+  return masks;
+}
+
 // One line of text without line breaks, for the failure log line.
 std::string OneLine(const char* text) {
   std::string line = text != nullptr ? text : "";
@@ -129,8 +141,10 @@ int ClubTracker::Find(std::vector<ClubImage*> cam1Images, std::vector<ClubImage*
 
     // Presence test, frames spread over the cores (each touches only its own
     // slots).
-    std::vector<cv::Mat> masks1(n);
-    std::vector<cv::Mat> masks2(n);
+    std::vector<cv::Mat>& masks1 = ThreadMasks().refined[0];
+    std::vector<cv::Mat>& masks2 = ThreadMasks().refined[1];
+    masks1.resize(static_cast<size_t>(n));
+    masks2.resize(static_cast<size_t>(n));
     std::vector<int> present1(static_cast<size_t>(n), 0);
     std::vector<int> present2(static_cast<size_t>(n), 0);
     tbb::parallel_for(0, n, [&](int k) {
@@ -154,8 +168,6 @@ int ClubTracker::Find(std::vector<ClubImage*> cam1Images, std::vector<ClubImage*
       headValue2 = AgreedHeadSize(sizes);
       if (headValue1 <= 0 || headValue2 <= 0) return 0;
     }
-    masks1.clear();
-    masks2.clear();
 
     for (int k = 0; k < n; ++k) {
       DeleteDriverHeadArea(cand1[k], headValue1);
