@@ -7,6 +7,7 @@ packages=(
   g++ cmake make pkg-config
   libopencv-dev libtbb-dev libinih-dev libcli11-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  clang
 )
 
 missing=()
