@@ -232,7 +232,7 @@ bool CheckGeometry(const ClubTrackerSetting& setting, const std::vector<ClubImag
                    const std::vector<ClubImage*>& cam2, std::vector<std::string>& problems) {
   const size_t before = problems.size();
   CheckRegion(setting, problems);
-  CheckRegionInFrames(setting, cam1, cam2, problems);
+  if (problems.size() == before) CheckRegionInFrames(setting, cam1, cam2, problems);
   CheckIntervals(setting, problems);
   CheckAxes(setting, problems);
   return problems.size() == before;
