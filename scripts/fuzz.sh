@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Runs every fuzz target for SECONDS over its seed corpus; a crash stops the
-# run with the target's report and leaves the input as crash-* in the build
-# folder. Usage: scripts/fuzz.sh FUZZ_BIN_DIR [SECONDS] [TARGET...]
+# Runs every fuzz target for SECONDS over its seed corpus; a crash stops that
+# target (its report in fuzz-<target>.log, the input as <target>-crash-* in
+# the build folder) and the script exits non-zero after the others ran.
+# Usage: scripts/fuzz.sh FUZZ_BIN_DIR [SECONDS] [TARGET...]
 set -euo pipefail
 bin=$1
 seconds=${2:-30}
@@ -9,10 +10,19 @@ shift $(( $# > 1 ? 2 : 1 ))
 targets=("$@")
 [ ${#targets[@]} -eq 0 ] && targets=(option_file frame_name find recording)
 here=$(cd "$(dirname "$0")/.." && pwd)
+failed=()
 for t in "${targets[@]}"; do
-  work="$bin/corpus-$t"
-  mkdir -p "$work"
+  mkdir -p "$bin/corpus-$t"
   echo "fuzz_$t: ${seconds}s"
-  (cd "$bin" && "./fuzz_$t" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=3072 \
-     -print_final_stats=1 "corpus-$t" "$here/fuzz/corpus/$t" 2>&1 | tail -n 12)
+  if ! (cd "$bin" && "./fuzz_$t" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=3072 \
+          -artifact_prefix="$t-" -print_final_stats=1 "corpus-$t" "$here/fuzz/corpus/$t" \
+          >"fuzz-$t.log" 2>&1); then
+    failed+=("$t")
+  fi
+  grep -E "^(==[0-9]+==ERROR|SUMMARY|stat::number_of_executed_units|stat::average_exec_per_sec|Done)" \
+    "$bin/fuzz-$t.log" || true
 done
+if [ ${#failed[@]} -ne 0 ]; then
+  echo "fuzz: failed: ${failed[*]} (reports in $bin/fuzz-<target>.log)"
+  exit 1
+fi
