@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <limits>
@@ -83,6 +84,82 @@ bool PnmSize(const std::string& b, uint64_t& width, uint64_t& height) {
   }
   width = values[0];
   height = values[1];
+  return true;
+}
+
+uint32_t Crc32(const char* data, size_t size) {
+  static const auto table = [] {
+    std::array<uint32_t, 256> t{};
+    for (uint32_t n = 0; n < 256; ++n) {
+      uint32_t c = n;
+      for (int k = 0; k < 8; ++k) c = (c & 1u) != 0 ? 0xEDB88320u ^ (c >> 1) : c >> 1;
+      t[n] = c;
+    }
+    return t;
+  }();
+  uint32_t c = 0xFFFFFFFFu;
+  for (size_t i = 0; i < size; ++i) c = table[(c ^ static_cast<unsigned char>(data[i])) & 0xFFu] ^ (c >> 8);
+  return ~c;
+}
+
+// PNG: every chunk whole with a matching CRC, up to IEND.
+bool PngComplete(const std::string& b, std::string& why) {
+  size_t at = 8;
+  while (true) {
+    if (at + 12 > b.size()) {
+      why = "is truncated (the PNG ends before its IEND chunk)";
+      return false;
+    }
+    const uint64_t length = BigEndian32(b, at);
+    if (length > b.size() - at - 12) {
+      why = "is truncated (a PNG chunk runs past the end of the file)";
+      return false;
+    }
+    const size_t end = at + 8 + static_cast<size_t>(length);
+    if (Crc32(b.data() + at + 4, static_cast<size_t>(length) + 4) != BigEndian32(b, end)) {
+      why = "is damaged (CRC error in its PNG " + b.substr(at + 4, 4) + " chunk)";
+      return false;
+    }
+    if (b.compare(at + 4, 4, "IEND") == 0) return true;
+    at = end + 4;
+  }
+}
+
+// BMP without compression: the pixel rows the header promises are there.
+bool BmpComplete(const std::string& b, std::string& why) {
+  if (b.size() < 54 || LittleEndian32(b, 14) < 40) return true;  // older headers: the decoder's call
+  const uint64_t offset = LittleEndian32(b, 10);
+  const auto width = static_cast<int32_t>(LittleEndian32(b, 18));
+  const auto height = static_cast<int32_t>(LittleEndian32(b, 22));
+  const unsigned bits = static_cast<unsigned char>(b[28]) | (static_cast<unsigned char>(b[29]) << 8);
+  const uint32_t compression = LittleEndian32(b, 30);
+  if (compression != 0 || width <= 0 || bits == 0) return true;
+  const uint64_t stride = (static_cast<uint64_t>(width) * bits + 31) / 32 * 4;
+  const uint64_t rows = static_cast<uint64_t>(height < 0 ? -static_cast<int64_t>(height) : height);
+  const uint64_t needed = offset + stride * rows;
+  if (b.size() < needed) {
+    why = "is truncated (" + std::to_string(b.size()) + " of the " + std::to_string(needed) +
+          " bytes its BMP header promises)";
+    return false;
+  }
+  return true;
+}
+
+// Whether the file is whole as far as its format shows cheaply; decoders
+// would otherwise guess (BMP), or print their own complaints (PNG, JPEG).
+bool LooksComplete(const std::string& b, std::string& why) {
+  if (b.size() >= 8 && b.compare(0, 8, "\x89PNG\r\n\x1a\n") == 0) return PngComplete(b, why);
+  if (b.size() >= 2 && b[0] == 'B' && b[1] == 'M') return BmpComplete(b, why);
+  if (b.size() >= 2 && static_cast<unsigned char>(b[0]) == 0xFF &&
+      static_cast<unsigned char>(b[1]) == 0xD8) {
+    size_t end = b.size();
+    while (end > 2 && b[end - 1] == '\0') --end;  // padding after the end marker
+    if (end < 4 || static_cast<unsigned char>(b[end - 2]) != 0xFF ||
+        static_cast<unsigned char>(b[end - 1]) != 0xD9) {
+      why = "is truncated (the JPEG ends without its end marker)";
+      return false;
+    }
+  }
   return true;
 }
 
@@ -235,6 +312,13 @@ std::vector<ClubImage*> LoadCameraFrames(const fs::path& folder, int impactIndex
         overLimit.Add(Shown(file) + " is " + std::to_string(width) + " x " +
                       std::to_string(height) + " pixels, more than the limit of " +
                       std::to_string(limits.maxPixels) + "; skipped");
+        continue;
+      }
+      if (!LooksComplete(bytes, problem)) {
+        if (imageName) {
+          ++frameFiles;
+          undecodable.Add(Shown(file) + " " + problem + "; skipped, still counted for ImpactIndex");
+        }
         continue;
       }
       // Files that do not decode (the option file among them) are skipped.
