@@ -104,18 +104,24 @@ int QuarvelOstrin::RunOfflineTest(const std::filesystem::path& optionFilePath,
     setting.timeStampIntervalAfterImpact = options.setting.timeStampIntervalAfterImpact;
 
     FrameLists frames;
+    std::vector<std::string> warnings;  // frame files skipped, odd frames
     if (!options.folderPath.empty()) {
       double values[21];
       ReadCalibrationFile(CameraOptionFile(options.folder, 0), values);
       std::copy(values, values + 9, setting.cam1Intrinsic);
       std::copy(values + 9, values + 21, setting.cam1Extrinsic);
-      frames.cam1 = LoadCameraFrames(CameraFolder(options.folder, 0), options.impactIndex);
+      frames.cam1 = LoadCameraFrames(CameraFolder(options.folder, 0), options.impactIndex,
+                                     FrameLoadLimits{}, &warnings);
       ReadCalibrationFile(CameraOptionFile(options.folder, 1), values);
       std::copy(values, values + 9, setting.cam2Intrinsic);
       std::copy(values + 9, values + 21, setting.cam2Extrinsic);
-      frames.cam2 = LoadCameraFrames(CameraFolder(options.folder, 1), options.impactIndex);
+      frames.cam2 = LoadCameraFrames(CameraFolder(options.folder, 1), options.impactIndex,
+                                     FrameLoadLimits{}, &warnings);
     }
 
+    for (const std::string& warning : warnings) {
+      setting.logCallback(Utf8ToWide("RunOfflineTest: " + warning), setting.logContext);
+    }
     tracker->SetTrackerSetting(setting);
     ClubTrackerResult result;
     const auto start = std::chrono::steady_clock::now();

@@ -18,6 +18,7 @@
 #include "tracker/find_lines.h"
 #include "tracker/frame_pairing.h"
 #include "tracker/records.h"
+#include "tracker/validation_internal.h"
 
 namespace {
 
@@ -92,6 +93,15 @@ int ClubTracker::Find(std::vector<ClubImage*> cam1Images, std::vector<ClubImage*
         return 0;
       }
     }
+    // One line per problem of the input; the run goes on as it would anyway.
+    std::vector<std::string> problems;
+    const auto logProblems = [this, &problems] {
+      for (const std::string& problem : problems) Log("ClubTracker::Find: %s", problem.c_str());
+      problems.clear();
+    };
+    clubtracker::ValidateFrames(cam1Images, cam2Images, problems);
+    clubtracker::CheckGeometry(setting, cam1Images, cam2Images, problems);
+    logProblems();
 
     std::vector<ClubImage*> pairs1;
     std::vector<ClubImage*> pairs2;
@@ -203,6 +213,8 @@ int ClubTracker::Find(std::vector<ClubImage*> cam1Images, std::vector<ClubImage*
       ClubSpinAxis3D spinAxis;
       spinAxis.firstFrame = 0;
       spinAxis.secondFrame = 0;
+      clubtracker::CheckCalibration(setting, problems);
+      logProblems();
       FindClubSpinAxis(cand1, cand2, spinAxis);
       if (timeUp()) return 0;
       FindShaftAndHead(cand1, cand2, spinAxis, result);

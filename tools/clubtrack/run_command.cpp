@@ -78,6 +78,10 @@ int RunReplay(const RunCommandOptions& options) {
 
   ReplayOutcome outcome;
   if (!Replay(options.recording, outcome, &error, measure)) return Fail(error);
+  // Warnings go to standard error even with --quiet: the numbers may be wrong.
+  for (const std::string& warning : outcome.swing.warnings) {
+    std::cerr << "clubtrack run: warning: " << OneLine(warning) << "\n";
+  }
 
   const bool jsonToStdout = options.json == "-";
   if (!options.json.empty()) {

@@ -1,6 +1,8 @@
 // clubtrack synth OUT_DIR [options]: render one synthetic swing and write it
 // in the recording layout the offline replay reads.
 #include <charconv>
+#include <cmath>
+#include <utility>
 #include <cstdint>
 #include <cstdio>
 #include <iostream>
@@ -87,6 +89,16 @@ void AddSynthCommand(CLI::App& app, int& exitStatus) {
   cmd->add_flag("--png", options->png, "frames as PNG instead of BMP");
 
   cmd->callback([options, cmd, &exitStatus]() {
+    if (options->outDir.empty()) {
+      throw CLI::ValidationError("OUT_DIR", "must not be empty (it would write into the current folder)");
+    }
+    // A range check lets NaN through: every comparison with it is false.
+    const std::pair<const char*, double> numbers[] = {{"--speed", options->scene.speedMps},
+                                                      {"--fps", options->scene.fps},
+                                                      {"--noise", options->scene.noiseSigma}};
+    for (const auto& [name, value] : numbers) {
+      if (!std::isfinite(value)) throw CLI::ValidationError(name, "must be a finite number");
+    }
     if (options->scene.impactIndex >= options->scene.frames) {
       throw CLI::ValidationError("--impact-index", "must be smaller than --frames (" +
                                                        std::to_string(options->scene.frames) + ")");
