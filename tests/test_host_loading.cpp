@@ -173,6 +173,13 @@ TEST(LibraryExports, ExactlyTheHostInterface) {
       "_ZN17ClubTrackerResultC1EOS_", "_ZN17ClubTrackerResultC1Ev", "_ZN17ClubTrackerResultC2EOS_",
       "_ZN17ClubTrackerResultC2Ev", "_ZN17ClubTrackerResultD1Ev", "_ZN17ClubTrackerResultD2Ev",
       "_ZN17ClubTrackerResultaSEOS_"};
+  // The C++ interface of measure.h and the C interface sit beside the host interface.
+  std::erase_if(functions, [](const std::string& name) {
+    for (const char* prefix : {"_ZN11clubtracker", "_ZNK11clubtracker", "clubtracker_"}) {
+      if (name.rfind(prefix, 0) == 0) return true;
+    }
+    return false;
+  });
   EXPECT_EQ(functions, expected) << command;
 }
 
