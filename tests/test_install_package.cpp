@@ -61,7 +61,7 @@ TEST(InstallPackage, HostBuildsAgainstTheInstalledPackageAndRuns) {
             0)
       << output;
   for (const char* header : {"clubtracker/ClubTracker.h", "clubtracker/QuarvelTestingInterface.h",
-                             "imageprocess/ImageProcess.h"}) {
+                             "clubtracker/measure.h", "imageprocess/ImageProcess.h"}) {
     EXPECT_TRUE(fs::exists(prefix / "include" / header)) << header;
   }
   EXPECT_TRUE(fs::exists(prefix / "bin" / "clubtrack"));
@@ -97,14 +97,20 @@ TEST(InstallPackage, HostBuildsAgainstTheInstalledPackageAndRuns) {
   flags = " -DCMAKE_CXX_FLAGS=-fsanitize=address,undefined"
           " -DCMAKE_EXE_LINKER_FLAGS=-fsanitize=address,undefined";
 #endif
-  const fs::path hostBuild = temp.path / "host-build";
-  ASSERT_EQ(Shell("cmake -S " + Quote(std::string(CLUBTRACKER_SOURCE_DIR) + "/examples/host") +
-                      " -B " + Quote(hostBuild.string()) + " -DCMAKE_BUILD_TYPE=Release" +
-                      " -DCMAKE_PREFIX_PATH=" + Quote(prefix.string()) + flags,
-                  log, &output),
-            0)
-      << output;
-  ASSERT_EQ(Shell("cmake --build " + Quote(hostBuild.string()), log, &output), 0) << output;
+  // The examples, configured and built against the installed package only.
+  const auto buildExample = [&](const std::string& name) {
+    const fs::path build = temp.path / (name + "-build");
+    EXPECT_EQ(Shell("cmake -S " + Quote(std::string(CLUBTRACKER_SOURCE_DIR) + "/examples/" + name) +
+                        " -B " + Quote(build.string()) + " -DCMAKE_BUILD_TYPE=Release" +
+                        " -DCMAKE_PREFIX_PATH=" + Quote(prefix.string()) + flags +
+                        " && cmake --build " + Quote(build.string()),
+                    log, &output),
+              0)
+        << output;
+    return build;
+  };
+  const fs::path hostBuild = buildExample("host");
+  const fs::path measureBuild = buildExample("measure");
   ASSERT_EQ(Shell("readelf -d " + Quote((hostBuild / "clubtracker_host").string()), log, &output), 0);
   EXPECT_EQ(output.find("libclubtracker"), std::string::npos) << "a plug-in host links no library:\n"
                                                               << output;
@@ -130,6 +136,16 @@ TEST(InstallPackage, HostBuildsAgainstTheInstalledPackageAndRuns) {
   EXPECT_LT(std::fabs(measured / recording.truth.clubHeadSpeed - 1.0), 1.0)
       << "measured " << measured << ", truth " << recording.truth.clubHeadSpeed;
   EXPECT_NE(output.find("paired frames: 16"), std::string::npos) << output;
+
+  // measure.h from the installed headers, linked to the installed library.
+  ASSERT_EQ(Shell("LD_LIBRARY_PATH=" + Quote(library.parent_path().string()) + " " +
+                      Quote((measureBuild / "clubtracker_measure").string()) + " " +
+                      Quote(swing.string()),
+                  log, &output),
+            0)
+      << output;
+  EXPECT_NE(output.find("head-tracking speed"), std::string::npos) << output;
+  EXPECT_NE(output.find("attack angle"), std::string::npos) << output;
 
   // The installed tool runs from its own prefix.
   ASSERT_EQ(Shell(Quote((prefix / "bin" / "clubtrack").string()) + " --help", log, &output), 0)
