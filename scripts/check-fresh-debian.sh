@@ -39,7 +39,11 @@ trap cleanup EXIT
 
 # Step lines go to the terminal and the log; everything else to the log only.
 exec 3>&1 >>"$log" 2>&1
-step() { echo "=== $(date -u '+%F %T') $*" | tee /dev/fd/3; }
+step() {
+  local line="=== $(date -u '+%F %T') $*"
+  echo "$line"
+  echo "$line" >&3
+}
 fail() { step "FAILED: $*"; tail -n 40 "$log" >&3; exit 1; }
 
 # A command inside the chroot with a clean environment, as root or as `builder`.
