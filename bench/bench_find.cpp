@@ -286,7 +286,6 @@ void BM_Find(benchmark::State& state, Scene scene) {
   }
   state.counters["frames"] = static_cast<double>(p.frames[0].size());
   state.counters["speed_mps"] = result.clubHeadSpeed * 1000.0;
-  fprintf(stderr, "DEBUG speed %g count %d\n", result.clubHeadSpeed, result.frameCount);
 }
 
 void BM_FindLiteral(benchmark::State& state, Scene scene) {
