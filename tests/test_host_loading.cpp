@@ -160,7 +160,8 @@ TEST(LibraryExports, OnlyTheHostInterface) {
   ASSERT_FALSE(functions.empty()) << command;
   const std::vector<std::string> allowed = {
       "AllocateFunc", "QTIFactoryFunc", "_ZN11ClubTracker", "_ZN15ClubFrameResult",
-      "_ZN17ClubTrackerResult", "_Z22InitClubTrackerSetting", "_Z8DebugLog"};
+      "_ZN17ClubTrackerResult", "_Z22InitClubTrackerSetting", "_Z8DebugLog",
+      "_ZN11clubtracker", "_ZNK11clubtracker", "clubtracker_"};
   bool allocate = false;
   for (const std::string& name : functions) {
     allocate = allocate || name == "AllocateFunc";

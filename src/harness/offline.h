@@ -63,6 +63,7 @@ struct LoadedRecording {
   ClubTrackerSetting setting{};
   std::vector<ClubImage*> cam1;
   std::vector<ClubImage*> cam2;
+  std::vector<std::string> warnings;  // what the reading noticed, one line each
 
   LoadedRecording() = default;
   ~LoadedRecording();

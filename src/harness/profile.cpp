@@ -9,6 +9,7 @@
 #include <limits>
 #include <new>
 #include <sstream>
+#include <vector>
 
 #include <ini.h>
 
@@ -456,4 +457,15 @@ std::string WideToUtf8(std::wstring_view text) {
     }
   }
   return out;
+}
+
+void CollectLogLine(std::wstring message, void* context) {
+  auto* lines = static_cast<std::vector<std::string>*>(context);
+  try {
+    std::string line = WideToUtf8(message);
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
+    lines->push_back(std::move(line));
+  } catch (...) {
+    // Out of memory: the line is lost, the run goes on.
+  }
 }

@@ -73,3 +73,7 @@ bool IsWholeNumber(std::string_view text);
 // and back, so a file name survives the round trip unchanged.
 std::wstring Utf8ToWide(std::string_view text);
 std::string WideToUtf8(std::wstring_view text);
+
+// A log callback that keeps each line, in UTF-8 and without its line breaks,
+// in the std::vector<std::string> that `context` points to.
+void CollectLogLine(std::wstring message, void* context);

@@ -13,19 +13,6 @@
 
 namespace {
 
-// Log target of a run with a report: the lines are kept, without their line
-// breaks, in the vector that `context` points to.
-void CollectLog(std::wstring message, void* context) {
-  auto* lines = static_cast<std::vector<std::string>*>(context);
-  try {
-    std::string line = WideToUtf8(message);
-    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
-    lines->push_back(std::move(line));
-  } catch (...) {
-    // Out of memory: the line is lost, the run goes on.
-  }
-}
-
 std::unique_ptr<OfflineResultImage> CopyEntry(const ClubFrameResult& entry) {
   auto record = std::make_unique<OfflineResultImage>();
   record->camera = entry.camera;
@@ -101,7 +88,7 @@ int QuarvelOstrin::RunOfflineTest(const std::filesystem::path& optionFilePath,
   ClubTrackerSetting setting;
   InitClubTrackerSetting(setting);
   if (report != nullptr) {
-    setting.logCallback = &CollectLog;
+    setting.logCallback = &CollectLogLine;
     setting.logContext = &report->log;
   } else {
     setting.logCallback = &DebugLog;

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <ostream>
@@ -91,37 +92,73 @@ bool CheckWritableFile(const fs::path& path, std::string* error) {
   return true;
 }
 
-bool Replay(const fs::path& recording, ReplayOutcome& outcome, std::string* error) {
-  if (!ResolveRunFile(recording, outcome.runFile, error)) return false;
-  RunOptions options;
-  if (!CheckRecording(outcome.runFile, options, error)) return false;
+namespace {
 
-  std::unique_ptr<QuarvelTestingInterface> tester(QTIFactoryFunc());
-  if (tester == nullptr) {
-    SetError(error, "out of memory");
-    return false;
+// The result's entries with storage of their own, for the pictures.
+void CopyEntries(const ClubTrackerResult& result,
+                 std::vector<std::unique_ptr<OfflineResultImage>>& images) {
+  images.clear();
+  if (result.frames == nullptr) return;
+  for (int e = 0; e < result.frameCount; ++e) {
+    const ClubFrameResult& entry = result.frames[e];
+    auto record = std::make_unique<OfflineResultImage>();
+    record->camera = entry.camera;
+    record->frameNumber = entry.frameNumber;
+    record->hasShaft = entry.hasShaft;
+    std::copy(entry.head, entry.head + 3, record->head);
+    const ClubImage& image = entry.image;
+    record->width = image.width;
+    record->height = image.height;
+    record->bytesPerChannel = image.bytesPerChannel;
+    record->channels = image.channels;
+    const size_t area = static_cast<size_t>(image.width) * image.height;
+    if (image.pixels != nullptr) {
+      record->pixels.assign(image.pixels,
+                            image.pixels + area * image.bytesPerChannel * image.channels);
+    }
+    if (entry.rawPixels != nullptr) record->rawPixels.assign(entry.rawPixels, entry.rawPixels + area);
+    record->timeStamp = image.timeStamp;
+    record->afterImpact = image.afterImpact;
+    images.push_back(std::move(record));
   }
-  outcome.report = OfflineRunReport{};
-  outcome.report.headTracking = true;
-  outcome.images.clear();
-  int ran = 0;
+}
+
+}  // namespace
+
+bool Replay(const fs::path& recording, ReplayOutcome& outcome, std::string* error,
+            const clubtracker::MeasureOptions& options) {
+  if (!ResolveRunFile(recording, outcome.runFile, error)) return false;
+  clubtracker::Recording loaded;
   {
     const QuietDecoders quiet;
-    ran = tester->RunOfflineTest(outcome.runFile, outcome.images, &outcome.report);
+    if (!clubtracker::LoadRecording(outcome.runFile, loaded, error)) return false;
   }
-  if (ran != 1) {
-    const std::string last = outcome.report.log.empty() ? "" : ": " + outcome.report.log.back();
-    SetError(error, "the replay of " + outcome.runFile.string() + " did not run" + last);
+  outcome.swing = clubtracker::MeasureRecording(loaded, options);
+  const clubtracker::SwingReport& s = outcome.swing;
+  if (!s.ok) {
+    SetError(error, "the measurement of " + outcome.runFile.string() + " did not run: " + s.error);
     return false;
   }
-  const int counts[2] = {outcome.report.cam1FrameCount, outcome.report.cam2FrameCount};
-  for (int camera = 0; camera < 2; ++camera) {
-    if (counts[camera] == 0) {
-      SetError(error, "no file in the camera folder " +
-                          CameraFolder(options.folder, camera).string() + " decodes as an image");
-      return false;
-    }
-  }
+  OfflineRunReport& r = outcome.report;
+  r = OfflineRunReport{};
+  r.headTracking = options.headTracking;
+  r.cam1FrameCount = s.cam1Frames;
+  r.cam2FrameCount = s.cam2Frames;
+  r.frameCount = s.frameCount;
+  r.pairedFrames = s.pairedFrames;
+  r.clubHeadSpeed = s.clubHeadSpeed;
+  r.angularVelocity = s.angularVelocity;
+  r.headRadius = s.headRadius;
+  std::copy(s.axisDirection.begin(), s.axisDirection.end(), r.axisDirection);
+  std::copy(s.axisPosition.begin(), s.axisPosition.end(), r.axisPosition);
+  r.speedFrameFrom = s.speedFrameFrom;
+  r.speedFrameTo = s.speedFrameTo;
+  r.processingTimeMs = s.processingTimeMs;
+  r.log = s.log;
+  r.headTrackingSpeed = s.headTrackingSpeed;
+  r.headTrackingLog = s.headTrackingLog;
+  outcome.images.clear();
+  if (s.result != nullptr) CopyEntries(*s.result, outcome.images);
   return true;
 }
 
@@ -140,27 +177,7 @@ std::vector<FrameView> ViewsOf(const ReplayOutcome& outcome) {
 }
 
 nlohmann::json ReplayJson(const ReplayOutcome& outcome) {
-  const OfflineRunReport& r = outcome.report;
-  nlohmann::json json;
-  json["recording"] = outcome.runFile.string();
-  json["clubHeadSpeed"] = r.clubHeadSpeed;
-  json["clubHeadSpeedMps"] = r.clubHeadSpeed * kMpsPerUnit;
-  json["angularVelocity"] = r.angularVelocity;
-  json["headRadius"] = r.headRadius;
-  json["axisDirection"] = {r.axisDirection[0], r.axisDirection[1], r.axisDirection[2]};
-  json["axisPosition"] = {r.axisPosition[0], r.axisPosition[1], r.axisPosition[2]};
-  json["speedFrameFrom"] = r.speedFrameFrom;
-  json["speedFrameTo"] = r.speedFrameTo;
-  json["frameCount"] = r.frameCount;
-  json["pairedFrames"] = r.pairedFrames;
-  json["cam1Frames"] = r.cam1FrameCount;
-  json["cam2Frames"] = r.cam2FrameCount;
-  json["headTrackingSpeed"] = r.headTrackingSpeed;
-  json["headTrackingSpeedMps"] = r.headTrackingSpeed * kMpsPerUnit;
-  json["processingTimeMs"] = r.processingTimeMs;
-  json["log"] = r.log;
-  json["headTrackingLog"] = r.headTrackingLog;
-  return json;
+  return nlohmann::json::parse(clubtracker::ReportJson(outcome.swing, outcome.runFile.string()));
 }
 
 void PrintSummary(std::ostream& out, const ReplayOutcome& outcome, bool withLog) {

@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "clubtracker/QuarvelTestingInterface.h"
+#include "clubtracker/measure.h"
 #include "pictures.h"
 
 // Micro-metres per micro-second is metres per second: the recordings' units
@@ -18,14 +19,16 @@ inline constexpr double kMpsPerUnit = 1000.0;
 
 struct ReplayOutcome {
   std::filesystem::path runFile;
-  OfflineRunReport report;
+  clubtracker::SwingReport swing;
+  OfflineRunReport report;  // the swing's numbers in the testing object's record
   std::vector<std::unique_ptr<OfflineResultImage>> images;
 };
 
-// Resolves RECORDING (a run option file or a folder holding run.ini), checks
-// it, replays it through the testing object (head tracking included) and
-// checks that both cameras gave frames. False with a one-line reason.
-bool Replay(const std::filesystem::path& recording, ReplayOutcome& outcome, std::string* error);
+// Resolves RECORDING (a run option file or a folder holding run.ini), loads
+// it and measures it (line-based, head tracking, club delivery). False with a
+// one-line reason.
+bool Replay(const std::filesystem::path& recording, ReplayOutcome& outcome, std::string* error,
+            const clubtracker::MeasureOptions& options = {});
 
 // The frames to draw: the result's entries, or when the result has none (the
 // tracker stopped before the shaft stage) the recording's paired raw frames.
