@@ -237,6 +237,10 @@ HeadMeasurement Measure(const std::vector<ClubImage*>& cam1, const std::vector<C
     m.reason = "the cameras do not see the same point";
   } else {
     m.speed = speed;
+    for (int c = 0; c < 2; ++c) {
+      m.frames[c] = std::move(frames[c]);
+      m.background[c] = std::move(background[c]);
+    }
   }
   return m;
 }
