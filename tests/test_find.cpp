@@ -2,6 +2,7 @@
 // limit, the template fall-back, the raw-pixel copy and the error boundary.
 #include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <tbb/global_control.h>
 
 #include "support/access.h"
 #include "synth/swing.h"
@@ -348,6 +350,48 @@ TEST_F(WholeSwing, SecondCallReplacesTheResultArrays) {
                           static_cast<size_t>(source->width) * source->height),
               0);
   }
+}
+
+// Everything Find writes, the log without its timing line included.
+std::vector<std::vector<uint8_t>> Outcome(const ClubTrackerResult& result, const LogCapture& log) {
+  std::vector<std::vector<uint8_t>> out;
+  const auto bytes = [&out](const void* data, size_t size) {
+    const auto* p = static_cast<const uint8_t*>(data);
+    out.emplace_back(p, p + size);
+  };
+  bytes(&result.headRadius, offsetof(ClubTrackerResult, clubHeadSpeed) + sizeof(double) -
+                                offsetof(ClubTrackerResult, headRadius));
+  for (int e = 0; e < result.frameCount; ++e) {
+    const ClubFrameResult& f = result.frames[e];
+    bytes(&f.camera, offsetof(ClubFrameResult, head) + sizeof(f.head));
+    bytes(f.image.pixels, size_t{f.image.width} * f.image.height * f.image.channels);
+    bytes(f.rawPixels, size_t{f.image.width} * f.image.height);
+  }
+  for (size_t k = 0; k + 1 < log.lines.size(); ++k) bytes(log.lines[k].data(), log.lines[k].size());
+  return out;
+}
+
+TEST_F(WholeSwing, SameOutcomeOnOneAndTwoThreadsAndIntoAnEarlierResult) {
+  std::vector<std::vector<uint8_t>> outcomes[3];
+  ClubTrackerResult reused;
+  for (int run = 0; run < 3; ++run) {
+    const tbb::global_control threads(tbb::global_control::max_allowed_parallelism,
+                                      run == 0 ? 1 : 2);
+    LogCapture log;
+    TemplateSpy tracker(log);
+    Configure(tracker, log);
+    ClubTrackerResult fresh;
+    ClubTrackerResult& result = run == 2 ? reused : fresh;  // run 2: buffers of run 1's sizes
+    if (run == 1) {
+      tracker.Find(recording_->Cam1(), recording_->Cam2(), reused, 0);
+      log.lines.clear();
+    }
+    tracker.Find(recording_->Cam1(), recording_->Cam2(), result, 0);
+    outcomes[run] = Outcome(result, log);
+  }
+  ASSERT_GT(outcomes[0].size(), 40u);
+  EXPECT_TRUE(outcomes[0] == outcomes[1]) << "one thread against two";
+  EXPECT_TRUE(outcomes[0] == outcomes[2]) << "fresh result against an earlier one";
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 // The installed package stays usable: cmake --install into a fresh prefix,
-// the example host configured with find_package(clubtracker CONFIG) and built
-// against it, then run on a synthetic recording; pkg-config finds the library.
+// the example plug-in host configured with find_package(clubtracker CONFIG) and
+// built with its headers only (no link to the library, which it loads with
+// dlopen), then run on a synthetic recording; pkg-config finds the library.
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <filesystem>
@@ -13,24 +13,12 @@
 
 #include <gtest/gtest.h>
 
+#include "support/temp_folder.h"
 #include "synth/swing.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-struct TempFolder {
-  fs::path path;
-  TempFolder() {
-    path = fs::temp_directory_path() / ("clubtracker-install-" + std::to_string(::getpid()));
-    fs::remove_all(path);
-    fs::create_directories(path);
-  }
-  ~TempFolder() {
-    std::error_code ec;
-    fs::remove_all(path, ec);
-  }
-};
 
 std::string Quote(const std::string& text) {
   std::string quoted = "'";
@@ -62,7 +50,7 @@ fs::path FindFile(const fs::path& root, const std::string& name) {
 }  // namespace
 
 TEST(InstallPackage, HostBuildsAgainstTheInstalledPackageAndRuns) {
-  TempFolder temp;
+  TempFolder temp("clubtracker-install");
   const fs::path prefix = temp.path / "prefix";
   const fs::path log = temp.path / "command.log";
   std::string output;
@@ -117,6 +105,10 @@ TEST(InstallPackage, HostBuildsAgainstTheInstalledPackageAndRuns) {
             0)
       << output;
   ASSERT_EQ(Shell("cmake --build " + Quote(hostBuild.string()), log, &output), 0) << output;
+  ASSERT_EQ(Shell("readelf -d " + Quote((hostBuild / "clubtracker_host").string()), log, &output), 0);
+  EXPECT_EQ(output.find("libclubtracker"), std::string::npos) << "a plug-in host links no library:\n"
+                                                              << output;
+  EXPECT_EQ(output.find("libimageprocess"), std::string::npos) << output;
 
   // A short synthetic swing, enough for a line-based speed.
   synth::SwingScene scene;

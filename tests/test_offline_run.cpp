@@ -148,7 +148,7 @@ class GoldenReplay : public ::testing::TestWithParam<const char*> {};
 
 TEST_P(GoldenReplay, SameLogAndResultAsTheReference) {
   const fs::path folder = fs::path(CLUBTRACKER_GOLDEN_DIR) / GetParam();
-  if (!fs::exists(folder / "expected.json")) GTEST_SKIP() << "no golden recording " << folder;
+  ASSERT_TRUE(fs::exists(folder / "expected.json")) << "missing golden recording " << folder;
   nlohmann::json expected;
   std::ifstream(folder / "expected.json") >> expected;
 

@@ -2,10 +2,13 @@
 //
 //   clubtracker_host RECORDING_FOLDER [LIBRARY]
 //
-// Loads the library with dlopen, resolves AllocateFunc, configures the tracker
+// A plug-in host: it includes the public header but does not link the library.
+// It loads the library with dlopen, resolves AllocateFunc, configures the tracker
 // with the calibration of a recording on disk (run.ini, Master/, Slave/, as
 // `clubtrack synth` writes it), hands it both cameras' frames, and prints the
-// club-head speed. A real host has its frames from the cameras instead.
+// club-head speed. The result record is created and destroyed here, with the
+// special members the header defines inline. A real host has its frames from
+// the cameras instead.
 #include <dlfcn.h>
 
 #include <algorithm>

@@ -13,6 +13,9 @@
 //   `image.pixels` and its `rawPixels`. Find() replaces the array (freeing the
 //   old one and every buffer in it); the result's destructor frees whatever it
 //   still holds. Results can be moved but not copied.
+// - The records' special members are defined in this header (see
+//   ClubTrackerRecords.h): a host that loads the library with dlopen() and
+//   does not link it can still create and destroy results.
 // - A tracker owns no resource: copies share nothing but the log target.
 #pragma once
 
@@ -177,3 +180,9 @@ class CLUBTRACKER_API ClubTracker : public ImageProcess {
 
 // Creates a tracker with the default setting; release it with delete.
 extern "C" CLUBTRACKER_API ClubTracker* AllocateFunc();
+
+// Hosts get the records' special members inline; the library itself (and
+// anything linking its static form) defines them once, out of line.
+#ifndef CLUBTRACKER_RECORDS_OUT_OF_LINE
+#include "clubtracker/ClubTrackerRecords.h"
+#endif

@@ -6,6 +6,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "analysis/hough.h"
 #include "tracker/records.h"
 
 // Morphology and Canny edge map of a candidate mask, as the shaft-line
@@ -19,6 +20,20 @@ void ComputeShaftEdges(const cv::Mat& mask, cv::Mat& edges);
 // full-sensor coordinates, lines appended to candidate->lines. Returns 0 for a
 // null candidate or a vote threshold not greater than 0, else 1.
 int ExtractCandidatesFromEdges(CandidateAreaImage* candidate, const cv::Mat& edges,
+                               int voteThreshold);
+
+// The edge map of ComputeShaftEdges limited to the cleaned mask's bounding
+// box widened by Canny's reach: returns the box and its edges (zero outside
+// it). An empty box (empty edges) when the cleaned mask has no pixel or the
+// mask is empty or not 8-bit grey.
+cv::Rect ComputeShaftEdgeBox(const cv::Mat& mask, cv::Mat& edges);
+
+// The Hough votes of ComputeShaftEdges' edge map, made once per frame.
+void ComputeShaftVotes(const cv::Mat& mask, HoughVotes& votes);
+
+// ExtractCandidatesFromEdges with the lines read from the frame's votes: the
+// same lines in the same order.
+int ExtractCandidatesFromVotes(CandidateAreaImage* candidate, const HoughVotes& votes,
                                int voteThreshold);
 
 // Driver-head thickness of every frame of one camera, measured in parallel on

@@ -5,6 +5,8 @@
 #include <opencv2/imgproc.hpp>
 
 #include "analysis/analysis.h"
+#include "analysis/binary_morphology.h"
+#include "analysis/hough.h"
 
 namespace {
 
@@ -13,17 +15,40 @@ namespace {
 constexpr double kHalfPi = CV_PI / 2.0;
 constexpr double kNearHorizontal = static_cast<double>(static_cast<float>(CV_PI) / 8.0f);
 
-void Morph(const cv::Mat& src, cv::Mat& dst, int op, int shape, int size) {
-  const cv::Mat kernel =
-      cv::getStructuringElement(shape, cv::Size(size, size), cv::Point(-1, -1));
-  cv::morphologyEx(src, dst, op, kernel, cv::Point(-1, -1), 1, cv::BORDER_CONSTANT,
-                   cv::morphologyDefaultBorderValue());
-}
-
 // Truncation toward zero; 0 for values an int cannot hold (NaN included).
 int TruncateToInt(float value) {
   if (!(value > -2147483648.0f && value < 2147483648.0f)) return 0;
   return static_cast<int>(value);
+}
+
+}  // namespace
+
+namespace {
+
+// The three cleaning operations before the edge detection.
+constexpr std::initializer_list<MorphStep> kCleanSteps = {
+    {cv::MORPH_OPEN, cv::MORPH_RECT, 3},
+    {cv::MORPH_CLOSE, cv::MORPH_RECT, 5},
+    {cv::MORPH_OPEN, cv::MORPH_ELLIPSE, 7},
+};
+
+// Canny's reach around a set pixel: the 3 x 3 Sobel, the non-maximum
+// suppression and the hysteresis each look one pixel further.
+constexpr int kEdgeMargin = 3;
+
+void Canny(const cv::Mat& cleaned, cv::Mat& edges) { cv::Canny(cleaned, edges, 30.0, 40.0, 3, true); }
+
+// Appends the kept lines of `found` (frame coordinates) to the candidate.
+void AppendLines(CandidateAreaImage* candidate, const std::vector<cv::Vec2f>& found) {
+  const float offsetX = static_cast<float>(candidate->sensorOffsetX);
+  const float offsetY = static_cast<float>(candidate->sensorOffsetY);
+  for (const cv::Vec2f& line : found) {
+    const float theta = line[1];
+    if (std::fabs(static_cast<double>(theta) - kHalfPi) < kNearHorizontal) continue;
+    // Same line in full-sensor coordinates, in single precision.
+    const float rho = (offsetY * std::sin(theta) + offsetX * std::cos(theta)) + line[0];
+    candidate->lines.emplace_back(rho, theta);
+  }
 }
 
 }  // namespace
@@ -34,10 +59,40 @@ void ComputeShaftEdges(const cv::Mat& mask, cv::Mat& edges) {
     return;
   }
   cv::Mat work;
-  Morph(mask, work, cv::MORPH_OPEN, cv::MORPH_RECT, 3);
-  Morph(work, work, cv::MORPH_CLOSE, cv::MORPH_RECT, 5);
-  Morph(work, work, cv::MORPH_OPEN, cv::MORPH_ELLIPSE, 7);
-  cv::Canny(work, edges, 30.0, 40.0, 3, true);
+  MorphologyChain(mask, work, kCleanSteps);
+  Canny(work, edges);
+}
+
+cv::Rect ComputeShaftEdgeBox(const cv::Mat& mask, cv::Mat& edges) {
+  if (mask.empty() || mask.type() != CV_8UC1) {
+    edges.release();
+    return cv::Rect();
+  }
+  thread_local cv::Mat work, part;
+  MorphologyChain(mask, work, kCleanSteps);
+  cv::Rect box = cv::boundingRect(work);
+  if (box.empty()) {
+    edges.release();
+    return cv::Rect();
+  }
+  // Outside the box widened by the margin the cleaned mask is zero and so are
+  // its edges; inside, Canny sees what it sees on the whole frame.
+  box = cv::Rect(box.x - kEdgeMargin, box.y - kEdgeMargin, box.width + 2 * kEdgeMargin,
+                 box.height + 2 * kEdgeMargin) &
+        cv::Rect(0, 0, work.cols, work.rows);
+  work(box).copyTo(part);
+  Canny(part, edges);
+  return box;
+}
+
+void ComputeShaftVotes(const cv::Mat& mask, HoughVotes& votes) {
+  thread_local cv::Mat edges;
+  const cv::Rect box = ComputeShaftEdgeBox(mask, edges);
+  if (box.empty()) {
+    votes.Clear();
+    return;
+  }
+  votes.Vote(edges, box.tl(), mask.size());
 }
 
 int ExtractCandidatesFromEdges(CandidateAreaImage* candidate, const cv::Mat& edges,
@@ -47,16 +102,17 @@ int ExtractCandidatesFromEdges(CandidateAreaImage* candidate, const cv::Mat& edg
 
   std::vector<cv::Vec2f> found;
   cv::HoughLines(edges, found, 1.0, CV_PI / 180.0, voteThreshold, 0, 0);
+  AppendLines(candidate, found);
+  return 1;
+}
 
-  const float offsetX = static_cast<float>(candidate->sensorOffsetX);
-  const float offsetY = static_cast<float>(candidate->sensorOffsetY);
-  for (const cv::Vec2f& line : found) {
-    const float theta = line[1];
-    if (std::fabs(static_cast<double>(theta) - kHalfPi) < kNearHorizontal) continue;
-    // Same line in full-sensor coordinates, in single precision.
-    const float rho = (offsetY * std::sin(theta) + offsetX * std::cos(theta)) + line[0];
-    candidate->lines.emplace_back(rho, theta);
-  }
+int ExtractCandidatesFromVotes(CandidateAreaImage* candidate, const HoughVotes& votes,
+                               int voteThreshold) {
+  if (candidate == nullptr || voteThreshold <= 0) return 0;
+  thread_local std::vector<cv::Vec2f> found;
+  found.clear();
+  votes.Lines(voteThreshold, found);
+  AppendLines(candidate, found);
   return 1;
 }
 

@@ -3,6 +3,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "analysis/binary_morphology.h"
 #include "tracker/records.h"
 
 int ClubTracker::Preprocessing(ClubImage* source, PreprocessedImage* target) {
@@ -37,28 +38,48 @@ int ConvertClubImage(const ClubImage* source, const ClubTrackerSetting* setting,
 
 namespace {
 
-void Morph(const cv::Mat& src, cv::Mat& dst, int op, int shape, int size) {
-  const cv::Mat kernel =
-      cv::getStructuringElement(shape, cv::Size(size, size), cv::Point(-1, -1));
-  cv::morphologyEx(src, dst, op, kernel, cv::Point(-1, -1), 1, cv::BORDER_CONSTANT,
-                   cv::morphologyDefaultBorderValue());
+// The four cleaning operations of the presence test.
+constexpr std::initializer_list<MorphStep> kRefineSteps = {
+    {cv::MORPH_OPEN, cv::MORPH_ELLIPSE, 3},
+    {cv::MORPH_CLOSE, cv::MORPH_RECT, 5},
+    {cv::MORPH_OPEN, cv::MORPH_ELLIPSE, 7},
+    {cv::MORPH_CLOSE, cv::MORPH_ELLIPSE, 31},
+};
+
+// Side of the square the presence test looks for: odd, about a quarter of the
+// mask's shorter side.
+int PresenceSize(const cv::Mat& mask) {
+  const int m = mask.rows <= mask.cols ? mask.rows : mask.cols;
+  return 2 * ((m / 4) / 2) + 1;
 }
 
 }  // namespace
 
 void RefineCandidateMask(const cv::Mat& candidateMask, cv::Mat& refinedMask,
                          int* blobPresent) {
-  Morph(candidateMask, refinedMask, cv::MORPH_OPEN, cv::MORPH_ELLIPSE, 3);
-  Morph(refinedMask, refinedMask, cv::MORPH_CLOSE, cv::MORPH_RECT, 5);
-  Morph(refinedMask, refinedMask, cv::MORPH_OPEN, cv::MORPH_ELLIPSE, 7);
-  Morph(refinedMask, refinedMask, cv::MORPH_CLOSE, cv::MORPH_ELLIPSE, 31);
-
-  const int m = refinedMask.rows <= refinedMask.cols ? refinedMask.rows : refinedMask.cols;
-  const int s = 2 * ((m / 4) / 2) + 1;
+  // A 0/255 mask goes through the bit planes, which give the pixels of the
+  // cv::morphologyEx chain below.
+  BitMask& bits = ThreadBitMask();
+  bool exact = true;
+  for (const MorphStep& step : kRefineSteps) exact = exact && bits.Supports(step);
+  if (exact && bits.Pack(candidateMask)) {
+    for (const MorphStep& step : kRefineSteps) bits.Apply(step);
+    bits.Unpack(refinedMask);
+    const MorphStep presence{cv::MORPH_ERODE, cv::MORPH_RECT, PresenceSize(refinedMask)};
+    if (bits.Supports(presence)) {
+      bits.ClearFrame();
+      bits.Apply(presence);
+      *blobPresent = bits.Any() ? 1 : 0;
+      return;
+    }
+  } else {
+    MorphologyChainLiteral(candidateMask, refinedMask, kRefineSteps);
+  }
+  const int s = PresenceSize(refinedMask);
 
   cv::Mat test = refinedMask.clone();
-  // Clear the outer one-pixel frame. The erosion below overwrites every pixel,
-  // so this has no effect on the outcome; it is kept as it stands.
+  // Clear the outer one-pixel frame: a square touching the frame does not
+  // count.
   if (test.rows > 0 && test.cols > 0 && test.isContinuous() && test.type() == CV_8UC1) {
     unsigned char* p = test.data;
     const int rows = test.rows, cols = test.cols;
@@ -69,6 +90,6 @@ void RefineCandidateMask(const cv::Mat& candidateMask, cv::Mat& refinedMask,
       p[static_cast<size_t>(r) * cols + cols - 1] = 0;
     }
   }
-  Morph(test, test, cv::MORPH_ERODE, cv::MORPH_RECT, s);
+  MorphologyChainLiteral(test, test, {{cv::MORPH_ERODE, cv::MORPH_RECT, s}});
   *blobPresent = cv::sum(test)[0] > 0.0 ? 1 : 0;
 }

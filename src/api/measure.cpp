@@ -22,6 +22,10 @@ bool FiniteUnit(const Vec3& v, const char* name, std::string* why) {
     if (why != nullptr) *why = std::string(name) + " is not finite";
     return false;
   }
+  if (norm == 0.0) {
+    if (why != nullptr) *why = std::string(name) + " is the zero vector";
+    return false;
+  }
   if (std::fabs(norm - 1.0) > 1e-6) {
     char text[160];
     std::snprintf(text, sizeof text, "%s has length %g, not 1", name, norm);

@@ -8,6 +8,8 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <memory>
+#include <utility>
 #include <vector>
 
 #include <opencv2/core.hpp>
@@ -97,18 +99,66 @@ bool InputsConsistent(const std::vector<CandidateAreaImage*>& cam1,
   return true;
 }
 
-void CopyFrameImage(const CandidateAreaImage& area, ClubFrameResult& entry) {
-  cv::Mat bgr;
-  cv::cvtColor(area.image, bgr, cv::COLOR_GRAY2BGR, 0);
-  entry.image.width = static_cast<uint32_t>(bgr.cols);
-  entry.image.height = static_cast<uint32_t>(bgr.rows);
+// Pixel buffers of an entry of the previous result, kept for the entry of the
+// same index when its image has the same size (the buffers are array-new and
+// stay owned by the result).
+struct KeptBuffers {
+  std::unique_ptr<unsigned char[]> image;
+  size_t imageBytes = 0;
+  std::unique_ptr<unsigned char[]> raw;  // image width * height
+  uint32_t width = 0, height = 0;
+};
+
+std::vector<KeptBuffers> TakeBuffers(ClubTrackerResult& result) {
+  std::vector<KeptBuffers> kept;
+  if (result.frames == nullptr || result.frameCount <= 0) return kept;
+  kept.resize(static_cast<size_t>(result.frameCount));
+  for (int e = 0; e < result.frameCount; ++e) {
+    ClubFrameResult& entry = result.frames[e];
+    KeptBuffers& buffers = kept[static_cast<size_t>(e)];
+    buffers.width = entry.image.width;
+    buffers.height = entry.image.height;
+    buffers.imageBytes = static_cast<size_t>(entry.image.width) * entry.image.height *
+                         entry.image.channels * entry.image.bytesPerChannel;
+    buffers.image.reset(std::exchange(entry.image.pixels, nullptr));
+    buffers.raw.reset(std::exchange(entry.rawPixels, nullptr));
+  }
+  return kept;
+}
+
+void CopyFrameImage(const CandidateAreaImage& area, ClubFrameResult& entry,
+                    std::vector<KeptBuffers>& kept, size_t index) {
+  KeptBuffers* old = index < kept.size() ? &kept[index] : nullptr;
+  const cv::Mat& grey = area.image;
+  const size_t bytes = grey.total() * 3;
+  if (old != nullptr && old->image && old->imageBytes == bytes && grey.type() == CV_8UC1 &&
+      !grey.empty()) {
+    // Same size as before: the colour copy is written straight into the kept
+    // buffer.
+    cv::Mat bgr(grey.rows, grey.cols, CV_8UC3, old->image.get());
+    cv::cvtColor(grey, bgr, cv::COLOR_GRAY2BGR, 0);
+    if (bgr.data != old->image.get()) std::memcpy(old->image.get(), bgr.data, bytes);
+    entry.image.pixels = old->image.release();
+    entry.image.width = static_cast<uint32_t>(grey.cols);
+    entry.image.height = static_cast<uint32_t>(grey.rows);
+  } else {
+    cv::Mat bgr;
+    cv::cvtColor(grey, bgr, cv::COLOR_GRAY2BGR, 0);
+    entry.image.width = static_cast<uint32_t>(bgr.cols);
+    entry.image.height = static_cast<uint32_t>(bgr.rows);
+    const size_t size = static_cast<size_t>(bgr.cols) * static_cast<size_t>(bgr.rows) * 3;
+    // The result owns the buffer and releases it with array delete.
+    entry.image.pixels = new unsigned char[size];
+    if (size > 0) std::memcpy(entry.image.pixels, bgr.data, size);
+  }
   entry.image.bytesPerChannel = 1;
   entry.image.channels = 3;
-  const size_t bytes = static_cast<size_t>(bgr.cols) * static_cast<size_t>(bgr.rows) * 3;
-  // The result owns the buffer and releases it with array delete.
-  entry.image.pixels = new unsigned char[bytes];
-  if (bytes > 0) std::memcpy(entry.image.pixels, bgr.data, bytes);
   CopyMetadata(entry.image, area);
+  // Find refills the raw pixels; a kept buffer of the same size serves it.
+  if (old != nullptr && old->raw && old->width == entry.image.width &&
+      old->height == entry.image.height) {
+    entry.rawPixels = old->raw.release();
+  }
 }
 
 void StoreHead(float head[3], const cv::Mat& point) {
@@ -142,19 +192,20 @@ int ClubTracker::FindShaftAndHead(const std::vector<CandidateAreaImage*>& cam1,
   // Step 2: the result frames, rebuilt with a colour copy of every area image.
   const size_t count1 = cam1.size();
   const size_t count2 = cam2.size();
+  std::vector<KeptBuffers> kept = TakeBuffers(result);
   result.ReleaseFrames();
   result.frames = new ClubFrameResult[count1 + count2];
   result.frameCount = static_cast<int32_t>(count1 + count2);
   for (size_t j = 0; j < count1; ++j) {
     ClubFrameResult& entry = result.frames[j];
     entry.frameNumber = static_cast<int32_t>(j);
-    CopyFrameImage(*cam1[j], entry);
+    CopyFrameImage(*cam1[j], entry, kept, j);
   }
   for (size_t j = 0; j < count2; ++j) {
     ClubFrameResult& entry = result.frames[count1 + j];
     entry.camera = 1;
     entry.frameNumber = static_cast<int32_t>(count1 + j);
-    CopyFrameImage(*cam2[j], entry);
+    CopyFrameImage(*cam2[j], entry, kept, count1 + j);
   }
 
   // Step 3: one shaft direction per inlier.

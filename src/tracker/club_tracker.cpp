@@ -22,54 +22,9 @@ void InitClubTrackerSetting(ClubTrackerSetting& setting) {
   setting.logCallback = nullptr;
 }
 
-ClubFrameResult::ClubFrameResult()
-    : camera(0), frameNumber(0), hasShaft(0), spare(0), head{0.0f, 0.0f, 0.0f},
-      image{}, rawPixels(nullptr) {}
-
-ClubFrameResult::~ClubFrameResult() { delete[] rawPixels; }
-
-ClubTrackerResult::ClubTrackerResult()
-    : frameCount(0), frames(nullptr), headRadius(0.0f), angularVelocity(0.0f),
-      axisDirection{0.0f, 0.0f, 0.0f}, axisPosition{0.0f, 0.0f, 0.0f},
-      speedFrameFrom(0), speedFrameTo(0), clubHeadSpeed(0.0) {}
-
-ClubTrackerResult::~ClubTrackerResult() { ReleaseFrames(); }
-
-ClubTrackerResult::ClubTrackerResult(ClubTrackerResult&& other) noexcept
-    : ClubTrackerResult() {
-  *this = std::move(other);
-}
-
-ClubTrackerResult& ClubTrackerResult::operator=(ClubTrackerResult&& other) noexcept {
-  if (this == &other) return *this;
-  ReleaseFrames();
-  frameCount = std::exchange(other.frameCount, 0);
-  frames = std::exchange(other.frames, nullptr);
-  headRadius = other.headRadius;
-  angularVelocity = other.angularVelocity;
-  for (int i = 0; i < 3; ++i) {
-    axisDirection[i] = other.axisDirection[i];
-    axisPosition[i] = other.axisPosition[i];
-  }
-  speedFrameFrom = other.speedFrameFrom;
-  speedFrameTo = other.speedFrameTo;
-  clubHeadSpeed = other.clubHeadSpeed;
-  return *this;
-}
-
-void ClubTrackerResult::ReleaseFrames() {
-  if (frames != nullptr) {
-    // The array was made with array new, so its element count is known to the
-    // allocator; frameCount may have been changed by the caller.
-    for (ClubFrameResult* f = frames; frameCount > 0 && f != frames + frameCount; ++f) {
-      delete[] f->image.pixels;
-      f->image.pixels = nullptr;
-    }
-    delete[] frames;
-  }
-  frames = nullptr;
-  frameCount = 0;
-}
+// The records' special members, compiled here once and exported.
+#define CLUBTRACKER_RECORD_INLINE
+#include "clubtracker/ClubTrackerRecords.h"
 
 ClubTracker::ClubTracker() : referencePoint{0.0, 0.0, 0.0} {
   InitClubTrackerSetting(setting);

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include <opencv2/core.hpp>
+#include <tbb/parallel_for.h>
 
 #include "analysis/analysis.h"
 #include "tracker/find_lines.h"
@@ -126,16 +127,19 @@ int ClubTracker::Find(std::vector<ClubImage*> cam1Images, std::vector<ClubImage*
     if (cand1.size() != cand2.size()) return 0;
     const int n = static_cast<int>(cand1.size());
 
-    // Presence test.
+    // Presence test, frames spread over the cores (each touches only its own
+    // slots).
     std::vector<cv::Mat> masks1(n);
     std::vector<cv::Mat> masks2(n);
+    std::vector<int> present1(static_cast<size_t>(n), 0);
+    std::vector<int> present2(static_cast<size_t>(n), 0);
+    tbb::parallel_for(0, n, [&](int k) {
+      RefineCandidateMask(cand1[k]->image, masks1[k], &present1[k]);
+      RefineCandidateMask(cand2[k]->image, masks2[k], &present2[k]);
+    });
     int bothPresent = 0;
     for (int k = 0; k < n; ++k) {
-      int present1 = 0;
-      int present2 = 0;
-      RefineCandidateMask(cand1[k]->image, masks1[k], &present1);
-      RefineCandidateMask(cand2[k]->image, masks2[k], &present2);
-      if (present1 == 1 && present2 == 1) ++bothPresent;
+      if (present1[k] == 1 && present2[k] == 1) ++bothPresent;
     }
 
     // Driver-head size, measured in parallel over each camera's frames.
@@ -212,13 +216,17 @@ int ClubTracker::Find(std::vector<ClubImage*> cam1Images, std::vector<ClubImage*
           source = pairs2[index - pairs1.size()];
         }
         ClubFrameResult& entry = result.frames[e];
-        delete[] entry.rawPixels;
-        entry.rawPixels = nullptr;
         if (source != nullptr && source->pixels != nullptr &&
             source->width == entry.image.width && source->height == entry.image.height) {
+          // A buffer the entry already holds has its image's size.
           const size_t bytes = static_cast<size_t>(entry.image.width) * entry.image.height;
-          entry.rawPixels = new unsigned char[bytes];  // released by the entry
+          if (entry.rawPixels == nullptr) {
+            entry.rawPixels = new unsigned char[bytes];  // released by the entry
+          }
           if (bytes > 0) std::memcpy(entry.rawPixels, source->pixels, bytes);
+        } else {
+          delete[] entry.rawPixels;
+          entry.rawPixels = nullptr;
         }
       }
     }

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include <tbb/parallel_for.h>
+
 #include "analysis/analysis.h"
 
 namespace {
@@ -18,8 +20,9 @@ LinePasses::LinePasses(LineThreshold threshold, const std::vector<CandidateAreaI
   frames_ = static_cast<int>(cam1.size());
   for (int c = 0; c < 2; ++c) {
     const std::vector<CandidateAreaImage*>& areas = *areas_[c];
-    edges_[c].resize(areas.size());
-    for (size_t k = 0; k < areas.size(); ++k) ComputeShaftEdges(areas[k]->image, edges_[c][k]);
+    votes_[c].resize(areas.size());
+    tbb::parallel_for(size_t{0}, areas.size(),
+                      [&](size_t k) { ComputeShaftVotes(areas[k]->image, votes_[c][k]); });
   }
 }
 
@@ -34,15 +37,19 @@ void LinePasses::Extract() {
     const std::vector<CandidateAreaImage*>& areas = *areas_[c];
     const int before = threshold_(areas.empty() ? nullptr : areas[0], lineSize_[c]);
     int after = 0;
+    thresholds_.resize(areas.size());
     for (size_t k = 0; k < areas.size(); ++k) {
-      CandidateAreaImage* area = areas[k];
-      if (area->afterImpact == 1) {
-        if (after <= 0) after = threshold_(area, lineSize_[c]);
-        ExtractCandidatesFromEdges(area, edges_[c][k], after);
+      if (areas[k]->afterImpact == 1) {
+        if (after <= 0) after = threshold_(areas[k], lineSize_[c]);
+        thresholds_[k] = after;
       } else {
-        ExtractCandidatesFromEdges(area, edges_[c][k], before);
+        thresholds_[k] = before;
       }
     }
+    // Each frame appends only to its own record.
+    tbb::parallel_for(size_t{0}, areas.size(), [&](size_t k) {
+      ExtractCandidatesFromVotes(areas[k], votes_[c][k], thresholds_[k]);
+    });
   }
   redo_[0] = 0;
   redo_[1] = 0;

@@ -9,6 +9,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "analysis/hough.h"
 #include "tracker/records.h"
 
 // The Hough vote threshold of a frame for a line size (the tracker's
@@ -21,7 +22,8 @@ class LinePasses {
   static constexpr float kInitialLineSize = 4.5f;
 
   // The masks of `cam1` and `cam2` (equal lengths) must not change while the
-  // passes run: each frame's edge map is made here, once, and serves every pass.
+  // passes run: each frame's edge map and its Hough votes are made here, once,
+  // and serve every pass.
   LinePasses(LineThreshold threshold, const std::vector<CandidateAreaImage*>& cam1,
              const std::vector<CandidateAreaImage*>& cam2);
 
@@ -41,7 +43,8 @@ class LinePasses {
  private:
   LineThreshold threshold_;
   const std::vector<CandidateAreaImage*>* areas_[2];
-  std::vector<cv::Mat> edges_[2];
+  std::vector<HoughVotes> votes_[2];  // of each frame's edge map
+  std::vector<int> thresholds_;  // of each frame in the current pass
   int frames_ = 0;
   int pass_ = 0;
   float lineSize_[2] = {kInitialLineSize, kInitialLineSize};

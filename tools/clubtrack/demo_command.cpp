@@ -102,14 +102,30 @@ int RunDemo() {
       static_cast<unsigned long long>(scene.seed),
       scene.placement == synth::Placement::kNear ? "near" : "far", truth.fps,
       recording.images[0].size(), recording.images[1].size(), truth.impactIndex);
-  Row("", "measured", "truth");
   const double truthMps = truth.clubHeadSpeedMps;
   const double lineMps = r.clubHeadSpeed * kMpsPerUnit;
   const double headMps = r.headTrackingSpeed * kMpsPerUnit;
+
+  // The accurate measurement first: the club head followed in both cameras.
+  std::string headLine;
+  if (r.headTrackingSpeed != 0.0) {
+    headLine = "club-head speed " + Number(headMps, "%.2f") + " m/s by head tracking (truth " +
+               Number(truthMps, "%.2f") + " m/s, error " +
+               Number(100.0 * (headMps - truthMps) / truthMps, "%+.2f") + " %)";
+  } else {
+    headLine = "club-head speed: none by head tracking (truth " + Number(truthMps, "%.2f") +
+               " m/s)";
+  }
+  std::printf("%s\n", headLine.c_str());
+  std::printf(
+      "  no per-swing standard error yet: over 20 varied synthetic swings it stayed within 0.71 %%\n"
+      "  of the truth (docs/accuracy.md)\n\n");
+
+  // Beneath it the line-based reference method and the spin axis it comes with.
+  std::printf("Reference method: the line-based measurement of Find\n");
+  Row("", "measured", "truth");
   Row("club-head speed (m/s)", r.clubHeadSpeed != 0.0 ? Number(lineMps, "%.2f") : "none found",
       Number(truthMps, "%.2f"), Percent(lineMps, truthMps));
-  Row("head-tracking speed (m/s)", r.headTrackingSpeed != 0.0 ? Number(headMps, "%.2f") : "none",
-      Number(truthMps, "%.2f"), Percent(headMps, truthMps));
   Row("head radius (mm)", Number(r.headRadius, "%.1f"), Number(truth.headRadius, "%.1f"),
       Percent(r.headRadius, truth.headRadius));
   Row("angular velocity (rad/us)", Number(r.angularVelocity, "%.4e"),
@@ -125,24 +141,17 @@ int RunDemo() {
   }
   Row("axis direction", Triple(r.axisDirection, "(%.3f, %.3f, %.3f)"),
       Triple(truth.axis, "(%.3f, %.3f, %.3f)"), angle);
-  std::printf("\n  speed from frames %d to %d; %d paired frames; Find took %.0f ms\n",
-              r.speedFrameFrom, r.speedFrameTo, r.pairedFrames, r.processingTimeMs);
-  if (r.clubHeadSpeed != 0.0) {
-    std::printf("  relative error of the club-head speed: %+.2f %% (line-based), ",
-                100.0 * (lineMps - truthMps) / truthMps);
-  } else {
-    std::printf("  club-head speed: none from the lines, ");
-  }
-  if (r.headTrackingSpeed != 0.0) {
-    std::printf("%+.2f %% (head tracking)\n", 100.0 * (headMps - truthMps) / truthMps);
-  } else {
-    std::printf("none from head tracking\n");
-  }
+  std::printf(
+      "  coarse: shaft directions are quantised to 1 degree and the speed spans one frame "
+      "interval\n  (frames %d to %d); %d paired frames; Find took %.0f ms\n",
+      r.speedFrameFrom, r.speedFrameTo, r.pairedFrames, r.processingTimeMs);
 
   const std::vector<FrameView> views = ViewsOf(outcome);
-  const std::string title = "clubtrack demo: default synthetic swing, " +
-                            Number(lineMps, "%.2f") + " m/s measured, " +
-                            Number(truthMps, "%.2f") + " m/s true";
+  const std::string title =
+      headLine + "\nreference, line-based: " +
+      (r.clubHeadSpeed != 0.0 ? Number(lineMps, "%.2f") + " m/s" : std::string("none")) +
+      " (shaft directions quantised to 1 deg, one frame interval)" +
+      "\nclubtrack demo: the default synthetic swing";
   if (!WriteImage(kSheetName, ContactSheet(views, title), &error)) return Fail(error);
   std::printf("\nContact sheet written to %s\n", kSheetName);
   return 0;

@@ -39,7 +39,8 @@ const cv::Scalar kText(225, 225, 225);
 const cv::Scalar kAfterImpactText(60, 170, 255);
 constexpr int kMargin = 8;
 constexpr int kLabelHeight = 18;
-constexpr int kTitleHeight = 26;
+constexpr int kTitleHeight = 26;      // the first title line; each further one adds kTitleLine
+constexpr int kTitleLine = 18;
 constexpr int kHeaderHeight = 20;
 constexpr double kMaxTileWidth = 480.0;
 
@@ -218,19 +219,32 @@ cv::Mat ContactSheet(const std::vector<FrameView>& views, const std::string& tit
     gridTiles[static_cast<size_t>(view.index) * 2 + view.camera] = &tiles[i];
   }
 
-  int height = kMargin + kTitleHeight + kHeaderHeight;
+  // The title's first line is the headline; further lines (after '\n') are smaller.
+  std::vector<std::string> titleLines;
+  for (size_t begin = 0;;) {
+    const size_t end = title.find('\n', begin);
+    titleLines.push_back(title.substr(begin, end == std::string::npos ? end : end - begin));
+    if (end == std::string::npos) break;
+    begin = end + 1;
+  }
+  const int titleHeight = kTitleHeight + kTitleLine * static_cast<int>(titleLines.size() - 1);
+
+  int height = kMargin + titleHeight + kHeaderHeight;
   for (int h : rowHeight) height += kLabelHeight + h + kMargin;
   const int width = kMargin * 3 + columnWidth[0] + columnWidth[1];
   cv::Mat sheet(height, width, CV_8UC3, kBackground);
 
-  PutLabel(sheet, title, cv::Point(kMargin, kMargin + 16), kText, 0.55);
+  for (size_t i = 0; i < titleLines.size(); ++i) {
+    PutLabel(sheet, titleLines[i], cv::Point(kMargin, kMargin + 16 + kTitleLine * static_cast<int>(i)),
+             kText, i == 0 ? 0.55 : 0.45);
+  }
   const int left[2] = {kMargin, kMargin * 2 + columnWidth[0]};
   const char* headers[2] = {"camera 1 (Master)", "camera 2 (Slave)"};
   for (int camera = 0; camera < 2; ++camera) {
-    PutLabel(sheet, headers[camera], cv::Point(left[camera], kMargin + kTitleHeight + 12), kText,
+    PutLabel(sheet, headers[camera], cv::Point(left[camera], kMargin + titleHeight + 12), kText,
              0.5);
   }
-  int top = kMargin + kTitleHeight + kHeaderHeight;
+  int top = kMargin + titleHeight + kHeaderHeight;
   for (int row = 0; row < rows; ++row) {
     for (int camera = 0; camera < 2; ++camera) {
       const FrameView* view = grid[static_cast<size_t>(row) * 2 + camera];

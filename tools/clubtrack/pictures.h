@@ -43,7 +43,8 @@ int WriteAnnotatedFrames(const std::vector<FrameView>& views, const std::filesys
 
 // One picture: camera 1 left, camera 2 right, one row per paired frame, each
 // tile the raw frame with the annotations and a label with its frame number,
-// time stamp and whether it is after the impact.
+// time stamp and whether it is after the impact. The title may hold several
+// lines separated by '\n'; the first is the headline.
 cv::Mat ContactSheet(const std::vector<FrameView>& views, const std::string& title);
 
 // cv::imwrite with a one-line reason on failure.

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <optional>
 #include <cstdio>
 #include <ostream>
 #include <system_error>
@@ -180,6 +181,35 @@ nlohmann::json ReplayJson(const ReplayOutcome& outcome) {
   return nlohmann::json::parse(clubtracker::ReportJson(outcome.swing, outcome.runFile.string()));
 }
 
+void PrintClubData(std::ostream& out, const clubtracker::ClubDelivery& d) {
+  struct Row {
+    const char* name;
+    const std::optional<clubtracker::Measured>* value;
+    const char* format;  // value +- error unit
+  };
+  const Row rows[] = {
+      {"Club speed", &d.speedMps, "%6.2f +- %.2f m/s"},
+      {"Attack angle", &d.attackAngleDeg, "%+6.2f +- %.2f deg"},
+      {"Club path", &d.pathDeg, "%+6.2f +- %.2f deg"},
+      {"Swing plane", &d.swingPlaneDeg, "%6.2f +- %.2f deg"},
+      {"Swing direction", &d.swingDirectionDeg, "%+6.2f +- %.2f deg"},
+      {"Low point ahead", &d.lowPointAheadMm, "%+6.1f +- %.1f mm"},
+      {"Low point height", &d.lowPointHeightMm, "%+6.1f +- %.1f mm"},
+      {"Low point side", &d.lowPointSideMm, "%+6.1f +- %.1f mm"},
+  };
+  out << "Club delivery    (value +- standard error)\n";
+  for (const Row& row : rows) {
+    char value[96] = "not measured";
+    if (row.value->has_value()) {
+      std::snprintf(value, sizeof value, row.format, (*row.value)->value, (*row.value)->stdErr);
+    }
+    char line[160];
+    std::snprintf(line, sizeof line, "  %-16s %s\n", row.name, value);
+    out << line;
+  }
+  for (const std::string& note : d.notes) out << "  (" << note << ")\n";
+}
+
 void PrintSummary(std::ostream& out, const ReplayOutcome& outcome, bool withLog) {
   const OfflineRunReport& r = outcome.report;
   out << "Recording        " << outcome.runFile.string() << "\n";
@@ -218,6 +248,7 @@ void PrintSummary(std::ostream& out, const ReplayOutcome& outcome, bool withLog)
   out << line;
   std::snprintf(line, sizeof line, "Processing time  %.1f ms\n", r.processingTimeMs);
   out << line;
+  PrintClubData(out, outcome.swing.delivery);
   if (!withLog) return;
   out << "Log:\n";
   for (const std::string& l : r.log) out << "  " << l << "\n";

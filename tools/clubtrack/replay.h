@@ -37,6 +37,10 @@ std::vector<FrameView> ViewsOf(const ReplayOutcome& outcome);
 // The JSON object of a replay. Its keys are a stable interface.
 nlohmann::json ReplayJson(const ReplayOutcome& outcome);
 
+// The club-data table: one line per value (value +- standard error), then
+// the notes on what could not be measured.
+void PrintClubData(std::ostream& out, const clubtracker::ClubDelivery& delivery);
+
 // The short human summary, with the log lines when `withLog`.
 void PrintSummary(std::ostream& out, const ReplayOutcome& outcome, bool withLog);
 

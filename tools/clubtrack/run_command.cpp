@@ -3,6 +3,8 @@
 // tracker measured.
 #include <unistd.h>
 
+#include <cmath>
+#include <cstdio>
 #include <exception>
 #include <fstream>
 #include <iostream>
@@ -23,7 +25,26 @@ struct RunCommandOptions {
   std::string annotated;
   std::string sheet;
   bool quiet = false;
+  std::string up;
+  std::string target;
 };
+
+// "X,Y,Z" as a direction, scaled to unit length (MeasureOptions::IsValid then
+// says what is wrong with a zero or non-finite one).
+bool ParseDirection(const std::string& text, clubtracker::Vec3& v, std::string* error) {
+  double x = 0.0;
+  double y = 0.0;
+  double z = 0.0;
+  char tail = 0;
+  if (std::sscanf(text.c_str(), "%lf,%lf,%lf%c", &x, &y, &z, &tail) != 3) {
+    *error = "'" + text + "' is not a direction X,Y,Z";
+    return false;
+  }
+  const double length = std::sqrt(x * x + y * y + z * z);
+  v = length > 0.0 && std::isfinite(length) ? clubtracker::Vec3{x / length, y / length, z / length}
+                                            : clubtracker::Vec3{x, y, z};
+  return true;
+}
 
 int Fail(const std::string& reason) {
   std::cerr << "clubtrack run: " << OneLine(reason) << "\n";
@@ -46,8 +67,17 @@ int RunReplay(const RunCommandOptions& options) {
     }
   }
 
+  clubtracker::MeasureOptions measure;
+  if (!options.up.empty() && !ParseDirection(options.up, measure.up, &error)) {
+    return Fail("--up: " + error);
+  }
+  if (!options.target.empty() && !ParseDirection(options.target, measure.target, &error)) {
+    return Fail("--target: " + error);
+  }
+  if (!measure.IsValid(&error)) return Fail(error);
+
   ReplayOutcome outcome;
-  if (!Replay(options.recording, outcome, &error)) return Fail(error);
+  if (!Replay(options.recording, outcome, &error, measure)) return Fail(error);
 
   const bool jsonToStdout = options.json == "-";
   if (!options.json.empty()) {
@@ -104,6 +134,12 @@ void AddRunCommand(CLI::App& app, int& exitStatus) {
   cmd->add_option("--sheet", options->sheet,
                   "write a contact sheet PNG: both cameras side by side, one row per paired frame")
       ->type_name("FILE");
+  cmd->add_option("--up", options->up,
+                  "the world's up direction for the club delivery (default 0,1,0)")
+      ->type_name("X,Y,Z");
+  cmd->add_option("--target", options->target,
+                  "the target line's direction, horizontal (default 1,0,0)")
+      ->type_name("X,Y,Z");
   cmd->add_flag("--quiet,-q", options->quiet, "print neither the summary nor the log");
   cmd->callback([options, &exitStatus]() {
     try {

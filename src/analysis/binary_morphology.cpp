@@ -1,0 +1,330 @@
+#include "analysis/binary_morphology.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+#include <opencv2/imgproc.hpp>
+
+namespace {
+
+constexpr uint64_t kOnes = ~uint64_t{0};
+constexpr uint64_t kByteLsb = 0x0101010101010101ull;
+// Gathers the low bits of the 8 bytes of a word into one byte (byte k -> bit k).
+constexpr uint64_t kGather = 0x0102040810204080ull;
+
+// Byte k of entry v is 0xFF when bit k of v is set.
+constexpr std::array<uint64_t, 256> MakeSpread() {
+  std::array<uint64_t, 256> table{};
+  for (int v = 0; v < 256; ++v) {
+    uint64_t word = 0;
+    for (int k = 0; k < 8; ++k) {
+      if ((v >> k) & 1) word |= uint64_t{0xFF} << (8 * k);
+    }
+    table[static_cast<size_t>(v)] = word;
+  }
+  return table;
+}
+constexpr std::array<uint64_t, 256> kSpread = MakeSpread();
+
+inline uint64_t Combine(uint64_t a, uint64_t b, bool erode) { return erode ? (a & b) : (a | b); }
+
+}  // namespace
+
+bool BitMask::Pack(const cv::Mat& mask) {
+  rows_ = cols_ = words_ = 0;
+  if (mask.empty() || mask.type() != CV_8UC1 || mask.dims != 2 || mask.isSubmatrix()) {
+    return false;
+  }
+  rows_ = mask.rows;
+  cols_ = mask.cols;
+  words_ = (cols_ + 63) / 64;
+  const int tail = cols_ % 64;
+  pad_ = tail == 0 ? 0 : (kOnes << tail);
+  bits_.resize(static_cast<size_t>(rows_) * words_);
+  for (int y = 0; y < rows_; ++y) {
+    const uchar* p = mask.ptr<uchar>(y);
+    uint64_t* out = bits_.data() + static_cast<size_t>(y) * words_;
+    int x = 0;
+    for (int w = 0; w < words_; ++w) {
+      uint64_t word = 0;
+      const int end = std::min(cols_, x + 64);
+      int bit = 0;
+      for (; x + 8 <= end; x += 8, bit += 8) {
+        uint64_t v;
+        std::memcpy(&v, p + x, 8);
+        const uint64_t low = v & kByteLsb;
+        if (v != low * 0xFF) return false;  // a byte other than 0 or 255
+        word |= ((low * kGather) >> 56) << bit;
+      }
+      for (; x < end; ++x, ++bit) {
+        if (p[x] != 0 && p[x] != 255) return false;
+        word |= static_cast<uint64_t>(p[x] & 1) << bit;
+      }
+      out[w] = word;
+    }
+  }
+  return true;
+}
+
+void BitMask::Unpack(cv::Mat& mask) const {
+  mask.create(rows_, cols_, CV_8UC1);
+  for (int y = 0; y < rows_; ++y) {
+    uchar* p = mask.ptr<uchar>(y);
+    const uint64_t* in = bits_.data() + static_cast<size_t>(y) * words_;
+    int x = 0;
+    for (int w = 0; w < words_; ++w) {
+      uint64_t word = in[w];
+      const int end = std::min(cols_, x + 64);
+      for (; x + 8 <= end; x += 8, word >>= 8) {
+        std::memcpy(p + x, &kSpread[word & 0xFF], 8);
+      }
+      for (; x < end; ++x, word >>= 1) p[x] = (word & 1) != 0 ? 255 : 0;
+    }
+  }
+}
+
+const BitMask::Kernel& BitMask::KernelOf(int shape, int size) {
+  for (const Kernel& kernel : kernels_) {
+    if (kernel.shape == shape && kernel.size == size) return kernel;
+  }
+  Kernel kernel;
+  kernel.shape = shape;
+  kernel.size = size;
+  const cv::Mat k = cv::getStructuringElement(shape, cv::Size(size, size), cv::Point(-1, -1));
+  const int anchor = size / 2;
+  kernel.valid = size > 0 && k.rows == size && k.cols == size;
+  std::vector<std::pair<int, int>> runs;  // per row
+  for (int i = 0; kernel.valid && i < size; ++i) {
+    const uchar* row = k.ptr<uchar>(i);
+    int first = -1, last = -1, ones = 0;
+    for (int j = 0; j < size; ++j) {
+      if (row[j] == 0) continue;
+      if (first < 0) first = j;
+      last = j;
+      ++ones;
+    }
+    if (ones == 0) {
+      runs.emplace_back(1, 0);
+      continue;
+    }
+    const int lo = first - anchor, hi = last - anchor;
+    if (ones != last - first + 1 || lo > 0 || hi < 0) kernel.valid = false;
+    runs.emplace_back(lo, hi);
+  }
+  if (kernel.valid) {
+    std::vector<std::pair<int, int>> distinct;
+    for (const auto& run : runs) {
+      if (run.first <= run.second) distinct.push_back(run);
+    }
+    std::sort(distinct.begin(), distinct.end(), [](const auto& a, const auto& b) {
+      return a.second - a.first < b.second - b.first ||
+             (a.second - a.first == b.second - b.first && a < b);
+    });
+    distinct.erase(std::unique(distinct.begin(), distinct.end()), distinct.end());
+    for (size_t r = 1; r < distinct.size(); ++r) {  // each run holds the one before
+      if (distinct[r].first > distinct[r - 1].first || distinct[r].second < distinct[r - 1].second) {
+        kernel.valid = false;
+      }
+    }
+    for (const auto& run : distinct) {
+      kernel.lo.push_back(run.first);
+      kernel.hi.push_back(run.second);
+    }
+    for (const auto& run : runs) {
+      const auto at = std::find(distinct.begin(), distinct.end(), run);
+      kernel.run.push_back(at == distinct.end() ? -1 : static_cast<int>(at - distinct.begin()));
+    }
+    kernel.uniform = distinct.size() == 1 &&
+                     std::find(kernel.run.begin(), kernel.run.end(), -1) == kernel.run.end();
+  }
+  kernels_.push_back(std::move(kernel));
+  return kernels_.back();
+}
+
+void BitMask::FixPadding(uint64_t* plane, bool fill) const {
+  if (pad_ == 0) return;
+  for (int y = 0; y < rows_; ++y) {
+    uint64_t& last = plane[static_cast<size_t>(y) * words_ + words_ - 1];
+    last = fill ? (last | pad_) : (last & ~pad_);
+  }
+}
+
+void BitMask::ShiftCombine(const uint64_t* src, uint64_t* dst, int n, int d, bool erode) {
+  const uint64_t fill = erode ? kOnes : 0;
+  const int q = d >= 0 ? d / 64 : -((-d + 63) / 64);
+  const int r = d - 64 * q;
+  const auto word = [&](int i) { return (i >= 0 && i < n) ? src[i] : fill; };
+  for (int w = 0; w < n; ++w) {
+    uint64_t shifted = word(w + q) >> r;
+    if (r != 0) shifted |= word(w + q + 1) << (64 - r);
+    dst[w] = Combine(dst[w], shifted, erode);
+  }
+}
+
+void BitMask::Morph(const Kernel& kernel, bool erode) {
+  const uint64_t identity = erode ? kOnes : 0;
+  const int reach = kernel.size / 2;
+  const int runs = static_cast<int>(kernel.lo.size());
+
+  // Horizontal runs, each grown from the one before by doubling. A run's value
+  // just outside the image depends on the pixels inside, so each row carries
+  // margin words on both sides, wide enough that beyond them every run reads
+  // only the border.
+  int farthest = 0;
+  for (int k = 0; k < runs; ++k) farthest = std::max({farthest, kernel.hi[k], -kernel.lo[k]});
+  const int margin = (farthest + 63) / 64;
+  const int stride = words_ + 2 * margin;
+  const size_t planeWords = static_cast<size_t>(rows_) * stride;
+  planes_.resize(planeWords * static_cast<size_t>(runs));
+  line_.resize(static_cast<size_t>(stride));
+  FixPadding(bits_.data(), erode);
+  int a = 0, b = 0;
+  for (int k = 0; k < runs; ++k) {
+    uint64_t* plane = planes_.data() + planeWords * static_cast<size_t>(k);
+    if (k == 0) {
+      for (int y = 0; y < rows_; ++y) {
+        uint64_t* row = plane + static_cast<size_t>(y) * stride;
+        std::fill(row, row + stride, identity);
+        std::memcpy(row + margin, bits_.data() + static_cast<size_t>(y) * words_,
+                    static_cast<size_t>(words_) * sizeof(uint64_t));
+      }
+    } else {
+      std::memcpy(plane, plane - planeWords, planeWords * sizeof(uint64_t));
+    }
+    while (b < kernel.hi[k] || a > kernel.lo[k]) {
+      const int width = b - a + 1;
+      int d;
+      if (b < kernel.hi[k]) {
+        d = std::min(kernel.hi[k] - b, width);
+        b += d;
+      } else {
+        d = -std::min(a - kernel.lo[k], width);
+        a += d;
+      }
+      for (int y = 0; y < rows_; ++y) {
+        uint64_t* row = plane + static_cast<size_t>(y) * stride;
+        std::memcpy(line_.data(), row, static_cast<size_t>(stride) * sizeof(uint64_t));
+        ShiftCombine(line_.data(), row, stride, d, erode);
+      }
+    }
+  }
+  const auto runRow = [&](int run, int y) {
+    return planes_.data() + planeWords * static_cast<size_t>(run) + static_cast<size_t>(y) * stride +
+           margin;
+  };
+
+  if (kernel.uniform) {
+    // Rows: windows of `size` rows by doubling. Row p of the column buffer
+    // holds the window starting at image row p - reach; rows before the first
+    // and past the last are the border, the identity.
+    const int total = rows_ + reach;
+    column_.assign(static_cast<size_t>(total) * words_, identity);
+    for (int y = 0; y < rows_; ++y) {
+      std::memcpy(column_.data() + static_cast<size_t>(y + reach) * words_, runRow(0, y),
+                  static_cast<size_t>(words_) * sizeof(uint64_t));
+    }
+    int length = 1;
+    while (length < kernel.size) {
+      const int e = std::min(kernel.size - length, length);
+      for (int p = 0; p + e < total; ++p) {
+        uint64_t* row = column_.data() + static_cast<size_t>(p) * words_;
+        const uint64_t* below = row + static_cast<size_t>(e) * words_;
+        for (int w = 0; w < words_; ++w) row[w] = Combine(row[w], below[w], erode);
+      }
+      length += e;
+    }
+    std::memcpy(bits_.data(), column_.data(),
+                static_cast<size_t>(rows_) * words_ * sizeof(uint64_t));
+  } else {
+    for (int y = 0; y < rows_; ++y) {
+      uint64_t* out = bits_.data() + static_cast<size_t>(y) * words_;
+      std::fill(out, out + words_, identity);
+      for (int i = 0; i < kernel.size; ++i) {
+        const int yy = y + i - reach;
+        const int run = kernel.run[static_cast<size_t>(i)];
+        if (run < 0 || yy < 0 || yy >= rows_) continue;
+        const uint64_t* in = runRow(run, yy);
+        for (int w = 0; w < words_; ++w) out[w] = Combine(out[w], in[w], erode);
+      }
+    }
+  }
+  FixPadding(bits_.data(), false);
+}
+
+void BitMask::Apply(const MorphStep& step) {
+  const Kernel& kernel = KernelOf(step.shape, step.size);
+  switch (step.op) {
+    case cv::MORPH_ERODE:
+      Morph(kernel, true);
+      break;
+    case cv::MORPH_DILATE:
+      Morph(kernel, false);
+      break;
+    case cv::MORPH_OPEN:
+      Morph(kernel, true);
+      Morph(kernel, false);
+      break;
+    case cv::MORPH_CLOSE:
+      Morph(kernel, false);
+      Morph(kernel, true);
+      break;
+    default:
+      break;
+  }
+}
+
+void BitMask::ClearFrame() {
+  if (rows_ == 0) return;
+  std::fill(bits_.begin(), bits_.begin() + words_, 0);
+  std::fill(bits_.end() - words_, bits_.end(), 0);
+  const int lastWord = (cols_ - 1) / 64;
+  const uint64_t lastBit = uint64_t{1} << ((cols_ - 1) % 64);
+  for (int y = 0; y < rows_; ++y) {
+    uint64_t* row = bits_.data() + static_cast<size_t>(y) * words_;
+    row[0] &= ~uint64_t{1};
+    row[lastWord] &= ~lastBit;
+  }
+}
+
+bool BitMask::Any() const {
+  return std::any_of(bits_.begin(), bits_.begin() + static_cast<std::ptrdiff_t>(rows_) * words_,
+                     [](uint64_t w) { return w != 0; });
+}
+
+bool BitMask::Supports(const MorphStep& step) {
+  if (step.op != cv::MORPH_ERODE && step.op != cv::MORPH_DILATE && step.op != cv::MORPH_OPEN &&
+      step.op != cv::MORPH_CLOSE) {
+    return false;
+  }
+  return step.size > 0 && step.size % 2 == 1 && KernelOf(step.shape, step.size).valid;
+}
+
+BitMask& ThreadBitMask() {
+  thread_local BitMask mask;
+  return mask;
+}
+
+void MorphologyChainLiteral(const cv::Mat& src, cv::Mat& dst,
+                            std::initializer_list<MorphStep> steps) {
+  const cv::Mat* from = &src;
+  for (const MorphStep& step : steps) {
+    const cv::Mat kernel =
+        cv::getStructuringElement(step.shape, cv::Size(step.size, step.size), cv::Point(-1, -1));
+    cv::morphologyEx(*from, dst, step.op, kernel, cv::Point(-1, -1), 1, cv::BORDER_CONSTANT,
+                     cv::morphologyDefaultBorderValue());
+    from = &dst;
+  }
+}
+
+void MorphologyChain(const cv::Mat& src, cv::Mat& dst, std::initializer_list<MorphStep> steps) {
+  BitMask& mask = ThreadBitMask();
+  bool fast = true;
+  for (const MorphStep& step : steps) fast = fast && mask.Supports(step);
+  if (!fast || !mask.Pack(src)) {
+    MorphologyChainLiteral(src, dst, steps);
+    return;
+  }
+  for (const MorphStep& step : steps) mask.Apply(step);
+  mask.Unpack(dst);
+}

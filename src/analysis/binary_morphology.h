@@ -1,0 +1,84 @@
+// Exact morphology of 0/255 masks on bit planes (64 pixels a word).
+//
+// Every operation gives the pixels cv::morphologyEx gives with the kernel
+// cv::getStructuringElement(shape, cv::Size(size, size), cv::Point(-1, -1)),
+// the centre anchor, one iteration and the constant default border (erosion
+// reads outside the image as 255, dilation as 0). A kernel row's ones must
+// form one run holding the centre column, and the runs must nest by width
+// (true of the rectangle, ellipse and cross kernels).
+#pragma once
+
+#include <cstdint>
+#include <initializer_list>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+struct MorphStep {
+  int op;     // cv::MORPH_ERODE, MORPH_DILATE, MORPH_OPEN or MORPH_CLOSE
+  int shape;  // cv::MORPH_RECT, MORPH_ELLIPSE or MORPH_CROSS
+  int size;   // kernel width and height (odd)
+};
+
+class BitMask {
+ public:
+  // Packs a whole, non-empty CV_8UC1 matrix whose pixels are all 0 or 255.
+  // Returns false (leaving the plane unusable) for anything else.
+  bool Pack(const cv::Mat& mask);
+  // Writes the plane as a 0/255 CV_8UC1 matrix (reallocated only when its
+  // size or type differs).
+  void Unpack(cv::Mat& mask) const;
+
+  // Whether Apply runs `step` exactly (known operation, odd size, kernel of
+  // nested row runs holding the centre).
+  bool Supports(const MorphStep& step);
+  void Apply(const MorphStep& step);
+  // Sets the outermost row and column on every side to 0.
+  void ClearFrame();
+  bool Any() const;
+
+  int rows() const { return rows_; }
+  int cols() const { return cols_; }
+
+ private:
+  // One kernel: for each row dy = -reach..reach the run [lo, hi] of column
+  // offsets (lo > hi for a row without ones) and its index among the
+  // distinct runs, which are sorted by width.
+  struct Kernel {
+    int shape = -1;
+    int size = 0;
+    bool valid = false;
+    bool uniform = false;  // every row has the same run
+    std::vector<int> run;  // per kernel row: index into lo/hi, or -1
+    std::vector<int> lo, hi;
+  };
+
+  const Kernel& KernelOf(int shape, int size);
+  void Morph(const Kernel& kernel, bool erode);
+  // dst(x) = dst(x) op src(x + d) along one row of n words; src reads the
+  // border value beyond the row.
+  static void ShiftCombine(const uint64_t* src, uint64_t* dst, int n, int d, bool erode);
+  void FixPadding(uint64_t* plane, bool fill) const;
+
+  int rows_ = 0;
+  int cols_ = 0;
+  int words_ = 0;     // words a row
+  uint64_t pad_ = 0;  // bits of a row's last word beyond the last column
+  std::vector<uint64_t> bits_;
+  std::vector<uint64_t> planes_;  // horizontal runs, one plane each
+  std::vector<uint64_t> line_;    // one row of scratch
+  std::vector<uint64_t> column_;  // row windows of a uniform kernel
+  std::vector<Kernel> kernels_;
+};
+
+// cv::morphologyEx for each step in turn, from src into dst. Runs on bit planes
+// (a thread's arena, reused across calls) when src is a whole 0/255 CV_8UC1
+// matrix, else calls cv::morphologyEx step by step.
+void MorphologyChain(const cv::Mat& src, cv::Mat& dst, std::initializer_list<MorphStep> steps);
+
+// The same chain through cv::morphologyEx, step by step.
+void MorphologyChainLiteral(const cv::Mat& src, cv::Mat& dst,
+                            std::initializer_list<MorphStep> steps);
+
+// The thread's bit plane arena (also used for the presence test).
+BitMask& ThreadBitMask();

@@ -1,0 +1,116 @@
+// The bit-plane morphology against cv::morphologyEx with the same kernels.
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <opencv2/imgproc.hpp>
+
+#include "analysis/analysis.h"
+#include "analysis/binary_morphology.h"
+#include "support/swing_masks.h"
+
+namespace {
+
+// Every kernel and operation the analysis stages use, plus the erosions of
+// the presence test (rectangles up to the 121 of a 480-row mask).
+const std::vector<MorphStep> kSteps = {
+    {cv::MORPH_OPEN, cv::MORPH_ELLIPSE, 3},  {cv::MORPH_CLOSE, cv::MORPH_RECT, 5},
+    {cv::MORPH_OPEN, cv::MORPH_ELLIPSE, 7},  {cv::MORPH_CLOSE, cv::MORPH_ELLIPSE, 31},
+    {cv::MORPH_OPEN, cv::MORPH_RECT, 3},     {cv::MORPH_ERODE, cv::MORPH_ELLIPSE, 5},
+    {cv::MORPH_DILATE, cv::MORPH_ELLIPSE, 31}, {cv::MORPH_ERODE, cv::MORPH_RECT, 1},
+    {cv::MORPH_ERODE, cv::MORPH_RECT, 25},   {cv::MORPH_ERODE, cv::MORPH_RECT, 121},
+    {cv::MORPH_CLOSE, cv::MORPH_CROSS, 9},
+};
+
+cv::Mat Literal(const cv::Mat& mask, const MorphStep& step) {
+  cv::Mat out;
+  MorphologyChainLiteral(mask, out, {step});
+  return out;
+}
+
+cv::Mat Packed(const cv::Mat& mask, const MorphStep& step) {
+  BitMask bits;
+  EXPECT_TRUE(bits.Supports(step));
+  EXPECT_TRUE(bits.Pack(mask));
+  bits.Apply(step);
+  cv::Mat out;
+  bits.Unpack(out);
+  return out;
+}
+
+bool Same(const cv::Mat& a, const cv::Mat& b) {
+  return a.size() == b.size() && a.type() == b.type() && cv::countNonZero(a != b) == 0;
+}
+
+// Random blobs (some over the borders) and noise on sizes with widths around
+// multiples of 64, single pixels and single rows or columns.
+TEST(BinaryMorphology, SameAsMorphologyExOnRandomMasks) {
+  const cv::Size sizes[] = {{1, 1},   {1, 9},   {9, 1},    {200, 1},  {1, 150}, {63, 5},
+                            {64, 40}, {65, 33}, {127, 70}, {130, 90}, {640, 48}, {33, 200}};
+  cv::RNG rng(20261123);
+  for (const cv::Size size : sizes) {
+    for (int trial = 0; trial < 4; ++trial) {
+      cv::Mat mask = cv::Mat::zeros(size, CV_8UC1);
+      if (trial == 3) {
+        mask.setTo(255);  // all set: only the border can erode it
+      } else {
+        for (int k = 0; k < 1 + trial * 3; ++k) {
+          const cv::Point centre(rng.uniform(-8, size.width + 8), rng.uniform(-8, size.height + 8));
+          cv::ellipse(mask, centre, cv::Size(rng.uniform(1, 50), rng.uniform(1, 50)),
+                      rng.uniform(0, 180), 0, 360, cv::Scalar(255), cv::FILLED);
+        }
+        cv::Mat noise(size, CV_8UC1);
+        rng.fill(noise, cv::RNG::UNIFORM, 0, 100);
+        mask.setTo(255, noise < 3 * trial);
+        mask.setTo(0, noise > 97);
+      }
+      for (const MorphStep& step : kSteps) {
+        EXPECT_TRUE(Same(Packed(mask, step), Literal(mask, step)))
+            << size << " trial " << trial << " op " << step.op << " shape " << step.shape
+            << " size " << step.size;
+      }
+    }
+  }
+  // Masks that are not 0/255 (or not whole) are left to cv::morphologyEx.
+  BitMask bits;
+  EXPECT_FALSE(bits.Pack(cv::Mat(4, 4, CV_8UC1, cv::Scalar(1))));
+  EXPECT_FALSE(bits.Pack(cv::Mat(8, 8, CV_8UC1, cv::Scalar(255))(cv::Rect(1, 1, 4, 4))));
+  EXPECT_FALSE(bits.Pack(cv::Mat()));
+  const cv::Mat grey = (cv::Mat_<uchar>(3, 3) << 0, 7, 255, 9, 255, 0, 255, 255, 3);
+  cv::Mat chained;
+  MorphologyChain(grey, chained, {kSteps[0], kSteps[1]});
+  cv::Mat literal;
+  MorphologyChainLiteral(grey, literal, {kSteps[0], kSteps[1]});
+  EXPECT_TRUE(Same(chained, literal));
+}
+
+// The chains of the presence test and the line extraction, and the presence
+// answer, on every change mask of the rendered swings.
+TEST(BinaryMorphology, SameAsMorphologyExOnSwingChangeMasks) {
+  const std::vector<cv::Mat>& masks = SwingChangeMasks();
+  ASSERT_GE(masks.size(), 40u);
+  int present = 0;
+  for (size_t k = 0; k < masks.size(); ++k) {
+    const cv::Mat& mask = masks[k];
+    cv::Mat fast, literal;
+    MorphologyChain(mask, fast, {kSteps[4], kSteps[1], kSteps[2]});
+    MorphologyChainLiteral(mask, literal, {kSteps[4], kSteps[1], kSteps[2]});
+    EXPECT_TRUE(Same(fast, literal)) << "line chain, mask " << k;
+
+    MorphologyChainLiteral(mask, literal, {kSteps[0], kSteps[1], kSteps[2], kSteps[3]});
+    int blob = -1;
+    RefineCandidateMask(mask, fast, &blob);
+    EXPECT_TRUE(Same(fast, literal)) << "presence chain, mask " << k;
+    const int m = std::min(literal.rows, literal.cols);
+    cv::Mat test = literal.clone();
+    test.row(0).setTo(0);
+    test.row(test.rows - 1).setTo(0);
+    test.col(0).setTo(0);
+    test.col(test.cols - 1).setTo(0);
+    MorphologyChainLiteral(test, test, {{cv::MORPH_ERODE, cv::MORPH_RECT, 2 * ((m / 4) / 2) + 1}});
+    EXPECT_EQ(blob, cv::countNonZero(test) > 0 ? 1 : 0) << "presence, mask " << k;
+    present += blob;
+  }
+  EXPECT_GT(present, 10);
+}
+
+}  // namespace

@@ -1,0 +1,55 @@
+// Edges on the cleaned mask's box and the Hough votes made once per frame,
+// against the whole-frame Canny edges and cv::HoughLines for every threshold.
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <opencv2/imgproc.hpp>
+
+#include "analysis/analysis.h"
+#include "analysis/hough.h"
+#include "support/swing_masks.h"
+
+namespace {
+
+TEST(HoughVotes, SameEdgesAndLinesAsCannyAndHoughLinesOnSwingAndBorderMasks) {
+  std::vector<cv::Mat> masks = SwingChangeMasks();
+  ASSERT_GE(masks.size(), 40u);
+  cv::RNG rng(7);
+  for (int k = 0; k < 12; ++k) {  // blobs and bars over every border, widths not a multiple of 64
+    cv::Mat mask = cv::Mat::zeros(rng.uniform(20, 200), rng.uniform(20, 300), CV_8UC1);
+    for (int b = 0; b < 3; ++b) {
+      const cv::Point a(rng.uniform(-20, mask.cols + 20), rng.uniform(-20, mask.rows + 20));
+      const cv::Point c(rng.uniform(-20, mask.cols + 20), rng.uniform(-20, mask.rows + 20));
+      cv::line(mask, a, c, cv::Scalar(255), rng.uniform(8, 30));
+    }
+    masks.push_back(mask);
+  }
+  masks.push_back(cv::Mat::zeros(30, 40, CV_8UC1));
+  const int thresholds[] = {1, 2, 3, 5, 8, 13, 21, 34, 55, 89, 144};
+  size_t lines = 0;
+  for (size_t k = 0; k < masks.size(); ++k) {
+    cv::Mat edges, boxed;
+    ComputeShaftEdges(masks[k], edges);
+    const cv::Rect box = ComputeShaftEdgeBox(masks[k], boxed);
+    cv::Mat placed = cv::Mat::zeros(edges.size(), CV_8UC1);
+    if (!box.empty()) boxed.copyTo(placed(box));
+    EXPECT_EQ(cv::countNonZero(placed != edges), 0) << "edges, mask " << k;
+
+    HoughVotes votes;
+    ComputeShaftVotes(masks[k], votes);
+    for (const int t : thresholds) {
+      std::vector<cv::Vec2f> expected, found;
+      cv::HoughLines(edges, expected, 1.0, CV_PI / 180.0, t, 0, 0);
+      votes.Lines(t, found);
+      ASSERT_EQ(found.size(), expected.size()) << "mask " << k << " threshold " << t;
+      for (size_t i = 0; i < found.size(); ++i) {
+        EXPECT_EQ(found[i][0], expected[i][0]) << "mask " << k << " threshold " << t;
+        EXPECT_EQ(found[i][1], expected[i][1]) << "mask " << k << " threshold " << t;
+      }
+      lines += found.size();
+    }
+  }
+  EXPECT_GT(lines, 1000u);
+}
+
+}  // namespace
