@@ -92,6 +92,9 @@ TEST(Delivery, RenderedSwingsAgreeWithTheirTruthWithinLimitsAndErrors) {
         clubtracker::Measure(rec.images[0], rec.images[1], rec.setting, options);
     ASSERT_TRUE(report.ok) << report.error;
     const synth::DeliveryTruth& truth = rec.truth.delivery;
+    EXPECT_NEAR(truth.swingDirectionDeg, row.directionDeg, 1e-9);
+    EXPECT_NEAR(truth.lowPointAheadMm, row.lowPointAheadMm * std::cos(row.directionDeg * CV_PI / 180),
+                1.0);
     std::string line = "seed " + std::to_string(row.seed) + ":";
     for (size_t c = 0; c < kChecksCount; ++c) {
       const Check& check = kChecks[c];
