@@ -1,12 +1,11 @@
 // Candidate areas: reference selection, brightness compensation, ball disc.
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <memory>
-#include <ostream>
-#include <vector>
-
-#include <gtest/gtest.h>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
+#include <vector>
 
 #include "support/access.h"
 
@@ -71,55 +70,52 @@ std::vector<std::pair<int, int>> ReferencesOf(const FrameRun& run, int i) {
   return pairs;
 }
 
-struct ReferenceCase {
-  const char* name;
-  std::vector<uint64_t> timeStamps;
-  std::vector<uint32_t> afterImpact;
-  int32_t intervalBefore, intervalAfter;
-  int frame, earlier, later;  // expected references of `frame`
-};
-
-void PrintTo(const ReferenceCase& c, std::ostream* os) { *os << c.name; }
-
-class ReferenceSelection : public ::testing::TestWithParam<ReferenceCase> {};
-
-TEST_P(ReferenceSelection, PicksTheExpectedFrames) {
-  const ReferenceCase& param = GetParam();
-  ClubTracker tracker;
-  tracker.setting.timeStampIntervalBeforeImpact = param.intervalBefore;
-  tracker.setting.timeStampIntervalAfterImpact = param.intervalAfter;
-  FrameRun run;
-  for (size_t k = 0; k < param.timeStamps.size(); ++k) {
-    run.Add(SpottedFrame(17 + k), param.timeStamps[k],
-            param.afterImpact.empty() ? 0 : param.afterImpact[k]);
-  }
-  ASSERT_EQ(run.Find(tracker), 1);
-  ASSERT_EQ(run.candidates.size(), param.timeStamps.size());
-
-  const cv::Mat& image = run.frames[param.frame]->image;
-  const cv::Mat expected = ExpectedMask(image, run.frames[param.earlier]->image,
-                                        run.frames[param.later]->image);
-  ASSERT_GT(cv::countNonZero(expected), 0);
-  const auto pairs = ReferencesOf(run, param.frame);
-  ASSERT_EQ(pairs.size(), 1u) << "the spot patterns tell every reference pair apart";
-  EXPECT_EQ(pairs[0], std::make_pair(std::min(param.earlier, param.later), std::max(param.earlier, param.later)));
-}
-
 const uint64_t kWrapBase = 0xFFFFFFFFull - 2500;  // the low 32 bits wrap at frame 3
 
-INSTANTIATE_TEST_SUITE_P(
-    Gaps, ReferenceSelection,
-    ::testing::Values(
-        ReferenceCase{"equal_gap_not_enough", {0, 1000, 2000, 3000, 4000}, {}, 2000, 2000, 2, 4, 0},
-        ReferenceCase{"one_more_unit_is", {0, 1000, 2000, 3000, 4001}, {}, 2000, 2000, 2, 4, 4},
-        ReferenceCase{"scan_skips_index_0", {0, 1000, 2000, 3000, 4000}, {}, 2000, 2000, 3, 4, 0},
-        ReferenceCase{"index_1_is_scanned", {0, 1000, 2000, 3001, 4000}, {}, 2000, 2000, 3, 1, 0},
-        ReferenceCase{"later_after_impact", {0, 1000, 2000, 3000, 4000}, {0, 0, 0, 1, 1}, 2000, 500, 2, 4, 3},
-        ReferenceCase{"frame_after_impact", {0, 1000, 2000, 3000, 4000}, {0, 0, 0, 1, 1}, 2000, 500, 3, 2, 4},
-        ReferenceCase{"wrapping_gap",
-                      {kWrapBase, kWrapBase + 1000, kWrapBase + 2000, kWrapBase + 3000, kWrapBase + 4001},
-                      {}, 2000, 2000, 4, 2, 0}),
-    [](const ::testing::TestParamInfo<ReferenceCase>& info) { return info.param.name; });
+// A reference must lie strictly more than the interval away (before or after
+// the impact), the earlier scan stops at index 1, and the gap is taken on the
+// low 32 bits of the time stamps.
+TEST(CandidateArea, ReferenceSelection) {
+  const struct {
+    const char* name;
+    std::vector<uint64_t> timeStamps;
+    std::vector<uint32_t> afterImpact;
+    int32_t intervalBefore, intervalAfter;
+    int frame, earlier, later;  // expected references of `frame`
+  } cases[] = {
+      {"equal gap not enough", {0, 1000, 2000, 3000, 4000}, {}, 2000, 2000, 2, 4, 0},
+      {"one more unit is", {0, 1000, 2000, 3000, 4001}, {}, 2000, 2000, 2, 4, 4},
+      {"scan skips index 0", {0, 1000, 2000, 3000, 4000}, {}, 2000, 2000, 3, 4, 0},
+      {"index 1 is scanned", {0, 1000, 2000, 3001, 4000}, {}, 2000, 2000, 3, 1, 0},
+      {"later after impact", {0, 1000, 2000, 3000, 4000}, {0, 0, 0, 1, 1}, 2000, 500, 2, 4, 3},
+      {"frame after impact", {0, 1000, 2000, 3000, 4000}, {0, 0, 0, 1, 1}, 2000, 500, 3, 2, 4},
+      {"wrapping gap",
+       {kWrapBase, kWrapBase + 1000, kWrapBase + 2000, kWrapBase + 3000, kWrapBase + 4001},
+       {},
+       2000,
+       2000,
+       4,
+       2,
+       0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    ClubTracker tracker;
+    tracker.setting.timeStampIntervalBeforeImpact = c.intervalBefore;
+    tracker.setting.timeStampIntervalAfterImpact = c.intervalAfter;
+    FrameRun run;
+    for (size_t k = 0; k < c.timeStamps.size(); ++k)
+      run.Add(SpottedFrame(17 + k), c.timeStamps[k], c.afterImpact.empty() ? 0 : c.afterImpact[k]);
+    ASSERT_EQ(run.Find(tracker), 1);
+    ASSERT_EQ(run.candidates.size(), c.timeStamps.size());
+    const cv::Mat expected = ExpectedMask(run.frames[c.frame]->image, run.frames[c.earlier]->image,
+                                          run.frames[c.later]->image);
+    ASSERT_GT(cv::countNonZero(expected), 0);
+    const auto pairs = ReferencesOf(run, c.frame);
+    ASSERT_EQ(pairs.size(), 1u) << "the spot patterns tell every reference pair apart";
+    EXPECT_EQ(pairs[0], std::make_pair(std::min(c.earlier, c.later), std::max(c.earlier, c.later)));
+  }
+}
 
 TEST(CandidateArea, ALoneFrameGetsAnEmptyMaskAndItsMetadata) {
   ClubTracker tracker;
@@ -177,7 +173,8 @@ TEST(CandidateArea, GlobalBrighteningIsCompensatedWithTheMasksOwnMedian) {
   // Middle frame: the scene scaled to median 255, with a dark object over 40 %.
   cv::Mat scene(100, 100, CV_8UC1);
   for (int r = 0; r < 100; ++r)
-    for (int c = 0; c < 100; ++c) scene.at<uchar>(r, c) = static_cast<uchar>(60 + (r * 7 + c * 13) % 81);
+    for (int c = 0; c < 100; ++c)
+      scene.at<uchar>(r, c) = static_cast<uchar>(60 + (r * 7 + c * 13) % 81);
   std::vector<uchar> sorted(scene.datastart, scene.dataend);
   std::sort(sorted.begin(), sorted.end());
   const float ratio = 255.0f / static_cast<float>(sorted[sorted.size() / 2]);
@@ -201,43 +198,39 @@ TEST(CandidateArea, GlobalBrighteningIsCompensatedWithTheMasksOwnMedian) {
   EXPECT_TRUE(SameMask(run.candidates[1]->image, objectMask));
 }
 
-struct BallCase {
-  float x, y, radius;
-  cv::Point centre;   // expected painted disc
-  int paintedRadius;  // -1 = nothing painted
-};
-
-class BallDisc : public ::testing::TestWithParam<BallCase> {};
-
-TEST_P(BallDisc, IsPaintedWithTruncatedRadiusAndRoundedCentre) {
-  const BallCase& param = GetParam();
+// The ball disc is painted out with the truncated radius at the rounded
+// centre (halves away from 0); no radius, no disc.
+TEST(CandidateArea, BallDisc) {
+  const struct {
+    float x, y, radius;
+    cv::Point centre;   // expected painted disc
+    int paintedRadius;  // -1 = nothing painted
+  } cases[] = {{40.5f, 30.4f, 10.7f, {41, 30}, 10},
+               {39.49f, 30.6f, 10.0f, {39, 31}, 10},
+               {20.0f, 20.0f, 0.9f, {20, 20}, 0},
+               {40.0f, 30.0f, 0.0f, {0, 0}, -1}};
   const cv::Mat flat(100, 100, CV_8UC1, cv::Scalar(100));
   cv::Mat moved = flat.clone();
   const cv::Rect square(10, 10, 60, 60);
   moved(square).setTo(cv::Scalar(180));
-  ClubTracker tracker;
-  FrameRun run;
-  run.Add(flat, 0);
-  PreprocessedImage& frame = run.Add(moved, 5000);
-  run.Add(flat.clone(), 10000);
-  frame.ballX = param.x;
-  frame.ballY = param.y;
-  frame.ballRadius = param.radius;
-  ASSERT_EQ(run.Find(tracker), 1);
-
-  cv::Mat expected = cv::Mat::zeros(100, 100, CV_8UC1);
-  expected(square).setTo(cv::Scalar(255));
-  if (param.paintedRadius >= 0)
-    cv::circle(expected, param.centre, param.paintedRadius, cv::Scalar(0), cv::FILLED, cv::LINE_8);
-  EXPECT_TRUE(SameMask(run.candidates[1]->image, expected));
-  EXPECT_EQ(run.candidates[1]->ballRadius, param.radius);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.radius);
+    ClubTracker tracker;
+    FrameRun run;
+    run.Add(flat, 0);
+    PreprocessedImage& frame = run.Add(moved, 5000);
+    run.Add(flat.clone(), 10000);
+    frame.ballX = c.x;
+    frame.ballY = c.y;
+    frame.ballRadius = c.radius;
+    ASSERT_EQ(run.Find(tracker), 1);
+    cv::Mat expected = cv::Mat::zeros(100, 100, CV_8UC1);
+    expected(square).setTo(cv::Scalar(255));
+    if (c.paintedRadius >= 0)
+      cv::circle(expected, c.centre, c.paintedRadius, cv::Scalar(0), cv::FILLED, cv::LINE_8);
+    EXPECT_TRUE(SameMask(run.candidates[1]->image, expected));
+    EXPECT_EQ(run.candidates[1]->ballRadius, c.radius);
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Discs, BallDisc,
-    ::testing::Values(BallCase{40.5f, 30.4f, 10.7f, {41, 30}, 10},   // halves round away from 0
-                      BallCase{39.49f, 30.6f, 10.0f, {39, 31}, 10},
-                      BallCase{20.0f, 20.0f, 0.9f, {20, 20}, 0},      // truncated to a dot
-                      BallCase{40.0f, 30.0f, 0.0f, {0, 0}, -1}));     // no radius, no disc
 
 }  // namespace

@@ -1,10 +1,10 @@
 // Shaft-line extraction: vote threshold, near-horizontal filter, shift to
 // full-sensor coordinates, morphology, and the reuse of the edge map.
-#include <cmath>
-#include <vector>
-
 #include <gtest/gtest.h>
+
+#include <cmath>
 #include <opencv2/imgproc.hpp>
+#include <vector>
 
 #include "analysis/analysis.h"
 #include "support/access.h"
@@ -15,31 +15,28 @@ using Access = ClubTrackerTestAccess;
 
 constexpr double kDegree = CV_PI / 180.0;
 
-struct ThresholdCase {
-  int rows;
-  float ballY, divisor;
-  int expected;
-};
-
-class LineThreshold : public ::testing::TestWithParam<ThresholdCase> {};
-
-TEST_P(LineThreshold, ScalesTheLongerReachFromTheBall) {
-  const ThresholdCase& param = GetParam();
+// The longer reach from the ball row over the divisor, each truncated.
+TEST(LineThreshold, ScalesTheLongerReachFromTheBall) {
+  const struct {
+    int rows;
+    float ballY, divisor;
+    int expected;
+  } cases[] = {
+      {480, 300.0f, 3.0f, 100},  // reach 300 (above)
+      {480, 100.0f, 1.0f, 380},  // reach 380 (below)
+      {480, 100.0f, 3.0f, 126},  // 126.67 truncated
+      {480, 300.9f, 0.3f, 999},  // reach truncated first
+      {480, -20.0f, 1.0f, 500},  // ball above the picture
+      {100, 50.0f, 0.0f, 0},     // no divisor: refused
+  };
   ClubTracker tracker;
-  CandidateAreaImage candidate;
-  candidate.image = cv::Mat::zeros(param.rows, 16, CV_8UC1);
-  candidate.ballY = param.ballY;
-  EXPECT_EQ(Access::GetLineThreshold(tracker, &candidate, param.divisor), param.expected);
+  for (const auto& c : cases) {
+    CandidateAreaImage candidate;
+    candidate.image = cv::Mat::zeros(c.rows, 16, CV_8UC1);
+    candidate.ballY = c.ballY;
+    EXPECT_EQ(Access::GetLineThreshold(tracker, &candidate, c.divisor), c.expected) << c.ballY;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Reach, LineThreshold,
-    ::testing::Values(ThresholdCase{480, 300.0f, 3.0f, 100},   // reach 300 (above)
-                      ThresholdCase{480, 100.0f, 1.0f, 380},   // reach 380 (below)
-                      ThresholdCase{480, 100.0f, 3.0f, 126},   // 126.67 truncated
-                      ThresholdCase{480, 300.9f, 0.3f, 999},   // reach truncated first
-                      ThresholdCase{480, -20.0f, 1.0f, 500},   // ball above the picture
-                      ThresholdCase{100, 50.0f, 0.0f, 0}));    // no divisor: refused
 
 // A band `width` pixels wide through `through`, Hough normal at `degrees`.
 cv::Mat Band(cv::Size size, double degrees, cv::Point2d through, int width) {
@@ -55,31 +52,28 @@ bool NearHorizontal(float theta) {
   return std::fabs(static_cast<double>(theta) - CV_PI / 2) < 0.39269909262657166;
 }
 
-class HorizontalBound : public ::testing::TestWithParam<int> {};
-
 // 23 degrees from horizontal is kept, 22 is not.
-TEST_P(HorizontalBound, DropsLinesWithin22Point5DegreesOfHorizontal) {
-  const int degrees = GetParam();
-  CandidateAreaImage candidate;
-  ASSERT_EQ(ExtractCandidatesFromEdges(&candidate, Band({400, 400}, degrees, {200, 200}, 1), 120), 1);
-  const bool kept = std::abs(degrees - 90) >= 23;
-  bool drawnLineKept = false;
-  for (const cv::Vec2f& line : candidate.lines) {
-    EXPECT_FALSE(NearHorizontal(line[1])) << line[1] / kDegree << " degrees";
-    if (std::fabs(line[1] - degrees * kDegree) < 0.5 * kDegree) drawnLineKept = true;
-  }
-  EXPECT_EQ(drawnLineKept, kept);
-  if (!kept) {
-    EXPECT_TRUE(candidate.lines.empty());
+TEST(HorizontalBound, DropsLinesWithin22Point5DegreesOfHorizontal) {
+  for (const int degrees : {0, 67, 68, 90, 112, 113, 179}) {
+    SCOPED_TRACE(degrees);
+    CandidateAreaImage candidate;
+    ASSERT_EQ(ExtractCandidatesFromEdges(&candidate, Band({400, 400}, degrees, {200, 200}, 1), 120),
+              1);
+    const bool kept = std::abs(degrees - 90) >= 23;
+    bool drawnLineKept = false;
+    for (const cv::Vec2f& line : candidate.lines) {
+      EXPECT_FALSE(NearHorizontal(line[1])) << line[1] / kDegree << " degrees";
+      if (std::fabs(line[1] - degrees * kDegree) < 0.5 * kDegree) drawnLineKept = true;
+    }
+    EXPECT_EQ(drawnLineKept, kept);
+    if (!kept) EXPECT_TRUE(candidate.lines.empty());
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Degrees, HorizontalBound,
-                         ::testing::Values(0, 67, 68, 90, 112, 113, 179));
-
 TEST(LineShift, RhoIsShiftedInSinglePrecision) {
   cv::Mat edges = cv::Mat::zeros(400, 400, CV_8UC1);
-  for (int degrees = 0; degrees < 180; degrees += 7) edges |= Band({400, 400}, degrees + 0.3, {200, 200}, 1);
+  for (int degrees = 0; degrees < 180; degrees += 7)
+    edges |= Band({400, 400}, degrees + 0.3, {200, 200}, 1);
   CandidateAreaImage plain;
   ASSERT_EQ(ExtractCandidatesFromEdges(&plain, edges, 100), 1);
   CandidateAreaImage shifted;
@@ -97,7 +91,8 @@ TEST(LineShift, RhoIsShiftedInSinglePrecision) {
     EXPECT_EQ(shifted.lines[k][1], theta);
     EXPECT_EQ(shifted.lines[k][0], expected) << "line " << k;
     const double inDouble = (-777.0 * std::sin(static_cast<double>(theta)) +
-                             333.0 * std::cos(static_cast<double>(theta))) + rho;
+                             333.0 * std::cos(static_cast<double>(theta))) +
+                            rho;
     if (static_cast<float>(inDouble) != expected) ++differsInDouble;
   }
   EXPECT_GT(differsInDouble, 0) << "the angles chosen tell single from double precision";
@@ -128,8 +123,8 @@ TEST(ExtractCandidates, CachedEdgeMapGivesTheLinesOfTheFullExtraction) {
   ClubTracker tracker;
   cv::RNG rng(11);
   for (int shape = 0; shape < 6; ++shape) {
-    cv::Mat mask = Band(cv::Size(320, 240), rng.uniform(-40.0, 40.0), {160, 120},
-                        rng.uniform(8, 30));
+    cv::Mat mask =
+        Band(cv::Size(320, 240), rng.uniform(-40.0, 40.0), {160, 120}, rng.uniform(8, 30));
     cv::circle(mask, cv::Point(rng.uniform(40, 280), rng.uniform(40, 200)), rng.uniform(10, 40),
                cv::Scalar(255), cv::FILLED);
     for (int k = 0; k < 300; ++k) mask.at<uchar>(rng.uniform(0, 240), rng.uniform(0, 320)) ^= 255;

@@ -1,11 +1,11 @@
 // Frame preprocessing and the presence test on candidate masks.
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cstring>
-#include <ostream>
-#include <vector>
-
-#include <gtest/gtest.h>
 #include <opencv2/imgproc.hpp>
+#include <utility>
+#include <vector>
 
 #include "support/access.h"
 
@@ -16,8 +16,10 @@ struct Frame {
   std::vector<unsigned char> bytes;
   ClubImage image{};
 
-  Frame(int width, int height, int channels) : bytes(static_cast<size_t>(width) * height * channels) {
-    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<unsigned char>((i * 37 + i / 7) & 0xFF);
+  Frame(int width, int height, int channels)
+      : bytes(static_cast<size_t>(width) * height * channels) {
+    for (size_t i = 0; i < bytes.size(); ++i)
+      bytes[i] = static_cast<unsigned char>((i * 37 + i / 7) & 0xFF);
     image.width = width;
     image.height = height;
     image.bytesPerChannel = 1;
@@ -39,32 +41,30 @@ struct Frame {
 
 bool SameBits(float a, float b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
-class Preprocessing : public ::testing::TestWithParam<int> {};
+TEST(Preprocessing, GreyMedianAndMetadataForEveryChannelCount) {
+  for (const int channels : {1, 3, 4}) {
+    SCOPED_TRACE(channels);
+    Frame frame(64, 48, channels);
+    ClubTracker tracker;
+    PreprocessedImage out;
+    ASSERT_EQ(ClubTrackerTestAccess::Preprocessing(tracker, &frame.image, &out), 1);
 
-TEST_P(Preprocessing, GreyMedianAndMetadataForEveryChannelCount) {
-  const int channels = GetParam();
-  Frame frame(64, 48, channels);
-  ClubTracker tracker;
-  PreprocessedImage out;
-  ASSERT_EQ(ClubTrackerTestAccess::Preprocessing(tracker, &frame.image, &out), 1);
+    cv::Mat expected = frame.AsMat().clone();
+    if (channels > 1) cv::cvtColor(expected, expected, cv::COLOR_BGR2GRAY);
+    cv::medianBlur(expected, expected, 3);
+    ASSERT_EQ(out.image.type(), CV_8UC1);
+    EXPECT_EQ(cv::norm(out.image, expected, cv::NORM_INF), 0.0);
+    EXPECT_NE(out.image.data, frame.bytes.data()) << "the record owns a copy";
 
-  cv::Mat expected = frame.AsMat().clone();
-  if (channels > 1) cv::cvtColor(expected, expected, cv::COLOR_BGR2GRAY);
-  cv::medianBlur(expected, expected, 3);
-  ASSERT_EQ(out.image.type(), CV_8UC1);
-  EXPECT_EQ(cv::norm(out.image, expected, cv::NORM_INF), 0.0);
-  EXPECT_NE(out.image.data, frame.bytes.data()) << "the record owns a copy";
-
-  EXPECT_EQ(out.sensorOffsetX, -17);
-  EXPECT_EQ(out.sensorOffsetY, 333);
-  EXPECT_EQ(out.afterImpact, 1u);
-  EXPECT_EQ(out.timeStamp, 0xFEDCBA9876543210ull);
-  EXPECT_TRUE(SameBits(out.ballX, 12.75f));
-  EXPECT_TRUE(SameBits(out.ballY, -0.0f));
-  EXPECT_TRUE(SameBits(out.ballRadius, 21.35f));
+    EXPECT_EQ(out.sensorOffsetX, -17);
+    EXPECT_EQ(out.sensorOffsetY, 333);
+    EXPECT_EQ(out.afterImpact, 1u);
+    EXPECT_EQ(out.timeStamp, 0xFEDCBA9876543210ull);
+    EXPECT_TRUE(SameBits(out.ballX, 12.75f));
+    EXPECT_TRUE(SameBits(out.ballY, -0.0f));
+    EXPECT_TRUE(SameBits(out.ballRadius, 21.35f));
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Channels, Preprocessing, ::testing::Values(1, 3, 4));
 
 TEST(PreprocessingRefusals, TwoChannelFramesAreRejectedByTheConversion) {
   Frame frame(16, 16, 2);
@@ -164,35 +164,25 @@ TEST(RefineCandidateMask, EmptyMaskStaysEmptyAndAbsent) {
 // The presence square is s = 2 * ((min side / 4) / 2) + 1: a band s pixels
 // wide (long enough that the cleaning's rounded corners leave an s x s square)
 // is present, one a pixel narrower is not.
-struct SquareCase {
-  cv::Size size;
-  int s;
-};
-
-void PrintTo(const SquareCase& c, std::ostream* os) { *os << c.size << " erodes with " << c.s; }
-
-class PresenceSquare : public ::testing::TestWithParam<SquareCase> {};
-
-TEST_P(PresenceSquare, ThresholdIsExactlyTheErosionSize) {
-  const auto [size, s] = GetParam();
-  for (int side : {s - 1, s, s + 8}) {
-    cv::Mat mask = cv::Mat::zeros(size, CV_8UC1);
-    const int length = std::min(size.width, size.height) - 4;
-    const bool wide = size.width >= size.height;
-    const cv::Rect band = wide ? cv::Rect(size.width / 2 - side / 2, 2, side, length)
-                               : cv::Rect(2, size.height / 2 - side / 2, length, side);
-    cv::rectangle(mask, band, cv::Scalar(255), cv::FILLED);
-    cv::Mat refined;
-    int present = -1;
-    RefineCandidateMask(mask, refined, &present);
-    EXPECT_EQ(present, side >= s ? 1 : 0) << "square side " << side << " in " << size;
-    EXPECT_GT(cv::countNonZero(refined), 0) << "the refined mask keeps the closed blob";
+TEST(RefineCandidateMask, PresenceThresholdIsExactlyTheErosionSize) {
+  const std::pair<cv::Size, int> cases[] = {
+      {{100, 100}, 25}, {{640, 480}, 121}, {{640, 208}, 53}, {{208, 640}, 53}};
+  for (const auto& [size, s] : cases) {
+    for (int side : {s - 1, s, s + 8}) {
+      cv::Mat mask = cv::Mat::zeros(size, CV_8UC1);
+      const int length = std::min(size.width, size.height) - 4;
+      const bool wide = size.width >= size.height;
+      const cv::Rect band = wide ? cv::Rect(size.width / 2 - side / 2, 2, side, length)
+                                 : cv::Rect(2, size.height / 2 - side / 2, length, side);
+      cv::rectangle(mask, band, cv::Scalar(255), cv::FILLED);
+      cv::Mat refined;
+      int present = -1;
+      RefineCandidateMask(mask, refined, &present);
+      EXPECT_EQ(present, side >= s ? 1 : 0) << "square side " << side << " in " << size;
+      EXPECT_GT(cv::countNonZero(refined), 0) << "the refined mask keeps the closed blob";
+    }
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(Sizes, PresenceSquare,
-                         ::testing::Values(SquareCase{{100, 100}, 25}, SquareCase{{640, 480}, 121},
-                                           SquareCase{{640, 208}, 53}, SquareCase{{208, 640}, 53}));
 
 TEST(RefineCandidateMask, ThinStreakIsNotPresentThickBlobIs) {
   cv::Mat mask = cv::Mat::zeros(480, 640, CV_8UC1);

@@ -1,4 +1,6 @@
-// Synthetic recordings on disk read back by the replay, and the synth subcommand's options.
+// Synthetic recordings on disk read back by the replay, and the synth
+// subcommand's options.
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -7,31 +9,16 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <string>
 
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
-
 #include "harness/offline.h"
+#include "support/temp_folder.h"
 #include "synth/swing.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-
-struct TempDir {
-  explicit TempDir(const std::string& tag)
-      : p(fs::temp_directory_path() / ("synth_" + tag + "_" + std::to_string(::getpid()))) {
-    fs::remove_all(p);
-    fs::create_directories(p);
-  }
-  ~TempDir() {
-    std::error_code ec;
-    fs::remove_all(p, ec);
-  }
-  const fs::path& path() const { return p; }
-  fs::path p;
-};
 
 size_t CountFrames(const fs::path& folder, const std::string& extension) {
   size_t count = 0;
@@ -41,64 +28,62 @@ size_t CountFrames(const fs::path& folder, const std::string& extension) {
   return count;
 }
 
-class SynthRoundTrip : public ::testing::TestWithParam<bool> {};
-
-TEST_P(SynthRoundTrip, ReplayReadsWhatWasRendered) {
-  const bool png = GetParam();
+// The replay reads back bit for bit what was rendered, in both image formats.
+TEST(SynthRecording, ReplayReadsWhatWasRendered) {
   synth::SwingScene scene;
   scene.seed = 61;
   scene.dropFrame = true;
   scene.frames = 14;
   scene.impactIndex = 6;
   const synth::Recording rec = synth::Render(scene);
-  TempDir dir(png ? "png" : "bmp");
-  std::string error;
-  ASSERT_TRUE(synth::WriteRecording(rec, dir.path(), png, error)) << error;
-
-  const RunOptions options = ReadRunOptions(dir.path() / "run.ini");
-  EXPECT_EQ(options.folderPath, L".");
-  EXPECT_EQ(options.impactIndex, 6);
-  ASSERT_FALSE(options.folder.empty());
-  EXPECT_TRUE(fs::equivalent(options.folder, dir.path()));
-
-  double calibration[2][21];
-  ReadCalibrationFile(CameraOptionFile(options.folder, 0), calibration[0]);
-  ReadCalibrationFile(CameraOptionFile(options.folder, 1), calibration[1]);
-  EXPECT_EQ(std::memcmp(calibration[0], rec.setting.cam1Intrinsic, 9 * sizeof(double)), 0);
-  EXPECT_EQ(std::memcmp(calibration[0] + 9, rec.setting.cam1Extrinsic, 12 * sizeof(double)), 0);
-  EXPECT_EQ(std::memcmp(calibration[1], rec.setting.cam2Intrinsic, 9 * sizeof(double)), 0);
-  EXPECT_EQ(std::memcmp(calibration[1] + 9, rec.setting.cam2Extrinsic, 12 * sizeof(double)), 0);
-
   EXPECT_EQ(rec.images[1].size(), rec.images[0].size() - 1);
-  for (int c = 0; c < 2; ++c) {
-    const fs::path folder = CameraFolder(options.folder, c);
-    EXPECT_EQ(CountFrames(folder, png ? ".png" : ".bmp"), rec.images[c].size());
-    std::vector<ClubImage*> frames = LoadCameraFrames(folder, options.impactIndex);
-    ASSERT_EQ(frames.size(), rec.images[c].size());
-    for (size_t k = 0; k < frames.size(); ++k) {
-      const ClubImage& a = rec.images[c][k];
-      const ClubImage& b = *frames[k];
-      ASSERT_EQ(a.width, b.width);
-      ASSERT_EQ(a.height, b.height);
-      EXPECT_EQ(b.channels, 1u);
-      EXPECT_EQ(std::memcmp(a.pixels, b.pixels, static_cast<size_t>(a.width) * a.height), 0)
-          << "camera " << c << " frame " << k;
-      EXPECT_EQ(a.timeStamp, b.timeStamp);
-      EXPECT_EQ(a.sensorOffsetX, b.sensorOffsetX);
-      EXPECT_EQ(a.sensorOffsetY, b.sensorOffsetY);
-      EXPECT_EQ(a.afterImpact, b.afterImpact);
+  for (const bool png : {false, true}) {
+    SCOPED_TRACE(png ? "png" : "bmp");
+    TempFolder dir("synth");
+    std::string error;
+    ASSERT_TRUE(synth::WriteRecording(rec, dir.path, png, error)) << error;
+
+    const RunOptions options = ReadRunOptions(dir.path / "run.ini");
+    EXPECT_EQ(options.folderPath, L".");
+    EXPECT_EQ(options.impactIndex, 6);
+    ASSERT_FALSE(options.folder.empty());
+    EXPECT_TRUE(fs::equivalent(options.folder, dir.path));
+
+    double calibration[2][21];
+    ReadCalibrationFile(CameraOptionFile(options.folder, 0), calibration[0]);
+    ReadCalibrationFile(CameraOptionFile(options.folder, 1), calibration[1]);
+    EXPECT_EQ(std::memcmp(calibration[0], rec.setting.cam1Intrinsic, 9 * sizeof(double)), 0);
+    EXPECT_EQ(std::memcmp(calibration[0] + 9, rec.setting.cam1Extrinsic, 12 * sizeof(double)), 0);
+    EXPECT_EQ(std::memcmp(calibration[1], rec.setting.cam2Intrinsic, 9 * sizeof(double)), 0);
+    EXPECT_EQ(std::memcmp(calibration[1] + 9, rec.setting.cam2Extrinsic, 12 * sizeof(double)), 0);
+
+    for (int c = 0; c < 2; ++c) {
+      const fs::path folder = CameraFolder(options.folder, c);
+      EXPECT_EQ(CountFrames(folder, png ? ".png" : ".bmp"), rec.images[c].size());
+      std::vector<ClubImage*> frames = LoadCameraFrames(folder, options.impactIndex);
+      ASSERT_EQ(frames.size(), rec.images[c].size());
+      for (size_t k = 0; k < frames.size(); ++k) {
+        const ClubImage& a = rec.images[c][k];
+        const ClubImage& b = *frames[k];
+        ASSERT_EQ(a.width, b.width);
+        ASSERT_EQ(a.height, b.height);
+        EXPECT_EQ(b.channels, 1u);
+        EXPECT_EQ(std::memcmp(a.pixels, b.pixels, static_cast<size_t>(a.width) * a.height), 0)
+            << "camera " << c << " frame " << k;
+        EXPECT_EQ(a.timeStamp, b.timeStamp);
+        EXPECT_EQ(a.sensorOffsetX, b.sensorOffsetX);
+        EXPECT_EQ(a.sensorOffsetY, b.sensorOffsetY);
+        EXPECT_EQ(a.afterImpact, b.afterImpact);
+      }
+      FreeFrames(frames);
     }
-    FreeFrames(frames);
+
+    std::ifstream file(dir.path / "truth.json");
+    const nlohmann::json truth = nlohmann::json::parse(file);
+    EXPECT_EQ(truth["club_head_speed_mps"].get<double>(), rec.truth.clubHeadSpeedMps);
+    EXPECT_EQ(truth["dropped_frame"].get<int>(), rec.truth.droppedFrame);
   }
-
-  std::ifstream file(dir.path() / "truth.json");
-  const nlohmann::json truth = nlohmann::json::parse(file);
-  EXPECT_EQ(truth["club_head_speed_mps"].get<double>(), rec.truth.clubHeadSpeedMps);
-  EXPECT_EQ(truth["dropped_frame"].get<int>(), rec.truth.droppedFrame);
 }
-
-INSTANTIATE_TEST_SUITE_P(Formats, SynthRoundTrip, ::testing::Values(false, true),
-                         [](const auto& info) { return std::string(info.param ? "png" : "bmp"); });
 
 struct ToolRun {
   int status = -1;
@@ -120,20 +105,17 @@ ToolRun RunTool(const std::string& arguments) {
 
 size_t Lines(const std::string& text) { return std::count(text.begin(), text.end(), '\n'); }
 
-class SynthToolRejects : public ::testing::TestWithParam<const char*> {};
-
-TEST_P(SynthToolRejects, WrongOptionsGetOneLineAndStatusTwo) {
-  TempDir dir("reject");
-  const ToolRun run = RunTool("synth " + dir.path().string() + " " + GetParam());
-  EXPECT_EQ(run.status, 2) << run.output;
-  EXPECT_EQ(Lines(run.output), 1u) << run.output;
-  EXPECT_EQ(run.output.rfind("clubtrack:", 0), 0u) << run.output;
-  EXPECT_FALSE(fs::exists(dir.path() / "run.ini"));
+// A value out of range, the seed's own parsing and the impact index past the
+// frames: one line, status 2, nothing written.
+TEST(SynthRecording, ToolRejectsWrongOptions) {
+  for (const char* options : {"--speed 80", "--seed 1.5", "--impact-index 24"}) {
+    TempFolder dir("synth-reject");
+    const ToolRun run = RunTool("synth " + dir.path.string() + " " + options);
+    EXPECT_EQ(run.status, 2) << run.output;
+    EXPECT_EQ(Lines(run.output), 1u) << run.output;
+    EXPECT_EQ(run.output.rfind("clubtrack:", 0), 0u) << run.output;
+    EXPECT_FALSE(fs::exists(dir.path / "run.ini"));
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Options, SynthToolRejects,
-                         ::testing::Values("--speed 80", "--fps 500", "--frames 5",
-                                           "--placement middle", "--seed 1.5",
-                                           "--impact-index 24", "--bogus", "--speed"));
 
 }  // namespace

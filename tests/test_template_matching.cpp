@@ -1,6 +1,4 @@
 // Gradient images and windowed template matching.
-#include <ostream>
-
 #include <gtest/gtest.h>
 
 #include <opencv2/imgproc.hpp>
@@ -45,45 +43,34 @@ TEST(MakeGradientImages, ImpulsesAreStretchedAndRounded) {
   EXPECT_EQ(g.at<uchar>(21, 21), 2);
 }
 
-struct WindowCase {
-  cv::Rect window;
-  cv::Rect clipped;
-  bool accepted;
-};
-
-void PrintTo(const WindowCase& c, std::ostream* os) {
-  *os << "window " << c.window << " -> " << c.clipped << (c.accepted ? " accepted" : " refused");
-}
-
-class MatchWindow : public ::testing::TestWithParam<WindowCase> {};
-
-TEST_P(MatchWindow, ClipsInPlaceAndAcceptsStrictly) {
+// The window is clipped to the image in place; a template must fit strictly.
+TEST(MatchTemplateInWindow, ClipsInPlaceAndAcceptsStrictly) {
   const cv::Mat image = TexturedImage();
   const cv::Mat templ = image(cv::Rect(3, 4, 5, 5)).clone();
-  const WindowCase c = GetParam();
-  cv::Rect window = c.window;
-  const cv::Rect untouched(-1, -2, -3, -4);
-  cv::Rect match = untouched;
-  double score = -7.0;
-  EXPECT_EQ(MatchTemplateInWindow(templ, image, window, match, score), c.accepted);
-  EXPECT_EQ(window, c.clipped);
-  if (c.accepted) {
-    EXPECT_EQ(match.size(), templ.size());
-    EXPECT_TRUE((c.clipped & match) == match) << "match outside the window";
-  } else {
-    EXPECT_EQ(match, untouched);
-    EXPECT_EQ(score, -7.0);
+  const struct {
+    cv::Rect window, clipped;
+    bool accepted;
+  } cases[] = {
+      {{-5, -5, 20, 20}, {0, 0, 20, 20}, true},    {{90, 10, 20, 20}, {90, 10, 10, 20}, false},
+      {{10, 80, 20, 20}, {10, 80, 20, 20}, false}, {{79, 79, 20, 20}, {79, 79, 20, 20}, true},
+      {{50, 50, 4, 30}, {50, 50, 4, 30}, false},   {{50, 50, -5, 20}, {50, 50, -5, 20}, false}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(::testing::Message() << c.window);
+    cv::Rect window = c.window;
+    const cv::Rect untouched(-1, -2, -3, -4);
+    cv::Rect match = untouched;
+    double score = -7.0;
+    EXPECT_EQ(MatchTemplateInWindow(templ, image, window, match, score), c.accepted);
+    EXPECT_EQ(window, c.clipped);
+    if (c.accepted) {
+      EXPECT_EQ(match.size(), templ.size());
+      EXPECT_TRUE((c.clipped & match) == match) << "match outside the window";
+    } else {
+      EXPECT_EQ(match, untouched);
+      EXPECT_EQ(score, -7.0);
+    }
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Windows, MatchWindow,
-    ::testing::Values(WindowCase{{-5, -5, 20, 20}, {0, 0, 20, 20}, true},
-                      WindowCase{{90, 10, 20, 20}, {90, 10, 10, 20}, false},
-                      WindowCase{{10, 80, 20, 20}, {10, 80, 20, 20}, false},
-                      WindowCase{{79, 79, 20, 20}, {79, 79, 20, 20}, true},
-                      WindowCase{{50, 50, 4, 30}, {50, 50, 4, 30}, false},
-                      WindowCase{{50, 50, -5, 20}, {50, 50, -5, 20}, false}));
 
 TEST(MatchTemplateInWindow, FindsThePatchInWholeImageCoordinates) {
   const cv::Mat image = TexturedImage();
