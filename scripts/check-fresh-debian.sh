@@ -13,7 +13,14 @@
 # end unless KEEP=1.
 set -euo pipefail
 
-repo=$(cd "$(dirname "$0")/.." && pwd)
+repo=${CHECK_FRESH_REPO:-$(cd "$(dirname "$0")/.." && pwd)}
+# bash reads a script as it runs: run from a private copy, so that editing the
+# repository's copy during the long run cannot change what is executed.
+if [ -z "${CHECK_FRESH_REPO:-}" ]; then
+  copy=$(mktemp /tmp/check-fresh-debian-XXXXXX.sh)
+  cp "$0" "$copy"
+  CHECK_FRESH_REPO=$repo exec bash "$copy" "$@"
+fi
 mirror=${MIRROR:-http://deb.debian.org/debian}
 if [ "$(id -u)" -ne 0 ]; then
   echo "check-fresh-debian: run as root (debootstrap and chroot need it)" >&2
