@@ -42,7 +42,7 @@ test-tsan: deps
 	  -DCLUBTRACKER_BUILD_BENCH=OFF $(CMAKE_ARGS)
 	cmake --build $(TSAN_BUILD) -j $(JOBS) --target $(TSAN_TESTS)
 	set -e; for t in $(TSAN_TESTS); do \
-	  TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" CLUBTRACKER_SANITIZED=1 \
+	  TSAN_OPTIONS="halt_on_error=1 suppressions=$(CURDIR)/scripts/tsan.supp" CLUBTRACKER_SANITIZED=1 \
 	    $(TSAN_BUILD)/tests/$$t --gtest_brief=1; done
 
 # libFuzzer targets, built with clang; `make fuzz-run` runs each for

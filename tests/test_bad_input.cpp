@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <limits>
+#include <list>
 #include <string>
 #include <vector>
 
@@ -19,7 +20,7 @@ enum class Outcome { kSpeed, kInfiniteOrNone, kUntouched, kAny };
 
 struct Swing {
   std::vector<ClubImage> frames[2];
-  std::vector<std::vector<unsigned char>> extraPixels;
+  std::list<std::vector<unsigned char>> extraPixels;  // stable addresses
   ClubTrackerSetting setting;
   std::vector<ClubImage*> List(int camera) {
     std::vector<ClubImage*> list;
@@ -67,7 +68,12 @@ TEST(BadInput, FindNamesEveryProblemAndKeepsItsOutcome) {
        "camera 2: frame 5 has no pixels", Outcome::kUntouched},
       {"2 bytes per channel", [](Swing& s) { s.frames[0][2].bytesPerChannel = 2; },
        "camera 1: frame 2 has 2 bytes per channel", Outcome::kUntouched},
-      {"2 channels", [](Swing& s) { s.frames[0][2].channels = 2; },
+      {"2 channels",
+       [](Swing& s) {
+         s.extraPixels.emplace_back(640 * 208 * 2, 40);  // the buffer a 2-channel frame has
+         s.frames[0][2].channels = 2;
+         s.frames[0][2].pixels = s.extraPixels.back().data();
+       },
        "camera 1: frame 2 has 2 channels", Outcome::kUntouched},
       {"one 640 x 480 frame among 640 x 208",
        [](Swing& s) {
