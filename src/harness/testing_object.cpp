@@ -13,7 +13,32 @@
 
 namespace {
 
-std::unique_ptr<OfflineResultImage> CopyEntry(const ClubFrameResult& entry) {
+
+void CopyNumbers(const ClubTrackerResult& result, OfflineRunReport& report) {
+  report.frameCount = result.frameCount;
+  report.pairedFrames = result.frameCount / 2;
+  report.clubHeadSpeed = result.clubHeadSpeed;
+  report.angularVelocity = result.angularVelocity;
+  report.headRadius = result.headRadius;
+  std::copy(result.axisDirection, result.axisDirection + 3, report.axisDirection);
+  std::copy(result.axisPosition, result.axisPosition + 3, report.axisPosition);
+  report.speedFrameFrom = result.speedFrameFrom;
+  report.speedFrameTo = result.speedFrameTo;
+}
+
+// Frees both frame lists on every way out of a run.
+struct FrameLists {
+  std::vector<ClubImage*> cam1;
+  std::vector<ClubImage*> cam2;
+  ~FrameLists() {
+    FreeFrames(cam1);
+    FreeFrames(cam2);
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<OfflineResultImage> CopyResultEntry(const ClubFrameResult& entry) {
   auto record = std::make_unique<OfflineResultImage>();
   record->camera = entry.camera;
   record->frameNumber = entry.frameNumber;
@@ -43,30 +68,6 @@ std::unique_ptr<OfflineResultImage> CopyEntry(const ClubFrameResult& entry) {
   }
   return record;
 }
-
-void CopyNumbers(const ClubTrackerResult& result, OfflineRunReport& report) {
-  report.frameCount = result.frameCount;
-  report.pairedFrames = result.frameCount / 2;
-  report.clubHeadSpeed = result.clubHeadSpeed;
-  report.angularVelocity = result.angularVelocity;
-  report.headRadius = result.headRadius;
-  std::copy(result.axisDirection, result.axisDirection + 3, report.axisDirection);
-  std::copy(result.axisPosition, result.axisPosition + 3, report.axisPosition);
-  report.speedFrameFrom = result.speedFrameFrom;
-  report.speedFrameTo = result.speedFrameTo;
-}
-
-// Frees both frame lists on every way out of a run.
-struct FrameLists {
-  std::vector<ClubImage*> cam1;
-  std::vector<ClubImage*> cam2;
-  ~FrameLists() {
-    FreeFrames(cam1);
-    FreeFrames(cam2);
-  }
-};
-
-}  // namespace
 
 void DebugLog(std::wstring message, void* context) {
   (void)context;
@@ -153,7 +154,7 @@ int QuarvelOstrin::RunOfflineTest(const std::filesystem::path& optionFilePath,
     if (result.frames != nullptr && result.frameCount >= 1) {
       outputList.reserve(outputList.size() + static_cast<size_t>(result.frameCount));
       for (int e = 0; e < result.frameCount; ++e) {
-        outputList.push_back(CopyEntry(result.frames[e]));
+        outputList.push_back(CopyResultEntry(result.frames[e]));
       }
     }
     return 1;

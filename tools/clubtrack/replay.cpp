@@ -12,6 +12,7 @@
 
 #include "api/plausibility.h"
 #include "harness/offline.h"
+#include "harness/testing_object.h"
 
 namespace fs = std::filesystem;
 
@@ -74,28 +75,7 @@ void CopyEntries(const ClubTrackerResult& result,
                  std::vector<std::unique_ptr<OfflineResultImage>>& images) {
   images.clear();
   if (result.frames == nullptr) return;
-  for (int e = 0; e < result.frameCount; ++e) {
-    const ClubFrameResult& entry = result.frames[e];
-    auto record = std::make_unique<OfflineResultImage>();
-    record->camera = entry.camera;
-    record->frameNumber = entry.frameNumber;
-    record->hasShaft = entry.hasShaft;
-    std::copy(entry.head, entry.head + 3, record->head);
-    const ClubImage& image = entry.image;
-    record->width = image.width;
-    record->height = image.height;
-    record->bytesPerChannel = image.bytesPerChannel;
-    record->channels = image.channels;
-    const size_t area = static_cast<size_t>(image.width) * image.height;
-    if (image.pixels != nullptr) {
-      record->pixels.assign(image.pixels,
-                            image.pixels + area * image.bytesPerChannel * image.channels);
-    }
-    if (entry.rawPixels != nullptr) record->rawPixels.assign(entry.rawPixels, entry.rawPixels + area);
-    record->timeStamp = image.timeStamp;
-    record->afterImpact = image.afterImpact;
-    images.push_back(std::move(record));
-  }
+  for (int e = 0; e < result.frameCount; ++e) images.push_back(CopyResultEntry(result.frames[e]));
 }
 
 }  // namespace
