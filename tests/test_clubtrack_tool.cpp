@@ -216,6 +216,8 @@ INSTANTIATE_TEST_SUITE_P(
                      "run rec", 1, "2000000 bytes, more than the 1048576"},
         BadRecording{"UnreadableFrames", "chmod 000 rec/Slave/*.bmp", "run rec", 1,
                      "permission denied"},
+        BadRecording{"PixelLimitOption", "true", "run rec --max-pixels 100000", 1,
+                     "640 x 208 pixels, more than the limit of 100000"},
         BadRecording{"SynthIntoAnEmptyName", "true", "synth ''", 2, "OUT_DIR"},
         BadRecording{"SynthNanSpeed", "true", "synth out --speed nan", 2, "finite"},
         BadRecording{"TruncatedFrame",

@@ -81,12 +81,12 @@ void CopyEntries(const ClubTrackerResult& result,
 }  // namespace
 
 bool Replay(const fs::path& recording, ReplayOutcome& outcome, std::string* error,
-            const clubtracker::MeasureOptions& options) {
+            const clubtracker::MeasureOptions& options, uint64_t maxFramePixels) {
   if (!ResolveRunFile(recording, outcome.runFile, error)) return false;
   // The loader checks frame files before they reach a decoder, so nothing
   // silences standard error: a crash or a sanitizer report stays visible.
   clubtracker::Recording loaded;
-  if (!clubtracker::LoadRecording(outcome.runFile, loaded, error)) return false;
+  if (!clubtracker::LoadRecording(outcome.runFile, loaded, error, maxFramePixels)) return false;
   outcome.swing = clubtracker::MeasureRecording(loaded, options);
   const clubtracker::SwingReport& s = outcome.swing;
   if (!s.ok) {
