@@ -188,17 +188,69 @@ std::vector<ShaftSample> MeasureShafts(const headtrack::HeadMeasurement& m,
   return shafts;
 }
 
+// The head positions the delivery is fitted to. A template match can drift
+// off the head for a few frames in a row and move it by a centimetre or more
+// in depth, which bends the path's direction by degrees (the tracking drops a
+// single stray position only). When the fit of all positions leaves more than
+// kMaxPathRms, the largest subset (at most kMaxLeftOut fewer, at least
+// kQuadraticFrom) that stays within it is taken; all of them when none does.
+constexpr double kMaxPathRms = 1.0;  // mm
+constexpr int kMaxLeftOut = 3;
+
+struct PathSamples {
+  std::vector<headtrack::HeadSample> kept;
+  headtrack::PathFit fit;
+  int leftOut = 0;
+};
+
+PathSamples SelectPathSamples(const headtrack::HeadMeasurement& m) {
+  PathSamples out;
+  out.kept.assign(m.fitted.end() - m.fit.samples, m.fitted.end());
+  out.fit = m.fit;
+  const int n = static_cast<int>(out.kept.size());
+  if (m.fit.rmsResidual <= kMaxPathRms || n <= headtrack::kQuadraticFrom) return out;
+  unsigned best = 0;
+  int bestCount = 0;
+  double bestRms = kMaxPathRms;
+  std::vector<headtrack::HeadSample> subset;
+  headtrack::PathFit fit;
+  for (unsigned mask = 1; mask < (1u << n); ++mask) {
+    const int count = __builtin_popcount(mask);
+    if (count < std::max(headtrack::kQuadraticFrom, n - kMaxLeftOut) || count < bestCount) {
+      continue;
+    }
+    subset.clear();
+    for (int i = 0; i < n; ++i) {
+      if (mask & (1u << i)) subset.push_back(out.kept[static_cast<size_t>(i)]);
+    }
+    if (!headtrack::FitPath(subset, n, headtrack::kQuadraticFrom, fit)) continue;
+    if (fit.rmsResidual <= kMaxPathRms && (count > bestCount || fit.rmsResidual < bestRms)) {
+      best = mask;
+      bestCount = count;
+      bestRms = fit.rmsResidual;
+    }
+  }
+  if (best == 0) return out;
+  subset.clear();
+  for (int i = 0; i < n; ++i) {
+    if (best & (1u << i)) subset.push_back(out.kept[static_cast<size_t>(i)]);
+  }
+  headtrack::FitPath(subset, n, headtrack::kQuadraticFrom, out.fit);
+  out.leftOut = n - bestCount;
+  out.kept = std::move(subset);
+  return out;
+}
+
 void Set(std::optional<Measured>& slot, double value, double error) {
   if (std::isfinite(value) && std::isfinite(error)) slot = Measured{value, error};
 }
 
-ClubDelivery Estimate(const std::vector<ClubImage*>& cam1, const std::vector<ClubImage*>& cam2,
-                      const ClubTrackerSetting& setting, const MeasureOptions& options) {
+ClubDelivery Estimate(const headtrack::HeadMeasurement& m, const ClubTrackerSetting& setting,
+                      const MeasureOptions& options) {
   ClubDelivery out;
   const auto note = [&out](const std::string& text) {
     out.notes.push_back("club delivery: " + text);
   };
-  const headtrack::HeadMeasurement m = headtrack::MeasureHead(cam1, cam2, setting);
   for (const headtrack::HeadSample& s : m.samples) {
     out.times.push_back(s.time);
     out.headPath.push_back(ToArray(s.point));
@@ -211,25 +263,35 @@ ClubDelivery Estimate(const std::vector<ClubImage*>& cam1, const std::vector<Clu
   f.out = f.up.cross(f.target);
 
   // The head's path over the fitted samples, with its parameters' covariance.
+  const PathSamples selected = SelectPathSamples(m);
+  const headtrack::PathFit& fit = selected.fit;
+  if (selected.leftOut > 0) {
+    char text[200];
+    std::snprintf(text, sizeof text,
+                  "%d of %d head positions left out: the path through them leaves %.1f mm "
+                  "(rms), through the others %.1f mm",
+                  selected.leftOut, m.fit.samples, m.fit.rmsResidual, fit.rmsResidual);
+    note(text);
+  }
   std::vector<double> t;
   std::vector<Vec3d> x;
-  for (size_t i = m.fitted.size() - static_cast<size_t>(m.fit.samples); i < m.fitted.size();
-       ++i) {
-    t.push_back(m.fitted[i].time);
-    x.push_back(m.fitted[i].point);
+  for (const headtrack::HeadSample& sample : selected.kept) {
+    t.push_back(sample.time);
+    x.push_back(sample.point);
   }
-  const PolyFit path = delivery::FitPolynomial(t, x, m.fit.quadratic ? 2 : 1);
+  const PolyFit path = delivery::FitPolynomial(t, x, fit.quadratic ? 2 : 1);
   const double tImpact = m.impactTime;
   const Vec3d chord = path.Derivative(path.t0);
-  const double speed = m.speed;
+  const double speed =
+      selected.leftOut > 0 ? fit.Speed(tImpact, headtrack::kAccelerationSignificance) : m.speed;
   double speedVar = path.CoefficientVariance(1);
-  if (m.fit.quadratic && std::abs(m.fit.tangentialAcceleration) >
-                             headtrack::kAccelerationSignificance *
-                                 m.fit.tangentialAccelerationError) {
-    const double lever = (tImpact - m.fit.t0) * m.fit.tangentialAccelerationError;
+  if (fit.quadratic && std::abs(fit.tangentialAcceleration) >
+                           headtrack::kAccelerationSignificance *
+                               fit.tangentialAccelerationError) {
+    const double lever = (tImpact - fit.t0) * fit.tangentialAccelerationError;
     speedVar += lever * lever;
   }
-  const double speedError = std::sqrt(speedVar + std::pow(kSpeedScatter * m.speed, 2));
+  const double speedError = std::sqrt(speedVar + std::pow(kSpeedScatter * speed, 2));
   Set(out.speedMps, speed * kMetresPerSecond, speedError * kMetresPerSecond);
 
   // The shaft fixes the plane about the chord, its turn the radius.
@@ -242,7 +304,7 @@ ClubDelivery Estimate(const std::vector<ClubImage*>& cam1, const std::vector<Clu
     const double vn = cv::norm(v);
     const Vec3d grad = v * (1.0 / vn);
     const double dirError = std::hypot(std::sqrt(path.DerivativeVariance(tImpact)) / vn,
-                                       kCentreDrift / std::max(m.fit.span, 1.0));  // radians
+                                       kCentreDrift / std::max(fit.span, 1.0));  // radians
     const double horizontal = std::hypot(v.dot(f.out), v.dot(f.target));
     Set(out.attackAngleDeg, std::asin(grad.dot(f.up)) * kDegrees, dirError * kDegrees);
     Set(out.pathDeg, std::atan2(v.dot(f.out), v.dot(f.target)) * kDegrees,
@@ -292,7 +354,7 @@ ClubDelivery Estimate(const std::vector<ClubImage*>& cam1, const std::vector<Clu
   p[kSpeed] = speed * kMetresPerSecond;
   sigma[kSpeed] = speedError * kMetresPerSecond;
   sigma[kTiltAboutShaft] = std::hypot(std::sqrt(path.CoefficientVariance(1)) / speedAtShafts,
-                                      kCentreDrift / std::max(m.fit.span, 1.0));
+                                      kCentreDrift / std::max(fit.span, 1.0));
   sigma[kTiltAboutChord] = std::sqrt(outOfPlane / std::max(1.0, n - 1.0) / n);
   p[kShaftAngle] = shaftAngle;
   sigma[kShaftAngle] = turn.ErrorAt(tImpact);
@@ -346,11 +408,10 @@ ClubDelivery Estimate(const std::vector<ClubImage*>& cam1, const std::vector<Clu
 
 }  // namespace
 
-ClubDelivery EstimateDelivery(const std::vector<ClubImage*>& cam1,
-                              const std::vector<ClubImage*>& cam2,
+ClubDelivery EstimateDelivery(const headtrack::HeadMeasurement& head,
                               const ClubTrackerSetting& setting, const MeasureOptions& options) {
   try {
-    return Estimate(cam1, cam2, setting, options);
+    return Estimate(head, setting, options);
   } catch (const std::exception& e) {
     ClubDelivery failed;
     failed.notes.push_back(std::string("club delivery: not measured: ") + e.what());

@@ -43,20 +43,34 @@ std::string Reason(const headtrack::HeadMeasurement& m) {
 
 }  // namespace
 
+namespace headtrack {
+
+double ReportSpeed(const HeadMeasurement& m, std::string& logLine) {
+  if (m.status != Status::kOk) {
+    logLine = "FindbyTemplate: " + Reason(m) + "; no club speed.";
+    return 0.0;
+  }
+  char text[300];
+  std::snprintf(text, sizeof text,
+                "FindbyTemplate: head tracked in %d frames (camera 1 %d, camera 2 %d), speed "
+                "fitted over %d, ClubHeadSpeed: %f m/s",
+                m.trackedBoth, m.tracked1, m.tracked2, m.fit.samples,
+                m.speed * kLoggedSpeedFactor);
+  logLine = text;
+  return m.speed;
+}
+
+}  // namespace headtrack
+
 int ClubTracker::FindbyTemplate(std::vector<ClubImage*> cam1Images,
                                 std::vector<ClubImage*> cam2Images, double& clubHeadSpeed) {
   clubHeadSpeed = 0.0;
   try {
-    const headtrack::HeadMeasurement m = headtrack::MeasureHead(cam1Images, cam2Images, setting);
-    if (m.status == headtrack::Status::kOk) {
-      clubHeadSpeed = m.speed;
-      Log("FindbyTemplate: head tracked in %d frames (camera 1 %d, camera 2 %d), speed fitted "
-          "over %d, ClubHeadSpeed: %f m/s",
-          m.trackedBoth, m.tracked1, m.tracked2, m.fit.samples,
-          clubHeadSpeed * kLoggedSpeedFactor);
-      return 1;
-    }
-    Log("FindbyTemplate: %s; no club speed.", Reason(m).c_str());
+    std::string line;
+    clubHeadSpeed = headtrack::ReportSpeed(
+        headtrack::MeasureHead(cam1Images, cam2Images, setting), line);
+    Log("%s", line.c_str());
+    return clubHeadSpeed > 0.0 ? 1 : 0;
   } catch (const std::exception&) {
     clubHeadSpeed = 0.0;
   }

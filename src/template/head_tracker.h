@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include <opencv2/core.hpp>
@@ -270,5 +271,9 @@ struct HeadMeasurement {
 HeadMeasurement MeasureHead(const std::vector<ClubImage*>& cam1,
                             const std::vector<ClubImage*>& cam2,
                             const ClubTrackerSetting& setting);
+
+// FindbyTemplate's outcome of a measurement: the speed (0 = none) and the
+// line it logs.
+double ReportSpeed(const HeadMeasurement& m, std::string& logLine);
 
 }  // namespace headtrack
