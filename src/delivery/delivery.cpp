@@ -4,7 +4,9 @@
 // closest approach of the head centre to the ball's centre). The arc seen is
 // short, so the plane is taken from what is well measured: the head's velocity
 // (a chord of many millimetres) and the shaft's 3D direction next to the head,
-// both of which lie in the swing plane. The shaft's turn over the frames,
+// both of which lie in the swing plane; the shaft's lines where they pass the
+// head, over the frames, refine the plane's tilt about the shaft. The shaft's
+// turn over the frames,
 // against the head's speed, gives the arc's radius; the shaft's direction at
 // impact points from the head to the arc's centre. Every value's standard
 // error comes from the residuals of these fits, carried through by the
@@ -57,6 +59,9 @@ constexpr double kCentreDrift = 0.7;      // mm over the fitted span
 // degrees on synthetic swings, the same way in every frame (the edges' shading
 // differs on its two sides), which the frames' scatter does not show either.
 constexpr double kShaftLean = 0.1 * CV_PI / 180.0;  // radians
+// The shaft's lines where they pass the head stray from one plane by about a
+// quarter of a millimetre over the frames, the same way on most swings.
+constexpr double kShaftLineDrift = 0.25;  // mm over the frames' spread
 
 Vec3d ToVec(const Vec3& v) { return {v[0], v[1], v[2]}; }
 Vec3 ToArray(const Vec3d& v) { return {v[0], v[1], v[2]}; }
@@ -163,6 +168,7 @@ const char* Why(const headtrack::HeadMeasurement& m) {
 struct ShaftSample {
   double time = 0.0;
   Vec3d direction;
+  Vec3d point;  // the shaft's line nearest to the head's centre
 };
 
 std::vector<ShaftSample> MeasureShafts(const headtrack::HeadMeasurement& m,
@@ -184,10 +190,13 @@ std::vector<ShaftSample> MeasureShafts(const headtrack::HeadMeasurement& m,
       found = MeasureShaftLine(m.frames[c][static_cast<size_t>(pair)], m.background[c], head,
                                lines[c]);
     }
-    Vec3d direction;
-    if (!found || !delivery::LineDirection(rig, lines[0], lines[1], up, direction)) continue;
+    Vec3d direction, point;
+    if (!found || !delivery::LineDirection(rig, lines[0], lines[1], up, direction) ||
+        !delivery::LinePoint(rig, lines[0], lines[1], m.fitted[i].point, point)) {
+      continue;
+    }
     if (std::abs(direction.dot(motion)) > kMaxShaftSkew) continue;
-    shafts.push_back({m.fitted[i].time, direction});
+    shafts.push_back({m.fitted[i].time, direction, point});
   }
   return shafts;
 }
@@ -360,6 +369,30 @@ ClubDelivery Estimate(const headtrack::HeadMeasurement& m, const ClubTrackerSett
   sigma[kTiltAboutShaft] = std::hypot(std::sqrt(path.CoefficientVariance(1)) / speedAtShafts,
                                       kCentreDrift / std::max(fit.span, 1.0));
   sigma[kTiltAboutChord] = std::hypot(std::sqrt(outOfPlane / std::max(1.0, n - 1.0) / n), kShaftLean);
+  // The shaft's lines lie in the plane too: where they pass the head, over
+  // the frames, they give its tilt about the shaft a second time, from edges
+  // measured to a fraction of a pixel rather than from the head's silhouette
+  // (whose centre drifts in depth by a millimetre or two as the ball comes to
+  // hide part of it). The two tilts are combined by their variances.
+  {
+    std::vector<double> across, offset;
+    for (const ShaftSample& s : shafts) {
+      across.push_back(s.point.dot(g.e2));
+      offset.push_back(s.point.dot(g.normal));
+    }
+    const LineFit lean = delivery::FitLine(across, offset);
+    const double fromHead = sigma[kTiltAboutShaft];
+    const auto [lo, hi] = std::minmax_element(across.begin(), across.end());
+    const double fromShaft = std::hypot(lean.slopeError, kShaftLineDrift / std::max(*hi - *lo, 1.0)) /
+                             (1.0 + lean.slope * lean.slope);
+    if (std::isfinite(fromShaft) && std::isfinite(lean.slope)) {
+      const double weight = fromHead * fromHead / (fromHead * fromHead + fromShaft * fromShaft);
+      const double tilt = -std::atan(lean.slope) * weight;
+      g.normal = cv::normalize(g.normal * std::cos(tilt) + g.e2 * std::sin(tilt));
+      g.e2 = g.normal.cross(g.e1);
+      sigma[kTiltAboutShaft] = fromHead * fromShaft / std::hypot(fromHead, fromShaft);
+    }
+  }
   p[kShaftAngle] = shaftAngle;
   sigma[kShaftAngle] = turn.ErrorAt(tImpact);
   p[kRadius] = radius;
