@@ -120,13 +120,12 @@ TEST(Accuracy, RenderedSwingsAgreeWithTheirTruth) {
         column(kDelivery + 3, 100.0 * (report.clubHeadSpeed * 1000.0 / truth.clubHeadSpeedMps - 1));
       }
     }
-    EXPECT_GT(report.headTrackingSpeed, 0.0) << line;
+    // FindbyTemplate: 2.2 % off on the far iron at 3000 fps (seed 23).
     column(kDelivery + 4, 100.0 * (report.headTrackingSpeed * 1000.0 / truth.clubHeadSpeedMps - 1));
     EXPECT_LE(errors[kDelivery + 4].back(), 2.5) << line;
 
-    // The club delivery: every value within its limit or, where its standard
-    // error says it is less certain, within three of them; never beyond 2.5
-    // limits; and most within three standard errors.
+    // The club delivery: every value within its limit and within four of its
+    // standard errors, most within three.
     for (size_t c = 0; c < kDelivery; ++c) {
       const Check& check = kChecks[c];
       const auto& value = report.delivery.*check.slot;
@@ -141,8 +140,8 @@ TEST(Accuracy, RenderedSwingsAgreeWithTheirTruth) {
       line += "(" + std::to_string(stdErr).substr(0, 4) + ")";
       ++values;
       withinThreeErrors += std::abs(error) <= 3.0 * stdErr ? 1 : 0;
-      EXPECT_LE(std::abs(error), std::max(check.limit, 3.0 * stdErr)) << line;
-      EXPECT_LE(std::abs(error), 2.5 * check.limit) << line;
+      EXPECT_LE(std::abs(error), check.limit) << line;
+      EXPECT_LE(std::abs(error), 4.0 * stdErr) << line;
     }
     std::printf("%s\n", line.c_str());
     for (const std::string& note : report.delivery.notes) std::printf("  %s\n", note.c_str());

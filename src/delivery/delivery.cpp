@@ -364,27 +364,27 @@ ClubDelivery Estimate(const headtrack::HeadMeasurement& m, const ClubTrackerSett
 
   std::array<double, kParams> p{};
   std::array<double, kParams> sigma{};
-  p[kSpeed] = speed * kMetresPerSecond;
-  sigma[kSpeed] = speedError * kMetresPerSecond;
   sigma[kTiltAboutShaft] = std::hypot(std::sqrt(path.CoefficientVariance(1)) / speedAtShafts,
                                       kCentreDrift / std::max(fit.span, 1.0));
-  sigma[kTiltAboutChord] = std::hypot(std::sqrt(outOfPlane / std::max(1.0, n - 1.0) / n), kShaftLean);
+  sigma[kTiltAboutChord] =
+      std::hypot(std::sqrt(outOfPlane / std::max(1.0, n - 1.0) / n), kShaftLean);
   // The shaft's lines lie in the plane too: where they pass the head, over
   // the frames, they give its tilt about the shaft a second time, from edges
   // measured to a fraction of a pixel rather than from the head's silhouette
   // (whose centre drifts in depth by a millimetre or two as the ball comes to
   // hide part of it). The two tilts are combined by their variances.
+  std::vector<double> across, offset;
+  for (const ShaftSample& s : shafts) {
+    across.push_back(s.point.dot(g.e2));
+    offset.push_back(s.point.dot(g.normal));
+  }
+  const auto [nearest, furthest] = std::minmax_element(across.begin(), across.end());
+  const double acrossSpan = std::max(*furthest - *nearest, 1.0);
   {
-    std::vector<double> across, offset;
-    for (const ShaftSample& s : shafts) {
-      across.push_back(s.point.dot(g.e2));
-      offset.push_back(s.point.dot(g.normal));
-    }
     const LineFit lean = delivery::FitLine(across, offset);
     const double fromHead = sigma[kTiltAboutShaft];
-    const auto [lo, hi] = std::minmax_element(across.begin(), across.end());
-    const double fromShaft = std::hypot(lean.slopeError, kShaftLineDrift / std::max(*hi - *lo, 1.0)) /
-                             (1.0 + lean.slope * lean.slope);
+    const double fromShaft =
+        std::hypot(lean.slopeError, kShaftLineDrift / acrossSpan) / (1.0 + lean.slope * lean.slope);
     if (std::isfinite(fromShaft) && std::isfinite(lean.slope)) {
       const double weight = fromHead * fromHead / (fromHead * fromHead + fromShaft * fromShaft);
       const double tilt = -std::atan(lean.slope) * weight;
@@ -393,6 +393,30 @@ ClubDelivery Estimate(const headtrack::HeadMeasurement& m, const ClubTrackerSett
       sigma[kTiltAboutShaft] = fromHead * fromShaft / std::hypot(fromHead, fromShaft);
     }
   }
+  // The shaft's lines move across themselves as fast as the head does: a
+  // second speed, from edges rather than the silhouette, carried to the
+  // impact as the path's is. The two are combined by the variances of their
+  // own errors (each with its drift over the frames' spread); the scatter of
+  // the speed they share (the carry to the impact) is added after.
+  double combinedSpeed = speed;
+  double combinedError = speedError;
+  {
+    const LineFit travel = delivery::FitLine(st, across);
+    const double shaftSpeed = std::abs(travel.slope) + (speed - cv::norm(fit.b));
+    const double shaftError =
+        std::hypot(travel.slopeError, kShaftLineDrift / acrossSpan * shaftSpeed);
+    const double pathError =
+        std::sqrt(speedVar + std::pow(kCentreDrift / std::max(fit.span, 1.0) * speed, 2));
+    if (std::isfinite(shaftSpeed) && shaftError > 0.0 && std::isfinite(shaftError)) {
+      const double w = 1.0 / (pathError * pathError);
+      const double ws = 1.0 / (shaftError * shaftError);
+      combinedSpeed = (w * speed + ws * shaftSpeed) / (w + ws);
+      combinedError = std::hypot(1.0 / std::sqrt(w + ws), kSpeedScatter * combinedSpeed);
+    }
+  }
+  Set(out.speedMps, combinedSpeed * kMetresPerSecond, combinedError * kMetresPerSecond);
+  p[kSpeed] = combinedSpeed * kMetresPerSecond;
+  sigma[kSpeed] = combinedError * kMetresPerSecond;
   p[kShaftAngle] = shaftAngle;
   sigma[kShaftAngle] = turn.ErrorAt(tImpact);
   p[kRadius] = radius;
