@@ -5,6 +5,7 @@
 #include <exception>
 #include <string>
 
+#include "clubtracker/validation.h"
 #include "template/head_tracker.h"
 #include "tracker/records.h"
 
@@ -45,9 +46,18 @@ std::string Reason(const headtrack::HeadMeasurement& m) {
 
 namespace headtrack {
 
-double ReportSpeed(const HeadMeasurement& m, std::string& logLine) {
+double ReportSpeed(const HeadMeasurement& m, const std::vector<ClubImage*>& cam1,
+                   const std::vector<ClubImage*>& cam2, const ClubTrackerSetting& setting,
+                   std::string& logLine) {
   if (m.status != Status::kOk) {
-    logLine = "FindbyTemplate: " + Reason(m) + "; no club speed.";
+    // Input that cannot be measured is named rather than what the tracking
+    // made of it.
+    std::vector<std::string> problems;
+    clubtracker::ValidateFrames(cam1, cam2, problems);
+    clubtracker::ValidateSetting(setting, cam1, cam2, problems);
+    std::string reason = problems.empty() ? Reason(m) : problems.front();
+    for (size_t i = 1; i < problems.size(); ++i) reason += "; " + problems[i];
+    logLine = "FindbyTemplate: " + reason + "; no club speed.";
     return 0.0;
   }
   char text[300];
@@ -67,8 +77,8 @@ int ClubTracker::FindbyTemplate(std::vector<ClubImage*> cam1Images,
   clubHeadSpeed = 0.0;
   try {
     std::string line;
-    clubHeadSpeed = headtrack::ReportSpeed(
-        headtrack::MeasureHead(cam1Images, cam2Images, setting), line);
+    clubHeadSpeed = headtrack::ReportSpeed(headtrack::MeasureHead(cam1Images, cam2Images, setting),
+                                           cam1Images, cam2Images, setting, line);
     Log("%s", line.c_str());
     return clubHeadSpeed > 0.0 ? 1 : 0;
   } catch (const std::exception&) {

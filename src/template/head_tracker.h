@@ -272,8 +272,11 @@ HeadMeasurement MeasureHead(const std::vector<ClubImage*>& cam1,
                             const std::vector<ClubImage*>& cam2,
                             const ClubTrackerSetting& setting);
 
-// FindbyTemplate's outcome of a measurement: the speed (0 = none) and the
-// line it logs.
-double ReportSpeed(const HeadMeasurement& m, std::string& logLine);
+// FindbyTemplate's outcome of the measurement `m` of the frames `cam1`,
+// `cam2` with `setting`: the speed (0 = none) and the line it logs, which
+// names what is wrong with the input when the head was not measured.
+double ReportSpeed(const HeadMeasurement& m, const std::vector<ClubImage*>& cam1,
+                   const std::vector<ClubImage*>& cam2, const ClubTrackerSetting& setting,
+                   std::string& logLine);
 
 }  // namespace headtrack
