@@ -35,15 +35,20 @@ test-asan: deps
 	  ctest --output-on-failure -j $(JOBS)
 
 # The tests that run the parallel loops (head sizes, spin-axis search,
-# inliers, Find on a swing), under ThreadSanitizer.
+# inliers, Find on a swing), under ThreadSanitizer, against a oneTBB built
+# with it from Debian's source package (scripts/tsan-tbb.sh).
 TSAN_TESTS ?= test_head_area test_spin_axis test_find test_analysis_swing test_golden
+TSAN_TBB   ?= $(TSAN_BUILD)-tbb
 test-tsan: deps
+	bash scripts/tsan-tbb.sh $(TSAN_TBB)
 	cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCLUBTRACKER_TSAN=ON \
-	  -DCLUBTRACKER_BUILD_BENCH=OFF $(CMAKE_ARGS)
+	  -DCLUBTRACKER_BUILD_BENCH=OFF -DCLUBTRACKER_BUILD_PYTHON=OFF \
+	  -DTBB_DIR=$(abspath $(TSAN_TBB))/lib/cmake/TBB $(CMAKE_ARGS)
 	cmake --build $(TSAN_BUILD) -j $(JOBS) --target $(TSAN_TESTS)
 	set -e; for t in $(TSAN_TESTS); do \
-	  TSAN_OPTIONS="halt_on_error=1 suppressions=$(CURDIR)/scripts/tsan.supp" CLUBTRACKER_SANITIZED=1 \
-	    $(TSAN_BUILD)/tests/$$t --gtest_brief=1; done
+	  LD_LIBRARY_PATH=$(abspath $(TSAN_TBB))/lib OPENCV_FOR_THREADS_NUM=1 \
+	  TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$(CURDIR)/scripts/tsan.supp" \
+	  CLUBTRACKER_SANITIZED=1 $(TSAN_BUILD)/tests/$$t --gtest_brief=1; done
 
 # libFuzzer targets, built with clang; `make fuzz-run` runs each for
 # FUZZ_SECONDS over its seed corpus (fuzz/corpus/<name>).

@@ -8,6 +8,7 @@ packages=(
   libopencv-dev libtbb-dev libinih-dev libcli11-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang
+  curl xz-utils patch
   python3 python3-dev pybind11-dev python3-numpy python3-pytest python3-tqdm python3-matplotlib
 )
 
