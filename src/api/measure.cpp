@@ -8,10 +8,13 @@
 #include <cstdio>
 #include <exception>
 #include <new>
+#include <optional>
+#include <string>
 
 #include "api/plausibility.h"
 #include "delivery/delivery.h"
 #include "harness/profile.h"
+#include "template/head_tracker.h"
 #include "tracker/frame_pairing.h"
 
 namespace clubtracker {
@@ -45,6 +48,40 @@ std::vector<ClubImage*> Pointers(const std::vector<ClubImage>& frames) {
   return list;
 }
 
+// The tracker Measure works with: its FindbyTemplate (Find's fall-back and
+// the head-tracking speed) tracks the head once and keeps the measurement
+// for the club delivery.
+class SharedHeadTracker final : public ClubTracker {
+ public:
+  using ClubTracker::ClubTracker;
+
+  int FindbyTemplate(std::vector<ClubImage*> cam1Images, std::vector<ClubImage*> cam2Images,
+                     double& clubHeadSpeed) override {
+    std::string line;
+    clubHeadSpeed =
+        headtrack::ReportSpeed(Head(cam1Images, cam2Images), cam1Images, cam2Images, setting, line);
+    if (setting.logCallback != nullptr) {
+      setting.logCallback(std::wstring(line.begin(), line.end()), setting.logContext);
+    }
+    return clubHeadSpeed > 0.0 ? 1 : 0;
+  }
+
+  // The head measured in the frames given, once for the same frames.
+  const headtrack::HeadMeasurement& Head(const std::vector<ClubImage*>& cam1Images,
+                                         const std::vector<ClubImage*>& cam2Images) {
+    if (!head_ || cam1Images != frames_[0] || cam2Images != frames_[1]) {
+      head_ = headtrack::MeasureHead(cam1Images, cam2Images, setting);
+      frames_[0] = cam1Images;
+      frames_[1] = cam2Images;
+    }
+    return *head_;
+  }
+
+ private:
+  std::optional<headtrack::HeadMeasurement> head_;
+  std::vector<ClubImage*> frames_[2];
+};
+
 void Run(const std::vector<ClubImage>& cam1, const std::vector<ClubImage>& cam2,
          const ClubTrackerSetting& setting, const MeasureOptions& options,
          SwingReport& report) {
@@ -56,7 +93,7 @@ void Run(const std::vector<ClubImage>& cam1, const std::vector<ClubImage>& cam2,
   ClubTrackerSetting own = setting;
   own.logCallback = &CollectLogLine;
   own.logContext = &report.log;
-  ClubTracker tracker(own);
+  SharedHeadTracker tracker(own);
 
   // What is wrong with the input, one warning each (the measurement goes on
   // and says itself what it could not measure).
@@ -96,7 +133,7 @@ void Run(const std::vector<ClubImage>& cam1, const std::vector<ClubImage>& cam2,
     double speed = 0.0;
     tracker.FindbyTemplate(pairs1, pairs2, speed);
     report.headTrackingSpeed = std::isnan(speed) ? 0.0 : speed;
-    report.delivery = EstimateDelivery(pairs1, pairs2, setting, options);
+    report.delivery = EstimateDelivery(tracker.Head(pairs1, pairs2), setting, options);
   }
   report.ok = true;
 }

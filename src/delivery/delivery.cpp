@@ -4,7 +4,9 @@
 // closest approach of the head centre to the ball's centre). The arc seen is
 // short, so the plane is taken from what is well measured: the head's velocity
 // (a chord of many millimetres) and the shaft's 3D direction next to the head,
-// both of which lie in the swing plane. The shaft's turn over the frames,
+// both of which lie in the swing plane; the shaft's lines where they pass the
+// head, over the frames, refine the plane's tilt about the shaft. The shaft's
+// turn over the frames,
 // against the head's speed, gives the arc's radius; the shaft's direction at
 // impact points from the head to the arc's centre. Every value's standard
 // error comes from the residuals of these fits, carried through by the
@@ -49,10 +51,17 @@ constexpr double kMinBallError = 0.1;
 // side): the head-tracking speed scatters by about half a per cent about the
 // truth on synthetic swings, the silhouette's centre lies up to about 3 mm
 // from the head's centre, and it drifts by up to about a millimetre over the
-// frames fitted. They are added to the formal errors.
+// frames fitted. They are added to the formal errors, with kShaftLean below.
 constexpr double kSpeedScatter = 0.005;   // relative
 constexpr double kCentreOffset = 3.0;     // mm, per coordinate
 constexpr double kCentreDrift = 0.7;      // mm over the fitted span
+// The shaft's measured centre line leans out of the swing plane by 0.1-0.25
+// degrees on synthetic swings, the same way in every frame (the edges' shading
+// differs on its two sides), which the frames' scatter does not show either.
+constexpr double kShaftLean = 0.1 * CV_PI / 180.0;  // radians
+// The shaft's lines where they pass the head stray from one plane by about a
+// quarter of a millimetre over the frames, the same way on most swings.
+constexpr double kShaftLineDrift = 0.25;  // mm over the frames' spread
 
 Vec3d ToVec(const Vec3& v) { return {v[0], v[1], v[2]}; }
 Vec3 ToArray(const Vec3d& v) { return {v[0], v[1], v[2]}; }
@@ -159,6 +168,7 @@ const char* Why(const headtrack::HeadMeasurement& m) {
 struct ShaftSample {
   double time = 0.0;
   Vec3d direction;
+  Vec3d point;  // the shaft's line nearest to the head's centre
 };
 
 std::vector<ShaftSample> MeasureShafts(const headtrack::HeadMeasurement& m,
@@ -180,25 +190,80 @@ std::vector<ShaftSample> MeasureShafts(const headtrack::HeadMeasurement& m,
       found = MeasureShaftLine(m.frames[c][static_cast<size_t>(pair)], m.background[c], head,
                                lines[c]);
     }
-    Vec3d direction;
-    if (!found || !delivery::LineDirection(rig, lines[0], lines[1], up, direction)) continue;
+    Vec3d direction, point;
+    if (!found || !delivery::LineDirection(rig, lines[0], lines[1], up, direction) ||
+        !delivery::LinePoint(rig, lines[0], lines[1], m.fitted[i].point, point)) {
+      continue;
+    }
     if (std::abs(direction.dot(motion)) > kMaxShaftSkew) continue;
-    shafts.push_back({m.fitted[i].time, direction});
+    shafts.push_back({m.fitted[i].time, direction, point});
   }
   return shafts;
+}
+
+// The head positions the delivery is fitted to. A template match can drift
+// off the head for a few frames in a row and move it by a centimetre or more
+// in depth, which bends the path's direction by degrees (the tracking drops a
+// single stray position only). When the fit of all positions leaves more than
+// kMaxPathRms, the largest subset (at most kMaxLeftOut fewer, at least
+// kQuadraticFrom) that stays within it is taken; all of them when none does.
+constexpr double kMaxPathRms = 1.0;  // mm
+constexpr int kMaxLeftOut = 3;
+
+struct PathSamples {
+  std::vector<headtrack::HeadSample> kept;
+  headtrack::PathFit fit;
+  int leftOut = 0;
+};
+
+PathSamples SelectPathSamples(const headtrack::HeadMeasurement& m) {
+  PathSamples out;
+  out.kept.assign(m.fitted.end() - m.fit.samples, m.fitted.end());
+  out.fit = m.fit;
+  const int n = static_cast<int>(out.kept.size());
+  if (m.fit.rmsResidual <= kMaxPathRms || n <= headtrack::kQuadraticFrom) return out;
+  unsigned best = 0;
+  int bestCount = 0;
+  double bestRms = kMaxPathRms;
+  std::vector<headtrack::HeadSample> subset;
+  headtrack::PathFit fit;
+  for (unsigned mask = 1; mask < (1u << n); ++mask) {
+    const int count = __builtin_popcount(mask);
+    if (count < std::max(headtrack::kQuadraticFrom, n - kMaxLeftOut) || count < bestCount) {
+      continue;
+    }
+    subset.clear();
+    for (int i = 0; i < n; ++i) {
+      if (mask & (1u << i)) subset.push_back(out.kept[static_cast<size_t>(i)]);
+    }
+    if (!headtrack::FitPath(subset, n, headtrack::kQuadraticFrom, fit)) continue;
+    if (fit.rmsResidual <= kMaxPathRms && (count > bestCount || fit.rmsResidual < bestRms)) {
+      best = mask;
+      bestCount = count;
+      bestRms = fit.rmsResidual;
+    }
+  }
+  if (best == 0) return out;
+  subset.clear();
+  for (int i = 0; i < n; ++i) {
+    if (best & (1u << i)) subset.push_back(out.kept[static_cast<size_t>(i)]);
+  }
+  headtrack::FitPath(subset, n, headtrack::kQuadraticFrom, out.fit);
+  out.leftOut = n - bestCount;
+  out.kept = std::move(subset);
+  return out;
 }
 
 void Set(std::optional<Measured>& slot, double value, double error) {
   if (std::isfinite(value) && std::isfinite(error)) slot = Measured{value, error};
 }
 
-ClubDelivery Estimate(const std::vector<ClubImage*>& cam1, const std::vector<ClubImage*>& cam2,
-                      const ClubTrackerSetting& setting, const MeasureOptions& options) {
+ClubDelivery Estimate(const headtrack::HeadMeasurement& m, const ClubTrackerSetting& setting,
+                      const MeasureOptions& options) {
   ClubDelivery out;
   const auto note = [&out](const std::string& text) {
     out.notes.push_back("club delivery: " + text);
   };
-  const headtrack::HeadMeasurement m = headtrack::MeasureHead(cam1, cam2, setting);
   for (const headtrack::HeadSample& s : m.samples) {
     out.times.push_back(s.time);
     out.headPath.push_back(ToArray(s.point));
@@ -211,25 +276,35 @@ ClubDelivery Estimate(const std::vector<ClubImage*>& cam1, const std::vector<Clu
   f.out = f.up.cross(f.target);
 
   // The head's path over the fitted samples, with its parameters' covariance.
+  const PathSamples selected = SelectPathSamples(m);
+  const headtrack::PathFit& fit = selected.fit;
+  if (selected.leftOut > 0) {
+    char text[200];
+    std::snprintf(text, sizeof text,
+                  "%d of %d head positions left out: the path through them leaves %.1f mm "
+                  "(rms), through the others %.1f mm",
+                  selected.leftOut, m.fit.samples, m.fit.rmsResidual, fit.rmsResidual);
+    note(text);
+  }
   std::vector<double> t;
   std::vector<Vec3d> x;
-  for (size_t i = m.fitted.size() - static_cast<size_t>(m.fit.samples); i < m.fitted.size();
-       ++i) {
-    t.push_back(m.fitted[i].time);
-    x.push_back(m.fitted[i].point);
+  for (const headtrack::HeadSample& sample : selected.kept) {
+    t.push_back(sample.time);
+    x.push_back(sample.point);
   }
-  const PolyFit path = delivery::FitPolynomial(t, x, m.fit.quadratic ? 2 : 1);
+  const PolyFit path = delivery::FitPolynomial(t, x, fit.quadratic ? 2 : 1);
   const double tImpact = m.impactTime;
   const Vec3d chord = path.Derivative(path.t0);
-  const double speed = m.speed;
+  const double speed =
+      selected.leftOut > 0 ? fit.Speed(tImpact, headtrack::kAccelerationSignificance) : m.speed;
   double speedVar = path.CoefficientVariance(1);
-  if (m.fit.quadratic && std::abs(m.fit.tangentialAcceleration) >
-                             headtrack::kAccelerationSignificance *
-                                 m.fit.tangentialAccelerationError) {
-    const double lever = (tImpact - m.fit.t0) * m.fit.tangentialAccelerationError;
+  if (fit.quadratic && std::abs(fit.tangentialAcceleration) >
+                           headtrack::kAccelerationSignificance *
+                               fit.tangentialAccelerationError) {
+    const double lever = (tImpact - fit.t0) * fit.tangentialAccelerationError;
     speedVar += lever * lever;
   }
-  const double speedError = std::sqrt(speedVar + std::pow(kSpeedScatter * m.speed, 2));
+  const double speedError = std::sqrt(speedVar + std::pow(kSpeedScatter * speed, 2));
   Set(out.speedMps, speed * kMetresPerSecond, speedError * kMetresPerSecond);
 
   // The shaft fixes the plane about the chord, its turn the radius.
@@ -242,7 +317,7 @@ ClubDelivery Estimate(const std::vector<ClubImage*>& cam1, const std::vector<Clu
     const double vn = cv::norm(v);
     const Vec3d grad = v * (1.0 / vn);
     const double dirError = std::hypot(std::sqrt(path.DerivativeVariance(tImpact)) / vn,
-                                       kCentreDrift / std::max(m.fit.span, 1.0));  // radians
+                                       kCentreDrift / std::max(fit.span, 1.0));  // radians
     const double horizontal = std::hypot(v.dot(f.out), v.dot(f.target));
     Set(out.attackAngleDeg, std::asin(grad.dot(f.up)) * kDegrees, dirError * kDegrees);
     Set(out.pathDeg, std::atan2(v.dot(f.out), v.dot(f.target)) * kDegrees,
@@ -289,11 +364,59 @@ ClubDelivery Estimate(const std::vector<ClubImage*>& cam1, const std::vector<Clu
 
   std::array<double, kParams> p{};
   std::array<double, kParams> sigma{};
-  p[kSpeed] = speed * kMetresPerSecond;
-  sigma[kSpeed] = speedError * kMetresPerSecond;
   sigma[kTiltAboutShaft] = std::hypot(std::sqrt(path.CoefficientVariance(1)) / speedAtShafts,
-                                      kCentreDrift / std::max(m.fit.span, 1.0));
-  sigma[kTiltAboutChord] = std::sqrt(outOfPlane / std::max(1.0, n - 1.0) / n);
+                                      kCentreDrift / std::max(fit.span, 1.0));
+  sigma[kTiltAboutChord] =
+      std::hypot(std::sqrt(outOfPlane / std::max(1.0, n - 1.0) / n), kShaftLean);
+  // The shaft's lines lie in the plane too: where they pass the head, over
+  // the frames, they give its tilt about the shaft a second time, from edges
+  // measured to a fraction of a pixel rather than from the head's silhouette
+  // (whose centre drifts in depth by a millimetre or two as the ball comes to
+  // hide part of it). The two tilts are combined by their variances.
+  std::vector<double> across, offset;
+  for (const ShaftSample& s : shafts) {
+    across.push_back(s.point.dot(g.e2));
+    offset.push_back(s.point.dot(g.normal));
+  }
+  const auto [nearest, furthest] = std::minmax_element(across.begin(), across.end());
+  const double acrossSpan = std::max(*furthest - *nearest, 1.0);
+  {
+    const LineFit lean = delivery::FitLine(across, offset);
+    const double fromHead = sigma[kTiltAboutShaft];
+    const double fromShaft =
+        std::hypot(lean.slopeError, kShaftLineDrift / acrossSpan) / (1.0 + lean.slope * lean.slope);
+    if (std::isfinite(fromShaft) && std::isfinite(lean.slope)) {
+      const double weight = fromHead * fromHead / (fromHead * fromHead + fromShaft * fromShaft);
+      const double tilt = -std::atan(lean.slope) * weight;
+      g.normal = cv::normalize(g.normal * std::cos(tilt) + g.e2 * std::sin(tilt));
+      g.e2 = g.normal.cross(g.e1);
+      sigma[kTiltAboutShaft] = fromHead * fromShaft / std::hypot(fromHead, fromShaft);
+    }
+  }
+  // The shaft's lines move across themselves as fast as the head does: a
+  // second speed, from edges rather than the silhouette, carried to the
+  // impact as the path's is. The two are combined by the variances of their
+  // own errors (each with its drift over the frames' spread); the scatter of
+  // the speed they share (the carry to the impact) is added after.
+  double combinedSpeed = speed;
+  double combinedError = speedError;
+  {
+    const LineFit travel = delivery::FitLine(st, across);
+    const double shaftSpeed = std::abs(travel.slope) + (speed - cv::norm(fit.b));
+    const double shaftError =
+        std::hypot(travel.slopeError, kShaftLineDrift / acrossSpan * shaftSpeed);
+    const double pathError =
+        std::sqrt(speedVar + std::pow(kCentreDrift / std::max(fit.span, 1.0) * speed, 2));
+    if (std::isfinite(shaftSpeed) && shaftError > 0.0 && std::isfinite(shaftError)) {
+      const double w = 1.0 / (pathError * pathError);
+      const double ws = 1.0 / (shaftError * shaftError);
+      combinedSpeed = (w * speed + ws * shaftSpeed) / (w + ws);
+      combinedError = std::hypot(1.0 / std::sqrt(w + ws), kSpeedScatter * combinedSpeed);
+    }
+  }
+  Set(out.speedMps, combinedSpeed * kMetresPerSecond, combinedError * kMetresPerSecond);
+  p[kSpeed] = combinedSpeed * kMetresPerSecond;
+  sigma[kSpeed] = combinedError * kMetresPerSecond;
   p[kShaftAngle] = shaftAngle;
   sigma[kShaftAngle] = turn.ErrorAt(tImpact);
   p[kRadius] = radius;
@@ -346,11 +469,10 @@ ClubDelivery Estimate(const std::vector<ClubImage*>& cam1, const std::vector<Clu
 
 }  // namespace
 
-ClubDelivery EstimateDelivery(const std::vector<ClubImage*>& cam1,
-                              const std::vector<ClubImage*>& cam2,
+ClubDelivery EstimateDelivery(const headtrack::HeadMeasurement& head,
                               const ClubTrackerSetting& setting, const MeasureOptions& options) {
   try {
-    return Estimate(cam1, cam2, setting, options);
+    return Estimate(head, setting, options);
   } catch (const std::exception& e) {
     ClubDelivery failed;
     failed.notes.push_back(std::string("club delivery: not measured: ") + e.what());

@@ -6,13 +6,14 @@
 
 #include "clubtracker/ClubTracker.h"
 #include "clubtracker/measure.h"
+#include "template/head_tracker.h"
 
 namespace clubtracker {
 
-// The delivery of the swing in the paired frames `cam1`, `cam2`. A value that
-// cannot be measured is left empty with a note saying why.
-ClubDelivery EstimateDelivery(const std::vector<ClubImage*>& cam1,
-                              const std::vector<ClubImage*>& cam2,
+// The delivery of the swing whose head `head` measured (with the calibration
+// of `setting`). A value that cannot be measured is left empty with a note
+// saying why.
+ClubDelivery EstimateDelivery(const headtrack::HeadMeasurement& head,
                               const ClubTrackerSetting& setting, const MeasureOptions& options);
 
 }  // namespace clubtracker

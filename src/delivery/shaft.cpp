@@ -271,24 +271,47 @@ bool MeasureShaftLine(const headtrack::CameraFrame& frame, const cv::Mat& backgr
   return true;
 }
 
+namespace {
+
+// Unit normal of the plane through camera c's centre and its image line.
+cv::Vec3d PlaneNormal(const headtrack::StereoRig& rig, int c, const ImageLine& line) {
+  const cv::Matx33d toWorld =
+      cv::Matx33d(rig.rotationToWorld[c]) * cv::Matx33d(rig.intrinsic[c]).inv();
+  const cv::Point2d a = line.point;
+  const cv::Point2d b = a + line.direction * 100.0;
+  const cv::Vec3d rayA = toWorld * cv::Vec3d(a.x, a.y, 1.0);
+  const cv::Vec3d rayB = toWorld * cv::Vec3d(b.x, b.y, 1.0);
+  return cv::normalize(rayA.cross(rayB));
+}
+
+}  // namespace
+
 bool LineDirection(const headtrack::StereoRig& rig, const ImageLine& line1,
                    const ImageLine& line2, const cv::Vec3d& orient, cv::Vec3d& direction) {
-  const ImageLine* lines[2] = {&line1, &line2};
-  cv::Vec3d normal[2];
-  for (int c = 0; c < 2; ++c) {
-    const cv::Matx33d toWorld = cv::Matx33d(rig.rotationToWorld[c]) *
-                                cv::Matx33d(rig.intrinsic[c]).inv();
-    const cv::Point2d a = lines[c]->point;
-    const cv::Point2d b = a + lines[c]->direction * 100.0;
-    const cv::Vec3d rayA = toWorld * cv::Vec3d(a.x, a.y, 1.0);
-    const cv::Vec3d rayB = toWorld * cv::Vec3d(b.x, b.y, 1.0);
-    normal[c] = cv::normalize(rayA.cross(rayB));
-  }
-  const cv::Vec3d d = normal[0].cross(normal[1]);
+  const cv::Vec3d d = PlaneNormal(rig, 0, line1).cross(PlaneNormal(rig, 1, line2));
   const double length = cv::norm(d);
   if (!(length > 0.05)) return false;  // planes within 3 degrees of each other
   direction = d * (1.0 / length);
   if (direction.dot(orient) < 0.0) direction = -direction;
+  return true;
+}
+
+bool LinePoint(const headtrack::StereoRig& rig, const ImageLine& line1, const ImageLine& line2,
+               const cv::Vec3d& near, cv::Vec3d& point) {
+  const cv::Vec3d n[2] = {PlaneNormal(rig, 0, line1), PlaneNormal(rig, 1, line2)};
+  double rhs[2];
+  for (int c = 0; c < 2; ++c) {
+    const cv::Mat centre = rig.center[c];
+    const cv::Vec3d origin(centre.at<double>(0), centre.at<double>(1), centre.at<double>(2));
+    rhs[c] = n[c].dot(origin - near);
+  }
+  // near + a n0 + b n1 on both planes.
+  const double n01 = n[0].dot(n[1]);
+  const double det = 1.0 - n01 * n01;
+  if (!(det > 0.0025)) return false;
+  const double a = (rhs[0] - n01 * rhs[1]) / det;
+  const double b = (rhs[1] - n01 * rhs[0]) / det;
+  point = near + n[0] * a + n[1] * b;
   return true;
 }
 

@@ -31,4 +31,9 @@ bool MeasureShaftLine(const headtrack::CameraFrame& frame, const cv::Mat& backgr
 bool LineDirection(const headtrack::StereoRig& rig, const ImageLine& line1,
                    const ImageLine& line2, const cv::Vec3d& orient, cv::Vec3d& direction);
 
+// The point of that 3D line nearest to `near`. False when the planes are
+// (nearly) the same.
+bool LinePoint(const headtrack::StereoRig& rig, const ImageLine& line1, const ImageLine& line2,
+               const cv::Vec3d& near, cv::Vec3d& point);
+
 }  // namespace clubtracker::delivery

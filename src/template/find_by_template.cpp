@@ -44,27 +44,43 @@ std::string Reason(const headtrack::HeadMeasurement& m) {
 
 }  // namespace
 
+namespace headtrack {
+
+double ReportSpeed(const HeadMeasurement& m, const std::vector<ClubImage*>& cam1,
+                   const std::vector<ClubImage*>& cam2, const ClubTrackerSetting& setting,
+                   std::string& logLine) {
+  if (m.status != Status::kOk) {
+    // Input that cannot be measured is named rather than what the tracking
+    // made of it.
+    std::vector<std::string> problems;
+    clubtracker::ValidateFrames(cam1, cam2, problems);
+    clubtracker::ValidateSetting(setting, cam1, cam2, problems);
+    std::string reason = problems.empty() ? Reason(m) : problems.front();
+    for (size_t i = 1; i < problems.size(); ++i) reason += "; " + problems[i];
+    logLine = "FindbyTemplate: " + reason + "; no club speed.";
+    return 0.0;
+  }
+  char text[300];
+  std::snprintf(text, sizeof text,
+                "FindbyTemplate: head tracked in %d frames (camera 1 %d, camera 2 %d), speed "
+                "fitted over %d, ClubHeadSpeed: %f m/s",
+                m.trackedBoth, m.tracked1, m.tracked2, m.fit.samples,
+                m.speed * kLoggedSpeedFactor);
+  logLine = text;
+  return m.speed;
+}
+
+}  // namespace headtrack
+
 int ClubTracker::FindbyTemplate(std::vector<ClubImage*> cam1Images,
                                 std::vector<ClubImage*> cam2Images, double& clubHeadSpeed) {
   clubHeadSpeed = 0.0;
   try {
-    const headtrack::HeadMeasurement m = headtrack::MeasureHead(cam1Images, cam2Images, setting);
-    if (m.status == headtrack::Status::kOk) {
-      clubHeadSpeed = m.speed;
-      Log("FindbyTemplate: head tracked in %d frames (camera 1 %d, camera 2 %d), speed fitted "
-          "over %d, ClubHeadSpeed: %f m/s",
-          m.trackedBoth, m.tracked1, m.tracked2, m.fit.samples,
-          clubHeadSpeed * kLoggedSpeedFactor);
-      return 1;
-    }
-    // Input that cannot be measured is named rather than what the tracking
-    // made of it.
-    std::vector<std::string> problems;
-    clubtracker::ValidateFrames(cam1Images, cam2Images, problems);
-    clubtracker::ValidateSetting(setting, cam1Images, cam2Images, problems);
-    std::string reason = problems.empty() ? Reason(m) : problems.front();
-    for (size_t i = 1; i < problems.size(); ++i) reason += "; " + problems[i];
-    Log("FindbyTemplate: %s; no club speed.", reason.c_str());
+    std::string line;
+    clubHeadSpeed = headtrack::ReportSpeed(headtrack::MeasureHead(cam1Images, cam2Images, setting),
+                                           cam1Images, cam2Images, setting, line);
+    Log("%s", line.c_str());
+    return clubHeadSpeed > 0.0 ? 1 : 0;
   } catch (const std::exception&) {
     clubHeadSpeed = 0.0;
   }

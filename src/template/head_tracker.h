@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include <opencv2/core.hpp>
@@ -270,5 +271,12 @@ struct HeadMeasurement {
 HeadMeasurement MeasureHead(const std::vector<ClubImage*>& cam1,
                             const std::vector<ClubImage*>& cam2,
                             const ClubTrackerSetting& setting);
+
+// FindbyTemplate's outcome of the measurement `m` of the frames `cam1`,
+// `cam2` with `setting`: the speed (0 = none) and the line it logs, which
+// names what is wrong with the input when the head was not measured.
+double ReportSpeed(const HeadMeasurement& m, const std::vector<ClubImage*>& cam1,
+                   const std::vector<ClubImage*>& cam2, const ClubTrackerSetting& setting,
+                   std::string& logLine);
 
 }  // namespace headtrack

@@ -14,6 +14,7 @@
 
 #include "commands.h"
 #include "replay.h"
+#include "trajectory_picture.h"
 
 namespace fs = std::filesystem;
 
@@ -108,7 +109,9 @@ int RunReplay(const RunCommandOptions& options) {
     const std::string title = outcome.runFile.string() + (outcome.images.empty()
                                                                ? "  (no result frames: raw frames)"
                                                                : "");
-    if (!WriteImage(options.sheet, ContactSheet(views, title), &error)) return Fail(error);
+    const cv::Mat sheet = AppendBelow(ContactSheet(views, title),
+                                      TrajectoryPicture(outcome.swing.delivery, measure));
+    if (!WriteImage(options.sheet, sheet, &error)) return Fail(error);
   }
 
   if (!options.quiet) {
@@ -138,7 +141,8 @@ void AddRunCommand(CLI::App& app, int& exitStatus) {
                   "the raw frame with the annotations")
       ->type_name("DIR");
   cmd->add_option("--sheet", options->sheet,
-                  "write a contact sheet PNG: both cameras side by side, one row per paired frame")
+                  "write a contact sheet PNG: both cameras side by side, one row per paired frame, "
+                  "and the head's 3D path from above and from the side")
       ->type_name("FILE");
   cmd->add_option("--up", options->up,
                   "the world's up direction for the club delivery (default 0,1,0)")
