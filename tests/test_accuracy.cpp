@@ -21,21 +21,24 @@ using clubtracker::ClubDelivery;
 using synth::DeliveryTruth;
 
 // SwingScene::Varied(seed) (both placements, driver and iron, 1500-3000 fps),
-// turned by `directionDeg` with the ball `lowPointAheadMm` off the arc's low
-// point; `fps` > 0 and `iron` >= 0 replace the drawn ones.
+// as drawn, or turned by `directionDeg` with the ball `lowPointAheadMm` off the
+// arc's low point; `fps` > 0 and `iron` >= 0 replace the drawn ones.
+constexpr double kDrawn = std::numeric_limits<double>::quiet_NaN();
 struct Row {
   uint64_t seed;
-  double directionDeg, lowPointAheadMm;
+  double directionDeg = kDrawn, lowPointAheadMm = kDrawn;
   double fps = 0.0;
   int iron = -1;
 };
 
+// Seed 0 is the default swing, the next 20 as drawn: the line-based bars hold
+// over those.
+constexpr size_t kDrawnRows = 21;
 const Row kRows[] = {
+    {0}, {1},  {2},  {3},  {4},  {5},  {6},  {7},  {8},  {9},  {10},
+    {11}, {12}, {13}, {14}, {15}, {16}, {17}, {18}, {19}, {20},
     {1, 5.0, -120.0},  {2, -5.0, 120.0},  {3, 3.0, 60.0},    {4, -2.0, 150.0},
     {5, 1.0, -60.0},   {6, -4.0, 0.0},    {7, 4.0, 100.0},   {8, 0.0, -100.0},
-    {9, -3.0, -150.0}, {10, 2.0, 30.0},   {11, -1.0, 80.0},  {12, 3.5, -30.0},
-    {13, -2.5, 90.0},  {14, 1.5, -90.0},  {15, -4.5, 40.0},  {16, 2.5, -140.0},
-    {17, 0.5, 110.0},  {18, -1.5, -20.0}, {19, 4.5, 130.0},  {20, -0.5, -70.0},
     {21, 3.0, -40.0, 1000.0}, {22, -3.0, 70.0, 1000.0, 1}, {23, -2.0, 100.0, 3000.0, 1},
 };
 
@@ -61,6 +64,7 @@ constexpr size_t kDelivery = std::size(kChecks);
 const char* const kOtherNames[] = {"lines pivot mm", "lines axis deg", "lines radius %",
                                    "lines speed %", "template speed %"};
 constexpr size_t kColumns = kDelivery + std::size(kOtherNames);
+constexpr double kNoLimit = std::numeric_limits<double>::infinity();
 
 bool Logged(const std::vector<std::string>& log, const char* start) {
   return std::any_of(log.begin(), log.end(),
@@ -75,14 +79,17 @@ double Median(std::vector<double> v) {
 
 TEST(Accuracy, RenderedSwingsAgreeWithTheirTruth) {
   const bool sanitized = std::getenv("CLUBTRACKER_SANITIZED") != nullptr;
-  const size_t rows = sanitized ? 3 : std::size(kRows);
+  const size_t rows = sanitized ? 6 : std::size(kRows);
   std::vector<double> errors[kColumns];
-  int withinThreeErrors = 0, values = 0, lineSpeeds = 0;
+  // The line-based figures of the drawn swings: pivot mm, axis deg, radius %, speed %.
+  std::vector<double> drawn[4];
+  int withinThreeErrors = 0, values = 0;
   for (size_t r = 0; r < rows; ++r) {
     const Row& row = kRows[r];
-    synth::SwingScene scene = synth::SwingScene::Varied(row.seed);
-    scene.directionDeg = row.directionDeg;
-    scene.lowPointAheadMm = row.lowPointAheadMm;
+    synth::SwingScene scene =
+        row.seed == 0 ? synth::SwingScene{} : synth::SwingScene::Varied(row.seed);
+    if (!std::isnan(row.directionDeg)) scene.directionDeg = row.directionDeg;
+    if (!std::isnan(row.lowPointAheadMm)) scene.lowPointAheadMm = row.lowPointAheadMm;
     if (row.fps > 0.0) scene.fps = row.fps;
     if (row.iron >= 0) scene.iron = row.iron != 0;
     const synth::Recording rec = synth::Render(scene);
@@ -110,15 +117,27 @@ TEST(Accuracy, RenderedSwingsAgreeWithTheirTruth) {
                            report.axisDirection[2]);
       const cv::Vec3d pivot(report.axisPosition[0], report.axisPosition[1],
                             report.axisPosition[2]);
-      column(kDelivery, cv::norm(pivot - truth.pivot));
-      column(kDelivery + 1,
-             std::acos(std::min(1.0, std::abs(axis.dot(truth.axis)) / cv::norm(axis))) * 180 /
-                 CV_PI);
+      const auto lines = [&](size_t k, double error) {
+        column(kDelivery + k, error);
+        // The default swing: an axis and a speed, each within its bar.
+        const double defaultBars[4] = {160.0, 5.5, 8.0, 100.0};
+        if (row.seed == 0) {
+          EXPECT_LT(std::abs(error), defaultBars[k]) << kOtherNames[k];
+        } else if (r < kDrawnRows) {
+          drawn[k].push_back(std::abs(error));
+        }
+      };
+      lines(0, cv::norm(pivot - truth.pivot));
+      lines(1, std::acos(std::min(1.0, std::abs(axis.dot(truth.axis)) / cv::norm(axis))) * 180 /
+                   CV_PI);
       if (report.clubHeadSpeed > 0.0 && !Logged(report.log, "Calculate clubspeed again.")) {
-        ++lineSpeeds;
-        column(kDelivery + 2, 100.0 * (report.headRadius / truth.headRadius - 1.0));
-        column(kDelivery + 3, 100.0 * (report.clubHeadSpeed * 1000.0 / truth.clubHeadSpeedMps - 1));
+        lines(2, 100.0 * (report.headRadius / truth.headRadius - 1.0));
+        lines(3, 100.0 * (report.clubHeadSpeed * 1000.0 / truth.clubHeadSpeedMps - 1));
       }
+    }
+    if (row.seed == 0) {  // the default swing: a line-based axis and speed
+      EXPECT_TRUE(Logged(report.log, "Axis pos: ") && report.clubHeadSpeed > 0.0 &&
+                  !Logged(report.log, "Calculate clubspeed again."));
     }
     // FindbyTemplate: 2.2 % off on the far iron at 3000 fps (seed 23).
     column(kDelivery + 4, 100.0 * (report.headTrackingSpeed * 1000.0 / truth.clubHeadSpeedMps - 1));
@@ -147,18 +166,18 @@ TEST(Accuracy, RenderedSwingsAgreeWithTheirTruth) {
     for (const std::string& note : report.delivery.notes) std::printf("  %s\n", note.c_str());
     // The conventions' signs: turned out is +, an ascending blow (low point
     // behind the ball) has a + attack angle.
-    if (report.delivery.swingDirectionDeg && std::abs(row.directionDeg) >= 2.0) {
-      EXPECT_GT(report.delivery.swingDirectionDeg->value * row.directionDeg, 0.0) << line;
+    const double direction = scene.directionDeg.value_or(0.0);
+    if (report.delivery.swingDirectionDeg && std::abs(direction) >= 2.0) {
+      EXPECT_GT(report.delivery.swingDirectionDeg->value * direction, 0.0) << line;
     }
-    if (report.delivery.attackAngleDeg && std::abs(row.lowPointAheadMm) >= 100.0) {
-      EXPECT_LT(report.delivery.attackAngleDeg->value * row.lowPointAheadMm, 0.0) << line;
+    if (report.delivery.attackAngleDeg && std::abs(scene.lowPointAheadMm) >= 100.0) {
+      EXPECT_LT(report.delivery.attackAngleDeg->value * scene.lowPointAheadMm, 0.0) << line;
     }
   }
-  // Medians: the delivery's angles under half a degree; the line-based
-  // figures as measured with some room (pivot 210 mm, axis 8.3 deg, radius
-  // 16 %, speed 30 %: the lines fit the axis coarsely).
+  // Medians: the delivery's angles under half a degree, the head-tracking
+  // speed under 1 %.
   const double medianLimits[kColumns] = {1.0, 0.5, 0.5, 0.5, 0.5, 10.0, 5.0, 10.0,
-                                         290.0, 9.5, 20.0, 35.0, 1.0};
+                                         kNoLimit, kNoLimit, kNoLimit, kNoLimit, 1.0};
   for (size_t c = 0; c < kColumns; ++c) {
     const char* name = c < kDelivery ? kChecks[c].name : kOtherNames[c - kDelivery];
     const double median = Median(errors[c]);
@@ -169,7 +188,21 @@ TEST(Accuracy, RenderedSwingsAgreeWithTheirTruth) {
   }
   std::printf("truth within 3 standard errors: %d of %d\n", withinThreeErrors, values);
   EXPECT_GE(withinThreeErrors, 0.8 * values);
-  EXPECT_GE(lineSpeeds, sanitized ? 1 : 15);  // 16 of 23 measured
+  // The line-based measurement on the drawn swings: how many give a speed (at
+  // least) and the medians (at most) of pivot, axis, radius and speed; the
+  // lines fit the axis coarsely.
+  struct LineBars {
+    size_t withSpeed;
+    double median[4];
+  };
+  const LineBars bars = sanitized ? LineBars{3, {210.0, 9.5, 14.5, 15.0}}
+                                  : LineBars{14, {290.0, 8.5, 18.0, 15.0}};
+  EXPECT_GE(drawn[3].size(), bars.withSpeed);
+  for (size_t k = 0; k < 4; ++k) {
+    std::printf("drawn swings, %-16s median %7.3f of %zu\n", kOtherNames[k], Median(drawn[k]),
+                drawn[k].size());
+    EXPECT_LE(Median(drawn[k]), bars.median[k]) << kOtherNames[k];
+  }
 }
 
 TEST(Accuracy, OptionsRefuseBadDirections) {
