@@ -1,8 +1,8 @@
 // Two-view triangulation of the base library.
-#include <random>
-
 #include <gtest/gtest.h>
+
 #include <opencv2/calib3d.hpp>
+#include <random>
 
 #include "imageprocess/ImageProcess.h"
 
@@ -92,7 +92,9 @@ TEST(Triangulation, AgreesWithLinearTriangulationOnNoisyPixels) {
   }
 }
 
-TEST(Triangulation, SkewRaysGiveMidpointAndTheirDistance) {
+// Skew rays give their midpoint and distance; parallel rays and bad shapes
+// give 0 and leave the output untouched.
+TEST(Triangulation, SkewParallelAndBadRays) {
   // Ray 1 along x through the origin; ray 2 along y through (0, 0, 2).
   const cv::Mat I = cv::Mat::eye(3, 3, CV_64F);
   const cv::Mat c1 = cv::Mat::zeros(3, 1, CV_64F);
@@ -107,27 +109,21 @@ TEST(Triangulation, SkewRaysGiveMidpointAndTheirDistance) {
   EXPECT_DOUBLE_EQ(out[1], 0.0);
   EXPECT_DOUBLE_EQ(out[2], 1.0);
   EXPECT_FLOAT_EQ(quality, 2.0f);
-}
 
-TEST(Triangulation, ParallelRaysAndBadShapesLeaveOutputUntouched) {
-  const cv::Mat I = cv::Mat::eye(3, 3, CV_64F);
-  const cv::Mat c1 = cv::Mat::zeros(3, 1, CV_64F);
-  const cv::Mat c2 = (cv::Mat_<double>(3, 1) << 5, 0, 0);
+  const cv::Mat c3 = (cv::Mat_<double>(3, 1) << 5, 0, 0);
   const cv::Mat d = (cv::Mat_<double>(3, 1) << 0, 0, 1);
-  double out[3] = {7, 8, 9};
-  cv::Mat header(3, 1, CV_64F, out);
-  float quality = 42.0f;
-  EXPECT_EQ(ImageProcess::Coordinate2DTO3D(I, I, c1, d, I, I, c2, d, header, quality), 0);
+  out[0] = 7, out[1] = 8, out[2] = 9;
+  quality = 42.0f;
+  EXPECT_EQ(ImageProcess::Coordinate2DTO3D(I, I, c1, d, I, I, c3, d, header, quality), 0);
   EXPECT_EQ(out[0], 7.0);
   EXPECT_EQ(out[2], 9.0);
   EXPECT_EQ(quality, 42.0f);
-
   const cv::Mat wrongType = cv::Mat::eye(3, 3, CV_32F);
-  EXPECT_EQ(ImageProcess::Coordinate2DTO3D(wrongType, I, c1, d, I, I, c2, d, header, quality), 0);
+  EXPECT_EQ(ImageProcess::Coordinate2DTO3D(wrongType, I, c1, d, I, I, c3, d, header, quality), 0);
   cv::Mat wrongOut(4, 1, CV_64F, cv::Scalar(1));
-  EXPECT_EQ(ImageProcess::Coordinate2DTO3D(I, I, c1, d, I, I, c2, d, wrongOut, quality), 0);
+  EXPECT_EQ(ImageProcess::Coordinate2DTO3D(I, I, c1, d, I, I, c3, d, wrongOut, quality), 0);
   const cv::Mat singular = cv::Mat::zeros(3, 3, CV_64F);
-  EXPECT_EQ(ImageProcess::Coordinate2DTO3D(singular, I, c1, d, I, I, c2, d, header, quality), 0);
+  EXPECT_EQ(ImageProcess::Coordinate2DTO3D(singular, I, c1, d, I, I, c3, d, header, quality), 0);
   EXPECT_EQ(out[1], 8.0);
 }
 
