@@ -2,10 +2,13 @@
 # missing, configure, build and run.
 BUILD      ?= build/release
 ASAN_BUILD ?= build/asan
+TSAN_BUILD ?= build/tsan
+FUZZ_BUILD ?= build/fuzz
+FUZZ_SECONDS ?= 30
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_ARGS ?=
 
-.PHONY: all deps build demo test test-asan bench clean
+.PHONY: all deps build demo test test-asan test-tsan fuzz fuzz-run bench clean
 
 all: build
 
@@ -30,6 +33,27 @@ test-asan: deps
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1 CLUBTRACKER_SANITIZED=1 \
 	  ctest --output-on-failure -j $(JOBS)
+
+# The tests that run the parallel loops (head sizes, spin-axis search,
+# inliers, Find on a swing), under ThreadSanitizer.
+TSAN_TESTS ?= test_head_area test_spin_axis test_find test_analysis_swing test_golden
+test-tsan: deps
+	cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCLUBTRACKER_TSAN=ON \
+	  -DCLUBTRACKER_BUILD_BENCH=OFF $(CMAKE_ARGS)
+	cmake --build $(TSAN_BUILD) -j $(JOBS) --target $(TSAN_TESTS)
+	set -e; for t in $(TSAN_TESTS); do \
+	  TSAN_OPTIONS="halt_on_error=1 suppressions=$(CURDIR)/scripts/tsan.supp" CLUBTRACKER_SANITIZED=1 \
+	    $(TSAN_BUILD)/tests/$$t --gtest_brief=1; done
+
+# libFuzzer targets, built with clang; `make fuzz-run` runs each for
+# FUZZ_SECONDS over its seed corpus (fuzz/corpus/<name>).
+fuzz: deps
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCLUBTRACKER_FUZZ=ON -DCLUBTRACKER_BUILD_TESTS=OFF -DCLUBTRACKER_BUILD_BENCH=OFF $(CMAKE_ARGS)
+	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzz_option_file fuzz_frame_name fuzz_find fuzz_recording
+
+fuzz-run: fuzz
+	bash scripts/fuzz.sh $(FUZZ_BUILD)/fuzz $(FUZZ_SECONDS)
 
 bench: build
 	$(BUILD)/bench/clubtracker_bench --benchmark_counters_tabular=true

@@ -22,11 +22,15 @@ done
 
 if [ "$(id -u)" -eq 0 ]; then
   sudo=()
-else
+elif command -v sudo >/dev/null 2>&1; then
   sudo=(sudo)
+else
+  echo "install-deps: missing ${missing[*]}; run as root or install sudo" >&2
+  exit 1
 fi
 
 echo "install-deps: installing ${missing[*]}"
-export DEBIAN_FRONTEND=noninteractive
-"${sudo[@]}" apt-get update -qq
-"${sudo[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"
+# env passes the setting through sudo, which resets the environment.
+"${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq
+"${sudo[@]}" env DEBIAN_FRONTEND=noninteractive \
+  apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -59,6 +59,27 @@ CameraModel LookAt(const cv::Vec3d& centre, const cv::Vec3d& aim, double rollDeg
   return camera;
 }
 
+// The delivery in the default orientation: up +y, target +x, out -z (the
+// golfer stands at +z).
+DeliveryTruth MakeDeliveryTruth(const SwingTruth& truth, const cv::Vec3d& toPivot) {
+  const cv::Vec3d up(0.0, 1.0, 0.0), target(1.0, 0.0, 0.0), out(0.0, 0.0, -1.0);
+  DeliveryTruth t;
+  const cv::Vec3d v = truth.HeadVelocity(truth.impactTime);
+  t.speedMps = cv::norm(v) * 1000.0;
+  t.attackAngleDeg = std::asin(v.dot(up) / cv::norm(v)) / kDeg;
+  t.pathDeg = std::atan2(v.dot(out), v.dot(target)) / kDeg;
+  t.swingPlaneDeg = std::acos(std::min(1.0, std::abs(truth.axis.dot(up)))) / kDeg;
+  cv::Vec3d groundLine = cv::normalize(up.cross(truth.axis));
+  if (groundLine.dot(target) < 0.0) groundLine = -groundLine;
+  t.swingDirectionDeg = std::atan2(groundLine.dot(out), groundLine.dot(target)) / kDeg;
+  t.lowPoint = truth.pivot - truth.headRadius * toPivot;
+  const cv::Vec3d rel = t.lowPoint - truth.ball;
+  t.lowPointAheadMm = rel.dot(target);
+  t.lowPointHeightMm = rel.dot(up);
+  t.lowPointSideMm = rel.dot(out);
+  return t;
+}
+
 }  // namespace
 
 namespace detail {
@@ -70,6 +91,8 @@ SwingScene Sanitised(const SwingScene& scene) {
   s.frames = std::clamp(s.frames, 1, 2000);
   s.impactIndex = std::clamp(s.impactIndex, 0, s.frames);
   s.noiseSigma = std::clamp(Finite(s.noiseSigma, 1.0), 0.0, 50.0);
+  if (s.directionDeg) s.directionDeg = std::clamp(Finite(*s.directionDeg, 0.0), -30.0, 30.0);
+  s.lowPointAheadMm = std::clamp(Finite(s.lowPointAheadMm, 0.0), -300.0, 300.0);
   return s;
 }
 
@@ -220,6 +243,11 @@ cv::Vec3d SwingTruth::ShaftDirection(double timeUs) const {
   return cv::normalize(Rotate(atImpact, axis, SwingAngle(timeUs)));
 }
 
+cv::Vec3d SwingTruth::HeadVelocity(double timeUs) const {
+  const double rate = omega0 + alpha * (timeUs - impactTime);
+  return rate * axis.cross(HeadCentre(timeUs) - pivot);
+}
+
 cv::Vec3d SwingTruth::HeadCentre(double timeUs) const {
   return pivot + headRadius * ShaftDirection(timeUs);
 }
@@ -257,9 +285,19 @@ SwingTruth MakeTruth(const SwingScene& input) {
   truth.ballRadius = kBallRadius;
   truth.ball = {0.0, kBallRadius, 0.0};
   const double phi = d.planeDeg * kDeg;
-  const double yaw = d.yawDeg * kDeg;
+  const double yaw = (scene.directionDeg ? *scene.directionDeg : d.yawDeg) * kDeg;
   const double r = d.pivotDistance;
-  truth.pivot = truth.ball + RotateAboutY(cv::Vec3d(0.0, std::sin(phi), std::cos(phi)) * r, yaw);
+  // In the plane: `toPivot` from the low point up to the pivot, `ground` the
+  // ground line the head travels along at the low point.
+  const cv::Vec3d toPivot = RotateAboutY(cv::Vec3d(0.0, std::sin(phi), std::cos(phi)), yaw);
+  if (scene.lowPointAheadMm == 0.0) {
+    truth.pivot = truth.ball + RotateAboutY(cv::Vec3d(0.0, std::sin(phi), std::cos(phi)) * r, yaw);
+  } else {
+    // The ball sits `before` radians before the low point on the arc.
+    const cv::Vec3d ground = RotateAboutY(cv::Vec3d(1.0, 0.0, 0.0), yaw);
+    const double before = std::asin(std::clamp(scene.lowPointAheadMm / r, -1.0, 1.0));
+    truth.pivot = truth.ball + r * std::cos(before) * toPivot + r * std::sin(before) * ground;
+  }
   truth.axis = cv::normalize(RotateAboutY(cv::Vec3d(0.0, -std::cos(phi), std::sin(phi)), yaw));
   truth.headRadius = cv::norm(truth.pivot - truth.ball);
   truth.clubHeadSpeed = scene.speedMps / 1000.0;
@@ -314,6 +352,7 @@ SwingTruth MakeTruth(const SwingScene& input) {
                                       0, kSensorHeight - windowHeight);
     truth.cameras[c] = camera;
   }
+  truth.delivery = MakeDeliveryTruth(truth, toPivot);
   return truth;
 }
 

@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,14 @@ struct SwingScene {
   bool iron = false;                       // iron head instead of a driver
   bool darkShaft = false;                  // shaft as dark as the background
   bool noClub = false;                     // the ball alone
+  // Swing direction, degrees (+ toward the side away from the golfer, -z):
+  // the arc's plane turned about the vertical through its low point. Empty:
+  // the drawn yaw of a few degrees.
+  std::optional<double> directionDeg;
+  // The arc's lowest point lies this far ahead of the ball along the plane's
+  // ground line, mm (+ after the ball: a descending blow); the head still
+  // meets the ball's centre at impact. -300..300.
+  double lowPointAheadMm = 0.0;
 
   // A varied scene for seed-sweeps: speed, placement, frame rate, club and
   // geometry all drawn from `seed`.
@@ -61,6 +70,21 @@ struct CameraModel {
   void Extrinsic(double values[12]) const;  // [R|t] row-major
 };
 
+// The club delivery at impact as the scene defines it, in the default
+// orientation (up +y, target +x, out -z); angles in degrees, low point in mm
+// relative to the ball's centre.
+struct DeliveryTruth {
+  double speedMps = 0.0;
+  double attackAngleDeg = 0.0;
+  double pathDeg = 0.0;
+  double swingPlaneDeg = 0.0;
+  double swingDirectionDeg = 0.0;
+  cv::Vec3d lowPoint;  // world
+  double lowPointAheadMm = 0.0;
+  double lowPointHeightMm = 0.0;
+  double lowPointSideMm = 0.0;
+};
+
 struct SwingTruth {
   cv::Vec3d pivot;       // swing centre
   cv::Vec3d axis;        // unit spin axis (normal of the swing plane), z > 0
@@ -78,9 +102,12 @@ struct SwingTruth {
   CameraModel cameras[2];           // 0 = master (camera 1), 1 = slave
   std::vector<uint64_t> timeStamps[2];  // per camera, per written frame
 
+  DeliveryTruth delivery;          // filled by MakeTruth
+
   double SwingAngle(double timeUs) const;          // rotation from the impact position
   cv::Vec3d HeadCentre(double timeUs) const;
   cv::Vec3d ShaftDirection(double timeUs) const;   // unit, pivot toward the head
+  cv::Vec3d HeadVelocity(double timeUs) const;     // mm/us
   // Resting ball centre in window pixels, exact; the frames' ballX, ballY (and
   // the file names) carry it rounded to 0.01 px.
   cv::Vec2d BallInWindow(int camera) const;

@@ -123,6 +123,16 @@ std::string BuildTruthJson(const Recording& rec, bool png) {
   j["launch_deg"] = truth.launchDeg;
   j["dropped_frame"] = truth.droppedFrame;
   j["baseline"] = cv::norm(truth.cameras[0].Center() - truth.cameras[1].Center());
+  const DeliveryTruth& t = truth.delivery;
+  j["club_data"] = {{"speedMps", t.speedMps},
+                    {"attackAngleDeg", t.attackAngleDeg},
+                    {"pathDeg", t.pathDeg},
+                    {"swingPlaneDeg", t.swingPlaneDeg},
+                    {"swingDirectionDeg", t.swingDirectionDeg},
+                    {"lowPointAheadMm", t.lowPointAheadMm},
+                    {"lowPointHeightMm", t.lowPointHeightMm},
+                    {"lowPointSideMm", t.lowPointSideMm},
+                    {"lowPoint", Vec(t.lowPoint)}};
   j["frame_counts"] = {{"Master", truth.timeStamps[0].size()},
                        {"Slave", truth.timeStamps[1].size()}};
 
@@ -178,6 +188,8 @@ std::string BuildTruthJson(const Recording& rec, bool png) {
   p["pivot_distance"] = d.pivotDistance;
   p["plane_deg"] = d.planeDeg;
   p["yaw_deg"] = d.yawDeg;
+  if (scene.directionDeg) p["direction_deg"] = *scene.directionDeg;
+  p["low_point_ahead_mm"] = scene.lowPointAheadMm;
   p["accel_fraction"] = d.accelFraction;
   p["impact_fraction"] = d.impactFraction;
   p["first_stamp"] = d.firstStamp;

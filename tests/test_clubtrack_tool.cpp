@@ -1,5 +1,6 @@
 // The clubtrack tool as a user runs it: run with JSON, pictures and the summary, errors.
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -38,9 +39,11 @@ struct ToolRun {
 };
 
 // Runs the tool with `arguments` (already quoted) in `workDir`.
-ToolRun RunTool(const std::string& arguments, const fs::path& workDir) {
+// `runAs` goes before the tool's path (e.g. to drop root's privileges).
+ToolRun RunTool(const std::string& arguments, const fs::path& workDir,
+                const std::string& runAs = "") {
   const fs::path outFile = workDir / ".stdout", errFile = workDir / ".stderr";
-  const std::string command = "cd " + Quote(workDir.string()) + " && " +
+  const std::string command = "cd " + Quote(workDir.string()) + " && " + runAs +
                               Quote(CLUBTRACK_TOOL_PATH) + " " + arguments + " >" +
                               Quote(outFile.string()) + " 2>" + Quote(errFile.string());
   const int raw = std::system(command.c_str());
@@ -141,37 +144,102 @@ TEST(ClubtrackRun, QuietRunWritesJsonFileAnnotatedFramesAndSheet) {
   EXPECT_GT(sheet.rows, 24 * 150);  // one row per paired frame
 }
 
-// Errors a user makes, on a copy of the default recording after `prepare` (shell) ran on it.
-struct UserError {
+// Broken recordings and wrong commands, on a copy of the default recording
+// after `prepare` (shell) ran on it. Status 1 or 2: one line on standard
+// error holding `words`. Status 0: the run goes on, and the warning holding
+// `words` is on standard error and in the JSON `warnings`.
+struct BadRecording {
   const char* name;
   const char* prepare;
   const char* arguments;
+  int status;
+  const char* words;
 };
 
-class ClubtrackUserErrors : public ::testing::TestWithParam<UserError> {};
+class ClubtrackBadRecordings : public ::testing::TestWithParam<BadRecording> {};
 
-TEST_P(ClubtrackUserErrors, OneLineAndNonZeroStatus) {
+TEST_P(ClubtrackBadRecordings, OneClearLine) {
+  const BadRecording& row = GetParam();
+  // Permissions do not bind root: such rows run the tool as nobody.
+  const bool dropRoot =
+      ::geteuid() == 0 && std::string(row.prepare).find("chmod") != std::string::npos;
   TempFolder work;
   fs::copy(Default().recording, work.path / "rec", fs::copy_options::recursive);
-  const std::string prepare = "cd " + Quote(work.path.string()) + " && " + GetParam().prepare;
+  const std::string prepare = "cd " + Quote(work.path.string()) + " && export CLUBTRACK=" +
+                              Quote(CLUBTRACK_TOOL_PATH) + " && " + row.prepare;
   ASSERT_EQ(std::system(prepare.c_str()), 0) << prepare;
-  const ToolRun run = RunTool(GetParam().arguments, work.path);
-  EXPECT_NE(run.status, 0);
-  EXPECT_EQ(run.out, "");
-  EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
-  EXPECT_EQ(run.err.rfind("clubtrack", 0), 0u) << run.err;
+  const ToolRun run = RunTool(row.arguments, work.path,
+                              dropRoot ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "");
+  EXPECT_EQ(run.status, row.status) << run.err;
+  EXPECT_NE(run.err.find(row.words), std::string::npos) << run.err;
+  if (row.status != 0) {
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+    EXPECT_EQ(run.err.rfind("clubtrack", 0), 0u) << run.err;
+    return;
+  }
+  const nlohmann::json json = nlohmann::json::parse(ReadAll(work.path / "out.json"));
+  const auto& warnings = json["warnings"];
+  EXPECT_TRUE(std::any_of(warnings.begin(), warnings.end(), [&row](const nlohmann::json& w) {
+    return w.get<std::string>().find(row.words) != std::string::npos;
+  })) << warnings;
 }
 
+#define RUN_JSON "run rec -q --json out.json"
+
 INSTANTIATE_TEST_SUITE_P(
-    Cases, ClubtrackUserErrors,
+    Cases, ClubtrackBadRecordings,
     ::testing::Values(
-        UserError{"MissingRecording", "true", "run no-such-rec"},
-        UserError{"FolderWithoutRunFile", "rm rec/run.ini", "run rec"},
-        UserError{"NoFramesInOneCamera", "rm rec/Slave/*.bmp", "run rec"},
-        UserError{"GarbageInteger", "grep -q ImpactIndex= rec/run.ini && sed -i 's/ImpactIndex=/ImpactIndex=ten/' rec/run.ini",
-                  "run rec/run.ini"},
-        UserError{"MissingCalibration", "rm rec/Slave/SlaveOption.ini", "run rec"},
-        UserError{"EmptyFolderPath", "printf '[Info]\\nFolderPath=\\n' > rec/run.ini", "run rec"},
-        UserError{"JsonIntoAMissingFolder", "true", "run rec --json no/such/dir/out.json"},
-        UserError{"UnknownOption", "true", "run rec --fast"}),
-    [](const ::testing::TestParamInfo<UserError>& info) { return std::string(info.param.name); });
+        BadRecording{"MissingRecording", "true", "run no-such-rec", 1, "no such file or folder"},
+        BadRecording{"FolderWithoutRunFile", "rm rec/run.ini", "run rec", 1, "holds no run.ini"},
+        BadRecording{"NoFramesInOneCamera", "rm rec/Slave/*.bmp", "run rec", 1, "no frame images"},
+        BadRecording{"GarbageInteger",
+                     "sed -i 's/ImpactIndex=/ImpactIndex=ten/' rec/run.ini && grep -q =ten rec/run.ini",
+                     "run rec/run.ini", 1, "is not a whole number"},
+        BadRecording{"MissingCalibration", "rm rec/Slave/SlaveOption.ini", "run rec", 1,
+                     "SlaveOption.ini\": it does not exist"},
+        BadRecording{"EmptyFolderPath", "printf '[Info]\\nFolderPath=\\n' > rec/run.ini",
+                     "run rec", 1, "FolderPath is missing"},
+        BadRecording{"JsonIntoAMissingFolder", "true", "run rec --json no/such/dir/out.json", 1,
+                     "does not exist"},
+        BadRecording{"UnknownOption", "true", "run rec --fast", 2, "--fast"},
+        BadRecording{"RoiWrapsAroundInInt",
+                     "printf '[ROI]\\nX=1\\nWidth=2147483647\\nHeight=1\\n[Info]\\nFolderPath=.\\n' "
+                     "> rec/run.ini",
+                     "run rec", 1, "[ROI] region of interest (x 1, y 0, width 2147483647, height 1)"},
+        BadRecording{"RunFileIsAFifo", "mkfifo fifo.ini", "run fifo.ini", 1,
+                     "it is not a regular file"},
+        BadRecording{"OptionFileIsDevZero", "ln -sf /dev/zero rec/Master/MasterOption.ini",
+                     "run rec", 1, "MasterOption.ini\": it is not a regular file"},
+        BadRecording{"HugeOptionFile",
+                     "head -c 2000000 /dev/zero | tr '\\000' ';' > rec/Slave/SlaveOption.ini",
+                     "run rec", 1, "2000000 bytes, more than the 1048576"},
+        BadRecording{"UnreadableFrames", "chmod 000 rec/Slave/*.bmp", "run rec", 1,
+                     "permission denied"},
+        BadRecording{"PixelLimitOption", "true", "run rec --max-pixels 100000", 1,
+                     "640 x 208 pixels, more than the limit of 100000"},
+        BadRecording{"SynthIntoAnEmptyName", "true", "synth ''", 2, "OUT_DIR"},
+        BadRecording{"SynthNanSpeed", "true", "synth out --speed nan", 2, "finite"},
+        BadRecording{"TruncatedFrame",
+                     "f=$(ls rec/Master/*.bmp | sed -n 5p) && head -c 3000 $f > t && mv t $f",
+                     RUN_JSON, 0, "is truncated (3000 of the"},
+        BadRecording{"HugePng",
+                     "python3 -c \"import zlib,struct;c=lambda t,d:struct.pack('>I',len(d))+t+d+"
+                     "struct.pack('>I',zlib.crc32(t+d));open('rec/Master/999999999_0_0_0_0.png',"
+                     "'wb').write(b'\\x89PNG\\r\\n\\x1a\\n'+c(b'IHDR',struct.pack('>IIBBBBB',"
+                     "20000,20000,8,0,0,0,0))+c(b'IDAT',zlib.compress(bytes(20001*8)))+"
+                     "c(b'IEND',b''))\"",
+                     RUN_JSON, 0, "is 20000 x 20000 pixels, more than the limit of 16000000"},
+        BadRecording{"EqualTimeStamps",
+                     "cd rec/Slave && k=0 && for f in *.bmp; do mv $f 7777_0_0_1_2_$k.bmp; "
+                     "k=$((k+1)); done",
+                     RUN_JSON, 0, "time stamp 7777, the same as"},
+        BadRecording{"TwoSizesInOneCamera",
+                     "$CLUBTRACK synth far --placement far --frames 12 --impact-index 5 >/dev/null && "
+                     "cp $(ls far/Master/*.bmp | head -1) $(ls rec/Master/*.bmp | sed -n 6p)",
+                     RUN_JSON, 0, "is 640 x 480 pixels, the camera's first frame"},
+        BadRecording{"ZeroInterval",
+                     "sed -i 's/TimeStampIntervalBeforeImpact=.*/TimeStampIntervalBeforeImpact=0/' "
+                     "rec/run.ini",
+                     RUN_JSON, 0, "timeStampIntervalBeforeImpact is 0"}),
+    [](const ::testing::TestParamInfo<BadRecording>& info) { return std::string(info.param.name); });

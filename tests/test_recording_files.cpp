@@ -213,12 +213,20 @@ TEST(RecordingFiles, CameraFolderFrames) {
   fs::create_directories(temp.path / "order");
   for (const char* name : {"99_0_0_0_0.png", "100_0_0_0_0.png", "B_0.png", "a_0.png"})
     ASSERT_TRUE(cv::imwrite((temp.path / "order" / name).string(), small));
-  frames = LoadCameraFrames(temp.path / "order", 2);
+  // A damaged frame file is skipped but still counts for ImpactIndex, so the
+  // frames after it keep their afterImpact; other files do not count.
+  std::ofstream(temp.path / "order" / "0_broken.bmp") << "BM not a bitmap";
+  std::ofstream(temp.path / "order" / "0_notes.txt") << "no frame";
+  std::vector<std::string> warnings;
+  frames = LoadCameraFrames(temp.path / "order", 3, FrameLoadLimits{}, &warnings);
   ASSERT_EQ(frames.size(), 4u);
   EXPECT_EQ(frames[0]->timeStamp, 100u);  // '1' sorts before '9'
   EXPECT_EQ(frames[1]->timeStamp, 99u);
   EXPECT_EQ(frames[0]->afterImpact + frames[1]->afterImpact, 0u);
   EXPECT_EQ(frames[2]->afterImpact + frames[3]->afterImpact, 2u);
+  ASSERT_EQ(warnings.size(), 2u) << ::testing::PrintToString(warnings);
+  EXPECT_NE(warnings[0].find("0_broken.bmp does not decode"), std::string::npos) << warnings[0];
+  EXPECT_NE(warnings[1].find("time stamp 99, below"), std::string::npos) << warnings[1];
   FreeFrames(frames);
 }
 

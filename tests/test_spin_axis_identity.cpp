@@ -17,6 +17,8 @@
 
 #include "analysis/analysis.h"
 #include "harness/offline.h"
+#include "reconstruction/plane_cache.h"
+#include "reconstruction/plane_solve.h"
 #include "reconstruction/spin_axis.h"
 #include "support/access.h"
 #include "support/reference_spin_axis.h"
@@ -203,6 +205,17 @@ TEST_P(GoldenRecording, ExtractedLines) {
   }
   EXPECT_NEAR(axis.fitResidual, spin["fitResidual"].get<double>(), 1e-9);
   EXPECT_NEAR(c.stats.refitResidual, spin["refitResidual"].get<double>(), 1e-9);
+
+  // The fast paths carry the work: a silent fall-back to the library calls
+  // would still be identical, only slow.
+  const MatRounding& rounding = MatRounding::Get();
+  EXPECT_NE(rounding.dot3, MatRounding::Dot3::kLibrary);
+  EXPECT_TRUE(rounding.gemmPlain && rounding.normPlain && JacobiSolveMatchesLibrary());
+  EXPECT_GT(c.stats.pairsSurelyRejected, c.stats.evaluatedPairs / 2);
+  EXPECT_EQ(c.stats.pairsSolvedByLibrary, 0u);
+  EXPECT_GT(c.stats.refitsSurelyWorse, 0u);
+  // Refits of more than kJacobiSolveMaxRows rows are the library's to solve.
+  EXPECT_LT(c.stats.refitsSolvedByLibrary, c.stats.refits);
 }
 
 INSTANTIATE_TEST_SUITE_P(Golden, GoldenRecording, ::testing::Values("g01", "g02"));

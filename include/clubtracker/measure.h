@@ -34,6 +34,7 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -138,10 +139,14 @@ struct Recording {
   std::vector<std::string> warnings;  // what the reading noticed
 };
 
+// The largest frame LoadRecording decodes, width x height; larger frame files
+// are skipped with a warning, judged from the image header before decoding.
+inline constexpr uint64_t kMaxFramePixels = 16'000'000;
+
 // Reads RECORDING (a run option file or a folder holding "run.ini") as
 // `clubtrack run` does. False with a one-line reason when it cannot be used.
 CLUBTRACKER_API bool LoadRecording(const std::filesystem::path& recording, Recording& out,
-                                   std::string* why);
+                                   std::string* why, uint64_t maxFramePixels = kMaxFramePixels);
 
 // Measures a recording; the report's warnings start with the reading's.
 CLUBTRACKER_API SwingReport MeasureRecording(const Recording& recording,

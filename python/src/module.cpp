@@ -193,7 +193,8 @@ PYBIND11_MODULE(_clubtracker, m) {
   m.attr("__version__") = CLUBTRACKER_VERSION;
 
   // Owner of a loaded recording's pixels; the frames' arrays keep it alive.
-  py::class_<clubtracker::Recording, std::shared_ptr<clubtracker::Recording>>(m, "_Pixels");
+  py::class_<clubtracker::Recording, std::shared_ptr<clubtracker::Recording>>(
+      m, "_Pixels", "The pixels of a recording read from disk (internal).");
 
   py::class_<Frame, FramePtr>(m, "Frame", "One camera frame: its pixels and metadata.")
       .def(py::init([](const py::array& pixels, const py::object& timeStamp,

@@ -72,6 +72,10 @@ void BitMask::Unpack(cv::Mat& mask) const {
   for (int y = 0; y < rows_; ++y) {
     uchar* p = mask.ptr<uchar>(y);
     const uint64_t* in = bits_.data() + static_cast<size_t>(y) * words_;
+    if (std::all_of(in, in + words_, [](uint64_t w) { return w == 0; })) {
+      std::memset(p, 0, static_cast<size_t>(cols_));  // most rows of a mask are empty
+      continue;
+    }
     int x = 0;
     for (int w = 0; w < words_; ++w) {
       uint64_t word = in[w];
@@ -155,10 +159,24 @@ void BitMask::ShiftCombine(const uint64_t* src, uint64_t* dst, int n, int d, boo
   const int q = d >= 0 ? d / 64 : -((-d + 63) / 64);
   const int r = d - 64 * q;
   const auto word = [&](int i) { return (i >= 0 && i < n) ? src[i] : fill; };
-  for (int w = 0; w < n; ++w) {
-    uint64_t shifted = word(w + q) >> r;
-    if (r != 0) shifted |= word(w + q + 1) << (64 - r);
-    dst[w] = Combine(dst[w], shifted, erode);
+  // Words w whose reads w + q and w + q + 1 both lie inside the row.
+  const int inFirst = std::max(0, -q), inLast = std::min(n - 1, n - 2 - q);
+  const auto one = [&](int w) {
+    uint64_t shifted;
+    if (w >= inFirst && w <= inLast) {
+      shifted = r == 0 ? src[w + q] : (src[w + q] >> r) | (src[w + q + 1] << (64 - r));
+    } else {
+      shifted = word(w + q) >> r;
+      if (r != 0) shifted |= word(w + q + 1) << (64 - r);
+    }
+    dst[w] = erode ? (src[w] & shifted) : (src[w] | shifted);
+  };
+  // In place (src == dst) each word is written after the words it reads:
+  // a shift to the left reads higher words, one to the right lower ones.
+  if (d >= 0) {
+    for (int w = 0; w < n; ++w) one(w);
+  } else {
+    for (int w = n - 1; w >= 0; --w) one(w);
   }
 }
 
@@ -177,11 +195,25 @@ void BitMask::Morph(const Kernel& kernel, bool erode) {
   const int stride = words_ + 2 * margin;
   const size_t planeWords = static_cast<size_t>(rows_) * stride;
   planes_.resize(planeWords * static_cast<size_t>(runs));
-  line_.resize(static_cast<size_t>(stride));
   FixPadding(bits_.data(), erode);
+  // A row of the image that is all 0 or all 1 gives that same row for every
+  // run (each run holds the pixel itself), so such rows are not grown.
+  constantRow_.assign(static_cast<size_t>(rows_), 0);
+  for (int y = 0; y < rows_; ++y) {
+    const uint64_t* row = bits_.data() + static_cast<size_t>(y) * words_;
+    const uint64_t value = (row[0] & 1) == 0 ? 0 : kOnes;  // its first pixel's value
+    bool constant = true;
+    for (int w = 0; w < words_ && constant; ++w) {
+      const uint64_t used = w == words_ - 1 ? ~pad_ : kOnes;  // the image's columns
+      constant = ((row[w] ^ value) & used) == 0;
+    }
+    if (constant) constantRow_[static_cast<size_t>(y)] = value == 0 ? 1 : 2;
+  }
   int a = 0, b = 0;
   for (int k = 0; k < runs; ++k) {
     uint64_t* plane = planes_.data() + planeWords * static_cast<size_t>(k);
+    // The first step of a later run reads the run before it.
+    const uint64_t* from = plane - planeWords;
     if (k == 0) {
       for (int y = 0; y < rows_; ++y) {
         uint64_t* row = plane + static_cast<size_t>(y) * stride;
@@ -189,8 +221,7 @@ void BitMask::Morph(const Kernel& kernel, bool erode) {
         std::memcpy(row + margin, bits_.data() + static_cast<size_t>(y) * words_,
                     static_cast<size_t>(words_) * sizeof(uint64_t));
       }
-    } else {
-      std::memcpy(plane, plane - planeWords, planeWords * sizeof(uint64_t));
+      from = plane;
     }
     while (b < kernel.hi[k] || a > kernel.lo[k]) {
       const int width = b - a + 1;
@@ -203,10 +234,16 @@ void BitMask::Morph(const Kernel& kernel, bool erode) {
         a += d;
       }
       for (int y = 0; y < rows_; ++y) {
-        uint64_t* row = plane + static_cast<size_t>(y) * stride;
-        std::memcpy(line_.data(), row, static_cast<size_t>(stride) * sizeof(uint64_t));
-        ShiftCombine(line_.data(), row, stride, d, erode);
+        const size_t at = static_cast<size_t>(y) * stride;
+        const char constant = constantRow_[static_cast<size_t>(y)];
+        if (constant == 0) {
+          ShiftCombine(from + at, plane + at, stride, d, erode);
+        } else if (from != plane) {
+          std::fill(plane + at + margin, plane + at + margin + words_,
+                    constant == 1 ? uint64_t{0} : kOnes);
+        }
       }
+      from = plane;
     }
   }
   const auto runRow = [&](int run, int y) {
@@ -272,6 +309,14 @@ void BitMask::Apply(const MorphStep& step) {
     default:
       break;
   }
+}
+
+void BitMask::CopyTo(BitMask& other) const {
+  other.rows_ = rows_;
+  other.cols_ = cols_;
+  other.words_ = words_;
+  other.pad_ = pad_;
+  other.bits_.assign(bits_.begin(), bits_.begin() + static_cast<std::ptrdiff_t>(rows_) * words_);
 }
 
 void BitMask::ClearFrame() {

@@ -33,6 +33,8 @@ class BitMask {
   // nested row runs holding the centre).
   bool Supports(const MorphStep& step);
   void Apply(const MorphStep& step);
+  // Copies the plane (not the scratch) into `other`.
+  void CopyTo(BitMask& other) const;
   // Sets the outermost row and column on every side to 0.
   void ClearFrame();
   bool Any() const;
@@ -55,8 +57,8 @@ class BitMask {
 
   const Kernel& KernelOf(int shape, int size);
   void Morph(const Kernel& kernel, bool erode);
-  // dst(x) = dst(x) op src(x + d) along one row of n words; src reads the
-  // border value beyond the row.
+  // dst(x) = src(x) op src(x + d) along one row of n words, src reading the
+  // border value beyond the row; dst may be src.
   static void ShiftCombine(const uint64_t* src, uint64_t* dst, int n, int d, bool erode);
   void FixPadding(uint64_t* plane, bool fill) const;
 
@@ -66,8 +68,8 @@ class BitMask {
   uint64_t pad_ = 0;  // bits of a row's last word beyond the last column
   std::vector<uint64_t> bits_;
   std::vector<uint64_t> planes_;  // horizontal runs, one plane each
-  std::vector<uint64_t> line_;    // one row of scratch
   std::vector<uint64_t> column_;  // row windows of a uniform kernel
+  std::vector<char> constantRow_;  // per row: 0 mixed, 1 all 0, 2 all 1
   std::vector<Kernel> kernels_;
 };
 

@@ -10,6 +10,7 @@
 #include <tbb/parallel_for.h>
 
 #include "analysis/analysis.h"
+#include "analysis/binary_morphology.h"
 
 // Body of the parallel head-size loop: measures frame i on its refined mask.
 // The record lends its mask slot to the refined mask for the duration of the
@@ -102,11 +103,27 @@ int ClubTracker::ExtractDriverHeadArea(CandidateAreaImage* candidate, int& thick
   cv::Point origin(0, 0);  // frame position of a's top-left pixel
   CutToBlob(a, blob, origin);
 
+  thickness = 0;
+  // A 0/255 window erodes on bit planes, which give cv::morphologyEx's pixels;
+  // the window is not cut down further there (the cut does not change them).
+  const MorphStep erosion{cv::MORPH_ERODE, cv::MORPH_ELLIPSE, 5};
+  BitMask& bits = ThreadBitMask();
+  thread_local BitMask survivor;
+  const bool packed = bits.Supports(erosion) && bits.Pack(a);
+  while (packed) {
+    thickness += 2;
+    bits.CopyTo(survivor);
+    bits.Apply(erosion);
+    if (!bits.Any()) {
+      survivor.Unpack(a);
+      break;
+    }
+  }
+
   const cv::Mat kernel =
       cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(5, 5), cv::Point(-1, -1));
   cv::Mat b;
-  thickness = 0;
-  for (;;) {
+  for (; !packed;) {
     thickness += 2;
     cv::morphologyEx(a, b, cv::MORPH_ERODE, kernel, cv::Point(-1, -1), 1, cv::BORDER_CONSTANT,
                      cv::morphologyDefaultBorderValue());

@@ -4,13 +4,17 @@
 #include <cmath>
 #include <numeric>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace {
 
-constexpr int kAngles = 180;  // cvRound(pi / (float)(pi / 180))
+constexpr int kAngles = 180;  // cvRound(pi / (float)(pi / 180)), a multiple of 4
 
 struct Tables {
-  float sin[kAngles];
-  float cos[kAngles];
+  alignas(16) float sin[kAngles];
+  alignas(16) float cos[kAngles];
   Tables() {
     // The angle is accumulated in single precision, as the library does.
     const float step = static_cast<float>(CV_PI / 180.0);
@@ -27,9 +31,15 @@ const Tables& Trig() {
   return tables;
 }
 
-// The accumulator of the calling thread, kept between frames.
-std::vector<int>& Accumulator() {
-  thread_local std::vector<int> accumulator;
+// The accumulator of the calling thread, kept between frames. Every cell is
+// zero between uses.
+struct Accumulator {
+  std::vector<int> cells;
+  int stride = 0;
+};
+
+Accumulator& ThreadAccumulator() {
+  thread_local Accumulator accumulator;
   return accumulator;
 }
 
@@ -45,46 +55,82 @@ void HoughVotes::Vote(const cv::Mat& edges, cv::Point offset, cv::Size frame) {
   Clear();
   CV_Assert(edges.type() == CV_8UC1);
   numrho_ = cvRound(static_cast<float>(2 * (frame.width + frame.height) + 1) / 1.0f);
+  if (edges.empty()) return;
   const int stride = numrho_ + 2;
   const int shift = (numrho_ - 1) / 2;
-  std::vector<int>& accum = Accumulator();
-  accum.assign(static_cast<size_t>(kAngles + 2) * stride, 0);
+  Accumulator& accumulator = ThreadAccumulator();
+  if (accumulator.stride != stride) {
+    accumulator.cells.assign(static_cast<size_t>(kAngles + 2) * stride, 0);
+    accumulator.stride = stride;
+  }
+  int* a = accumulator.cells.data();
   const Tables& trig = Trig();
 
-  int lowest = stride, highest = -1;  // rho indices voted for
+  // The rho index range any pixel of the part can vote for: the rounded sum
+  // is monotone in x and in y, so the part's corners bound it.
+  int lowest = stride, highest = -1;
+  for (const cv::Point corner : {offset, offset + cv::Point(edges.cols - 1, 0),
+                                 offset + cv::Point(0, edges.rows - 1),
+                                 offset + cv::Point(edges.cols - 1, edges.rows - 1)}) {
+    const float x = static_cast<float>(corner.x), y = static_cast<float>(corner.y);
+    for (int n = 0; n < kAngles; ++n) {
+      const int r = cvRound(x * trig.cos[n] + y * trig.sin[n]) + shift;
+      lowest = std::min(lowest, r);
+      highest = std::max(highest, r);
+    }
+  }
+
   for (int i = 0; i < edges.rows; ++i) {
     const uchar* row = edges.ptr<uchar>(i);
     const float y = static_cast<float>(i + offset.y);
     for (int j = 0; j < edges.cols; ++j) {
       if (row[j] == 0) continue;
-      const float x = static_cast<float>(j + offset.x);
-      int* cell = accum.data() + stride + 1 + shift;
-      for (int n = 0; n < kAngles; ++n, cell += stride) {
-        const int r = cvRound(x * trig.cos[n] + y * trig.sin[n]);
-        ++cell[r];
-        lowest = std::min(lowest, r + shift);
-        highest = std::max(highest, r + shift);
+      alignas(16) int rho[kAngles];
+#if defined(__SSE2__)
+      // Four angles at a time: single-precision products and sum, rounded
+      // to nearest even as cvRound does.
+      const __m128 vx = _mm_set1_ps(static_cast<float>(j + offset.x));
+      const __m128 vy = _mm_set1_ps(y);
+      for (int n = 0; n < kAngles; n += 4) {
+        const __m128 sum = _mm_add_ps(_mm_mul_ps(vx, _mm_load_ps(trig.cos + n)),
+                                      _mm_mul_ps(vy, _mm_load_ps(trig.sin + n)));
+        _mm_store_si128(reinterpret_cast<__m128i*>(rho + n), _mm_cvtps_epi32(sum));
       }
+#else
+      const float x = static_cast<float>(j + offset.x);
+      for (int n = 0; n < kAngles; ++n) rho[n] = cvRound(x * trig.cos[n] + y * trig.sin[n]);
+#endif
+      int* cell = a + stride + 1 + shift;
+      for (int n = 0; n < kAngles; ++n, cell += stride) ++cell[rho[n]];
     }
   }
 
   // Cells without a vote are never maxima, so only the voted rho range is
-  // searched.
-  const int* a = accum.data();
-  for (int r = lowest; r <= highest; ++r) {
-    for (int n = 0; n < kAngles; ++n) {
+  // searched, in cell order; a stable counting sort by votes then gives the
+  // library's order (more votes first, ties by cell index).
+  int most = 0;
+  for (int n = 0; n < kAngles; ++n) {
+    for (int r = lowest; r <= highest; ++r) {
       const int base = (n + 1) * stride + r + 1;
       const int v = a[base];
       if (v > 0 && v > a[base - 1] && v >= a[base + 1] && v > a[base - stride] &&
           v >= a[base + stride]) {
-        cells_.push_back(base);
+        votes_.push_back(base);  // cell for now
+        most = std::max(most, v);
       }
     }
   }
-  std::sort(cells_.begin(), cells_.end(),
-            [a](int l, int m) { return a[l] > a[m] || (a[l] == a[m] && l < m); });
-  votes_.resize(cells_.size());
+  std::vector<int>& start = counts_;
+  start.assign(static_cast<size_t>(most) + 2, 0);
+  for (const int cell : votes_) ++start[static_cast<size_t>(most - a[cell]) + 1];
+  for (size_t v = 1; v < start.size(); ++v) start[v] += start[v - 1];
+  cells_.resize(votes_.size());
+  for (const int cell : votes_) cells_[static_cast<size_t>(start[static_cast<size_t>(most - a[cell])]++)] = cell;
   for (size_t k = 0; k < cells_.size(); ++k) votes_[k] = a[cells_[k]];
+
+  for (int n = 1; n <= kAngles; ++n) {  // back to zero for the next frame
+    std::fill(a + n * stride + lowest + 1, a + n * stride + highest + 2, 0);
+  }
 }
 
 void HoughVotes::Lines(int threshold, std::vector<cv::Vec2f>& lines) const {

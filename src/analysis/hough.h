@@ -23,4 +23,5 @@ class HoughVotes {
   int numrho_ = 0;
   std::vector<int> cells_;  // local maxima, strongest first, ties by index
   std::vector<int> votes_;  // votes of cells_
+  std::vector<int> counts_;  // counting-sort scratch
 };

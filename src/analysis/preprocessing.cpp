@@ -5,6 +5,7 @@
 
 #include "analysis/binary_morphology.h"
 #include "tracker/records.h"
+#include "tracker/validation_internal.h"
 
 int ClubTracker::Preprocessing(ClubImage* source, PreprocessedImage* target) {
   if (source == nullptr || target == nullptr) return 0;
@@ -26,10 +27,14 @@ int ConvertClubImage(const ClubImage* source, const ClubTrackerSetting* setting,
   const size_t bytes = static_cast<size_t>(source->width) * source->height *
                        source->bytesPerChannel * source->channels;
   const size_t capacity = target.total() * target.elemSize();
-  std::memcpy(target.data, source->pixels, bytes < capacity ? bytes : capacity);
+  if (bytes > 0 && capacity > 0) {
+    std::memcpy(target.data, source->pixels, bytes < capacity ? bytes : capacity);
+  }
 
   if (source->channels > 1) cv::cvtColor(target, target, cv::COLOR_BGR2GRAY);
   if (setting->roiWidth != 0 && setting->roiHeight != 0) {
+    // Checked in 64 bits: x + width wraps around in int.
+    clubtracker::RequireRegionWithin(*setting, target.cols, target.rows);
     const cv::Rect roi(setting->roiX, setting->roiY, setting->roiWidth, setting->roiHeight);
     target = cv::Mat(target, roi).clone();
   }

@@ -8,6 +8,7 @@
 #include <exception>
 #include <new>
 
+#include "api/plausibility.h"
 #include "delivery/delivery.h"
 #include "harness/profile.h"
 #include "tracker/frame_pairing.h"
@@ -117,6 +118,7 @@ SwingReport Measure(const std::vector<ClubImage>& cam1, const std::vector<ClubIm
       return report;
     }
     Run(cam1, cam2, setting, options, report);
+    AddPlausibilityWarnings(report);
   } catch (const std::bad_alloc&) {
     report.ok = false;
     report.error = "out of memory";

@@ -3,6 +3,7 @@
 #include <exception>
 
 #include "clubtracker/measure.h"
+#include "harness/frame_files.h"
 #include "harness/offline.h"
 
 namespace clubtracker {
@@ -23,10 +24,13 @@ void TakeFrames(std::vector<ClubImage*>& from, std::vector<ClubImage>& to,
 
 }  // namespace
 
-bool LoadRecording(const std::filesystem::path& recording, Recording& out, std::string* why) {
+bool LoadRecording(const std::filesystem::path& recording, Recording& out, std::string* why,
+                   uint64_t maxFramePixels) {
   try {
     LoadedRecording loaded;
-    if (!::LoadRecording(recording, loaded, why)) return false;
+    FrameLoadLimits limits;
+    limits.maxPixels = maxFramePixels;
+    if (!::LoadRecording(recording, loaded, why, limits)) return false;
     Recording read;
     ResolveRunFile(recording, read.runFile, nullptr);
     read.setting = loaded.setting;

@@ -4,6 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "api/plausibility.h"
 #include "clubtracker/measure.h"
 
 namespace clubtracker {
@@ -77,6 +78,7 @@ std::string ReportJson(const SwingReport& r, const std::string& recording, int i
   json["simulator"] = SimulatorJson(r.delivery);
   std::vector<std::string> warnings = r.warnings;
   warnings.insert(warnings.end(), r.delivery.notes.begin(), r.delivery.notes.end());
+  NoteNonFiniteNumbers(json, warnings);  // JSON has no infinity: each null says why
   json["warnings"] = warnings;
   if (!r.ok) json["error"] = r.error;
   return json.dump(indent, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";

@@ -8,9 +8,13 @@
 #include <memory>
 #include <system_error>
 
+#include <unistd.h>
+
 #include <opencv2/imgcodecs.hpp>
 
+#include "harness/frame_files.h"
 #include "harness/profile.h"
+#include "tracker/validation_internal.h"
 
 namespace fs = std::filesystem;
 
@@ -68,42 +72,6 @@ bool FitsInt(const std::string& text) {
   const auto [ptr, ec] = std::from_chars(view.data() + begin, view.data() + end + 1, value);
   return ec == std::errc() && ptr == view.data() + end + 1 && value >= INT32_MIN &&
          value <= INT32_MAX;
-}
-
-// Regular files (or links to them) of `folder`.
-std::vector<fs::path> FilesOf(const fs::path& folder) {
-  std::vector<fs::path> files;
-  std::error_code ec;
-  fs::directory_iterator it(folder, ec);
-  if (ec) return files;
-  for (; it != fs::directory_iterator(); it.increment(ec)) {
-    if (ec) break;
-    std::error_code kindError;
-    if (it->is_directory(kindError)) continue;
-    files.push_back(it->path());
-  }
-  // Plain byte-wise order of the names: the recording tool's names are
-  // fixed-width time stamps, so this is capture order.
-  std::sort(files.begin(), files.end(), [](const fs::path& a, const fs::path& b) {
-    return a.filename().native() < b.filename().native();
-  });
-  return files;
-}
-
-// A ClubImage holding a copy of an 8-bit grey matrix; metadata zero.
-std::unique_ptr<ClubImage> MakeFrame(const cv::Mat& grey) {
-  auto frame = std::make_unique<ClubImage>();
-  frame->width = static_cast<uint32_t>(grey.cols);
-  frame->height = static_cast<uint32_t>(grey.rows);
-  frame->bytesPerChannel = 1;
-  frame->channels = 1;
-  const size_t rowBytes = static_cast<size_t>(grey.cols);
-  std::unique_ptr<unsigned char[]> pixels(new unsigned char[rowBytes * grey.rows]);
-  for (int y = 0; y < grey.rows; ++y) {
-    std::memcpy(pixels.get() + rowBytes * y, grey.ptr<unsigned char>(y), rowBytes);
-  }
-  frame->pixels = pixels.release();
-  return frame;
 }
 
 }  // namespace
@@ -196,27 +164,7 @@ void ParseFrameFileName(const std::wstring& fileName, ClubImage& image) {
 }
 
 std::vector<ClubImage*> LoadCameraFrames(const fs::path& folder, int impactIndex) {
-  std::vector<ClubImage*> frames;
-  try {
-    const std::vector<fs::path> files = FilesOf(folder);
-    frames.reserve(files.size());
-    for (const fs::path& file : files) {
-      // Files that do not decode (the option file among them) are skipped.
-      const cv::Mat grey = cv::imread(file.string(), cv::IMREAD_GRAYSCALE);
-      if (grey.empty() || grey.type() != CV_8UC1) continue;
-      std::unique_ptr<ClubImage> frame = MakeFrame(grey);
-      // Names are parsed as the bytes stand; only ASCII digits, '_', ',' and
-      // '.' matter to the conversions.
-      const std::string narrow = file.filename().native();
-      ParseFrameFileName(std::wstring(narrow.begin(), narrow.end()), *frame);
-      frame->afterImpact = static_cast<long long>(frames.size()) >= impactIndex ? 1u : 0u;
-      frames.push_back(frame.release());
-    }
-  } catch (...) {
-    FreeFrames(frames);
-    throw;
-  }
-  return frames;
+  return LoadCameraFrames(folder, impactIndex, FrameLoadLimits{}, nullptr);
 }
 
 void FreeFrames(std::vector<ClubImage*>& frames) {
@@ -255,7 +203,7 @@ bool ResolveRunFile(const fs::path& recording, fs::path& runFile, std::string* e
 bool CheckRecording(const fs::path& runFile, RunOptions& options, std::string* error) {
   const ProfileFile run(runFile);
   if (!run.Found()) {
-    SetError(error, "cannot read the run option file " + Quoted(runFile));
+    SetError(error, "cannot read the run option file " + Quoted(runFile) + ": it " + run.Problem());
     return false;
   }
   for (const IntegerKey& entry : kRunIntegerKeys) {
@@ -282,7 +230,8 @@ bool CheckRecording(const fs::path& runFile, RunOptions& options, std::string* e
     const fs::path optionFile = CameraOptionFile(read.folder, camera);
     const ProfileFile calibration(optionFile);
     if (!calibration.Found()) {
-      SetError(error, "cannot read the camera option file " + Quoted(optionFile));
+      SetError(error, "cannot read the camera option file " + Quoted(optionFile) + ": it " +
+                          calibration.Problem());
       return false;
     }
     double values[21];
@@ -309,14 +258,20 @@ bool CheckRecording(const fs::path& runFile, RunOptions& options, std::string* e
       return false;
     }
     bool hasImage = false;
+    std::string unreadable;
     for (const fs::path& file : FilesOf(folder)) {
-      if (cv::haveImageReader(file.string())) {
+      if (!HasImageExtension(file) && !cv::haveImageReader(file.string())) continue;
+      if (::access(file.c_str(), R_OK) == 0) {
         hasImage = true;
         break;
       }
+      if (unreadable.empty()) unreadable = file.string();
     }
     if (!hasImage) {
-      SetError(error, "no frame images in the camera folder " + Quoted(folder));
+      SetError(error, unreadable.empty()
+                          ? "no frame images in the camera folder " + Quoted(folder)
+                          : "the frame files in the camera folder " + Quoted(folder) +
+                                " cannot be read (permission denied), e.g. " + unreadable);
       return false;
     }
   }
@@ -324,7 +279,28 @@ bool CheckRecording(const fs::path& runFile, RunOptions& options, std::string* e
   return true;
 }
 
-bool LoadRecording(const fs::path& recording, LoadedRecording& out, std::string* error) {
+namespace {
+
+// The run file's settings against the loaded frames: a region of interest that
+// leaves them is refused (the tracker could only fail); zero or negative
+// intervals and axes out of range are warnings.
+bool CheckRunSetting(const fs::path& runFile, LoadedRecording& out, std::string* error) {
+  std::vector<std::string> problems;
+  clubtracker::CheckGeometry(out.setting, out.cam1, out.cam2, problems);
+  for (std::string& problem : problems) {
+    if (problem.rfind("the region of interest", 0) == 0) {
+      SetError(error, runFile.string() + ": [ROI] " + problem.substr(4));
+      return false;
+    }
+    out.warnings.push_back(runFile.string() + ": " + problem);
+  }
+  return true;
+}
+
+}  // namespace
+
+bool LoadRecording(const fs::path& recording, LoadedRecording& out, std::string* error,
+                   const FrameLoadLimits& limits) {
   try {
     fs::path runFile;
     if (!ResolveRunFile(recording, runFile, error)) return false;
@@ -339,17 +315,18 @@ bool LoadRecording(const fs::path& recording, LoadedRecording& out, std::string*
     std::copy(values + 9, values + 21, out.setting.cam2Extrinsic);
     FreeFrames(out.cam1);
     FreeFrames(out.cam2);
-    out.cam1 = LoadCameraFrames(CameraFolder(out.options.folder, 0), out.options.impactIndex);
-    out.cam2 = LoadCameraFrames(CameraFolder(out.options.folder, 1), out.options.impactIndex);
+    out.warnings.clear();
     for (int camera = 0; camera < 2; ++camera) {
-      if ((camera == 0 ? out.cam1 : out.cam2).empty()) {
-        SetError(error, "no file in the camera folder " +
-                            Quoted(CameraFolder(out.options.folder, camera)) +
-                            " decodes as an image");
+      std::vector<ClubImage*>& frames = camera == 0 ? out.cam1 : out.cam2;
+      const fs::path folder = CameraFolder(out.options.folder, camera);
+      frames = LoadCameraFrames(folder, out.options.impactIndex, limits, &out.warnings);
+      if (frames.empty()) {
+        SetError(error, "no file in the camera folder " + Quoted(folder) + " decodes as an image" +
+                            (out.warnings.empty() ? "" : ": " + out.warnings.back()));
         return false;
       }
     }
-    return true;
+    return CheckRunSetting(runFile, out, error);
   } catch (const std::exception& e) {
     SetError(error, std::string("cannot load the recording: ") + e.what());
     return false;

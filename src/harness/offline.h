@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "clubtracker/ClubTracker.h"
+#include "harness/frame_files.h"
 #include "tracker/frame_pairing.h"
 
 // What the run option file holds (calibration is read separately).
@@ -32,8 +33,7 @@ std::filesystem::path CameraFolder(const std::filesystem::path& folder, int came
 // A camera's option file: its folder + "MasterOption.ini" / "SlaveOption.ini".
 std::filesystem::path CameraOptionFile(const std::filesystem::path& folder, int camera);
 
-// Loads every image file of `folder` in byte-wise name order; directories and
-// files that do not decode are skipped. afterImpact from impactIndex.
+// LoadCameraFrames (frame_files.h) with the default limits and no warnings.
 std::vector<ClubImage*> LoadCameraFrames(const std::filesystem::path& folder, int impactIndex);
 
 // Fills the metadata of `image` from a frame file name (both layouts).
@@ -73,6 +73,9 @@ struct LoadedRecording {
 
 // RECORDING is a run option file or a folder holding "run.ini". Returns false
 // with a one-line reason in `error` when it cannot be read (ResolveRunFile and
-// CheckRecording's reasons, or a camera none of whose files decodes).
+// CheckRecording's reasons, a region of interest that leaves the frames, or a
+// camera none of whose files decodes). What loads but looks wrong (skipped
+// frame files, sizes differing within a camera, time stamps that do not
+// increase, a zero time-stamp interval) is named in out.warnings.
 bool LoadRecording(const std::filesystem::path& recording, LoadedRecording& out,
-                   std::string* error);
+                   std::string* error, const FrameLoadLimits& limits = {});

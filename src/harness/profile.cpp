@@ -1,6 +1,8 @@
 // Initialisation files and the runtime's text-to-number conversions.
 #include "harness/profile.h"
 
+#include "harness/frame_files.h"
+
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -313,14 +315,14 @@ double ToDouble(std::basic_string_view<Ch> text) {
 
 ProfileFile::ProfileFile(const std::filesystem::path& path) {
   std::error_code ec;
-  if (std::filesystem::is_directory(path, ec)) return;  // opens, but is no file
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return;
-  std::ostringstream text;
-  text << in.rdbuf();
-  if (in.bad()) return;
+  if (!std::filesystem::exists(path, ec)) {
+    problem_ = "does not exist";
+    return;
+  }
+  std::string text;
+  if (!ReadRegularFile(path, kProfileMaxBytes, text, problem_)) return;
   found_ = true;
-  Parse(NormaliseEncoding(text.str()));
+  Parse(NormaliseEncoding(std::move(text)));
 }
 
 ProfileFile ProfileFile::FromText(std::string_view content) {

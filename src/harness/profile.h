@@ -12,11 +12,16 @@
 // terminator).
 inline constexpr size_t kProfileValueMaxChars = 255;
 
+// Largest option file read, in bytes.
+inline constexpr uint64_t kProfileMaxBytes = 1u << 20;
+
 // One initialisation file, read at once. Sections and keys are matched without
 // regard to case; the first occurrence of a key wins; values are trimmed,
 // stripped of one pair of surrounding quotes and cut to 255 characters. Lines
 // starting with ';' or '#' are comments; CRLF line endings are accepted. A
-// missing or unreadable file reads as an empty one.
+// missing or unreadable file reads as an empty one, and so does anything that
+// is not a regular file of at most kProfileMaxBytes (a FIFO, /dev/zero): it is
+// never read, and Problem() says why.
 class ProfileFile {
  public:
   ProfileFile() = default;
@@ -26,6 +31,9 @@ class ProfileFile {
   static ProfileFile FromText(std::string_view content);
 
   bool Found() const { return found_; }
+  // Why the file was not read ("does not exist", "is not a regular file ...");
+  // empty when it was.
+  const std::string& Problem() const { return problem_; }
 
   // The value (UTF-8) of `key` in `section`, or null when either is missing.
   const std::string* Find(std::string_view section, std::string_view key) const;
@@ -48,6 +56,7 @@ class ProfileFile {
 
   std::vector<Entry> entries_;
   bool found_ = false;
+  std::string problem_;
 };
 
 // _wtof: leading white space, an optional sign, then the longest decimal

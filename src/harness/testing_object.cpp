@@ -13,7 +13,32 @@
 
 namespace {
 
-std::unique_ptr<OfflineResultImage> CopyEntry(const ClubFrameResult& entry) {
+
+void CopyNumbers(const ClubTrackerResult& result, OfflineRunReport& report) {
+  report.frameCount = result.frameCount;
+  report.pairedFrames = result.frameCount / 2;
+  report.clubHeadSpeed = result.clubHeadSpeed;
+  report.angularVelocity = result.angularVelocity;
+  report.headRadius = result.headRadius;
+  std::copy(result.axisDirection, result.axisDirection + 3, report.axisDirection);
+  std::copy(result.axisPosition, result.axisPosition + 3, report.axisPosition);
+  report.speedFrameFrom = result.speedFrameFrom;
+  report.speedFrameTo = result.speedFrameTo;
+}
+
+// Frees both frame lists on every way out of a run.
+struct FrameLists {
+  std::vector<ClubImage*> cam1;
+  std::vector<ClubImage*> cam2;
+  ~FrameLists() {
+    FreeFrames(cam1);
+    FreeFrames(cam2);
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<OfflineResultImage> CopyResultEntry(const ClubFrameResult& entry) {
   auto record = std::make_unique<OfflineResultImage>();
   record->camera = entry.camera;
   record->frameNumber = entry.frameNumber;
@@ -43,30 +68,6 @@ std::unique_ptr<OfflineResultImage> CopyEntry(const ClubFrameResult& entry) {
   }
   return record;
 }
-
-void CopyNumbers(const ClubTrackerResult& result, OfflineRunReport& report) {
-  report.frameCount = result.frameCount;
-  report.pairedFrames = result.frameCount / 2;
-  report.clubHeadSpeed = result.clubHeadSpeed;
-  report.angularVelocity = result.angularVelocity;
-  report.headRadius = result.headRadius;
-  std::copy(result.axisDirection, result.axisDirection + 3, report.axisDirection);
-  std::copy(result.axisPosition, result.axisPosition + 3, report.axisPosition);
-  report.speedFrameFrom = result.speedFrameFrom;
-  report.speedFrameTo = result.speedFrameTo;
-}
-
-// Frees both frame lists on every way out of a run.
-struct FrameLists {
-  std::vector<ClubImage*> cam1;
-  std::vector<ClubImage*> cam2;
-  ~FrameLists() {
-    FreeFrames(cam1);
-    FreeFrames(cam2);
-  }
-};
-
-}  // namespace
 
 void DebugLog(std::wstring message, void* context) {
   (void)context;
@@ -104,18 +105,24 @@ int QuarvelOstrin::RunOfflineTest(const std::filesystem::path& optionFilePath,
     setting.timeStampIntervalAfterImpact = options.setting.timeStampIntervalAfterImpact;
 
     FrameLists frames;
+    std::vector<std::string> warnings;  // frame files skipped, odd frames
     if (!options.folderPath.empty()) {
       double values[21];
       ReadCalibrationFile(CameraOptionFile(options.folder, 0), values);
       std::copy(values, values + 9, setting.cam1Intrinsic);
       std::copy(values + 9, values + 21, setting.cam1Extrinsic);
-      frames.cam1 = LoadCameraFrames(CameraFolder(options.folder, 0), options.impactIndex);
+      frames.cam1 = LoadCameraFrames(CameraFolder(options.folder, 0), options.impactIndex,
+                                     FrameLoadLimits{}, &warnings);
       ReadCalibrationFile(CameraOptionFile(options.folder, 1), values);
       std::copy(values, values + 9, setting.cam2Intrinsic);
       std::copy(values + 9, values + 21, setting.cam2Extrinsic);
-      frames.cam2 = LoadCameraFrames(CameraFolder(options.folder, 1), options.impactIndex);
+      frames.cam2 = LoadCameraFrames(CameraFolder(options.folder, 1), options.impactIndex,
+                                     FrameLoadLimits{}, &warnings);
     }
 
+    for (const std::string& warning : warnings) {
+      setting.logCallback(Utf8ToWide("RunOfflineTest: " + warning), setting.logContext);
+    }
     tracker->SetTrackerSetting(setting);
     ClubTrackerResult result;
     const auto start = std::chrono::steady_clock::now();
@@ -147,7 +154,7 @@ int QuarvelOstrin::RunOfflineTest(const std::filesystem::path& optionFilePath,
     if (result.frames != nullptr && result.frameCount >= 1) {
       outputList.reserve(outputList.size() + static_cast<size_t>(result.frameCount));
       for (int e = 0; e < result.frameCount; ++e) {
-        outputList.push_back(CopyEntry(result.frames[e]));
+        outputList.push_back(CopyResultEntry(result.frames[e]));
       }
     }
     return 1;

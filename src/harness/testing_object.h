@@ -3,6 +3,9 @@
 
 #include "clubtracker/QuarvelTestingInterface.h"
 
+// One result entry with storage of its own.
+std::unique_ptr<OfflineResultImage> CopyResultEntry(const ClubFrameResult& entry);
+
 class QuarvelOstrin : public QuarvelTestingInterface {
  public:
   // Allocates its tracker; `tracker` stays null if that allocation fails.

@@ -9,8 +9,8 @@
 #endif
 
 // The hand-written products below must round exactly like the library's:
-// no contraction into fused multiply-adds except where written out.
-#pragma GCC optimize("fp-contract=off")
+// no contraction into fused multiply-adds except where written out (the file
+// is compiled with -ffp-contract=off, set in src/CMakeLists.txt).
 
 void PlaneCache::Build(const std::vector<CandidateAreaImage*>& areas,
                        const CameraGeometry& camera) {

@@ -8,8 +8,8 @@
 #include <opencv2/core.hpp>
 #include <utility>
 
-// Every product and sum below must round on its own, in the written order.
-#pragma GCC optimize("fp-contract=off")
+// Every product and sum below must round on its own, in the written order
+// (compiled with -ffp-contract=off, set in src/CMakeLists.txt).
 
 namespace {
 

@@ -137,6 +137,12 @@ class LinePairs {
   uint64_t count_ = 0;
 };
 
+// How a chunk's pairs were decided, kept per chunk (no sharing between workers).
+struct ChunkPaths {
+  uint64_t surelyRejected = 0;
+  uint64_t solvedByLibrary = 0;
+};
+
 // Task body: evaluates the line pairs of the chunks of its range. Chunk c of
 // the first batch covers positions [c * chunk, (c + 1) * chunk); every
 // accepted pair goes to the chunk's own list, in position order.
@@ -150,6 +156,7 @@ struct EvaluateLinePairs {
   const double* referencePoint;
   uint64_t chunk;
   std::vector<PairHypothesis>* accepted;  // one list per chunk
+  ChunkPaths* paths;                      // one per chunk
 
   void operator()(const tbb::blocked_range<int>& range) const {
     // Scratch of this worker: the four planes, their offsets, the solution and
@@ -165,6 +172,7 @@ struct EvaluateLinePairs {
 
     for (int c = range.begin(); c != range.end(); ++c) {
       std::vector<PairHypothesis>& out = accepted[c];
+      ChunkPaths& path = paths[c];
       if (chunk == 0) continue;
       uint64_t g = chunk * static_cast<uint64_t>(c);
       LinePairs::Cursor cursor = pairs.Seek(g);
@@ -181,10 +189,14 @@ struct EvaluateLinePairs {
           d[i] = planes[i]->offset;
         }
         // Pairs whose point is far outside the windows need no exact solution.
-        if (PairSurelyRejected(a, d, referencePoint, axisIndex, kPairWindows)) continue;
+        if (PairSurelyRejected(a, d, referencePoint, axisIndex, kPairWindows)) {
+          ++path.surelyRejected;
+          continue;
+        }
         // The pseudo-inverse solution, evaluated as the library evaluates
         // A.inv(DECOMP_SVD) * d.
         if (!(jacobi && SolvePlanesJacobi(a, d, 4, x))) {
+          ++path.solvedByLibrary;
           cv::solve(matA, matD, matX, cv::DECOMP_SVD);
           if (matX.data != reinterpret_cast<uchar*>(x)) {
             for (int i = 0; i < 3; ++i) x[i] = matX.at<double>(i);
@@ -304,12 +316,18 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
   const uint64_t firstCount = std::min(total, kBatchSize);
   const uint64_t chunk = firstCount / kChunksPerBatch;
   std::vector<PairHypothesis> chunkLists[kChunksPerBatch];
+  ChunkPaths chunkPaths[kChunksPerBatch];
   if (chunk > 0) {
     const EvaluateLinePairs body{pairs,     planes1,        planes2, rounding,  jacobi,
-                                 axisIndex, referencePoint, chunk,   chunkLists};
+                                 axisIndex, referencePoint, chunk,   chunkLists,
+                                 chunkPaths};
     tbb::parallel_for(tbb::blocked_range<int>(0, kChunksPerBatch, 1), body);
   }
   stats->evaluatedPairs = chunk * kChunksPerBatch;
+  for (const ChunkPaths& path : chunkPaths) {
+    stats->pairsSurelyRejected += path.surelyRejected;
+    stats->pairsSolvedByLibrary += path.solvedByLibrary;
+  }
 
   std::vector<PairHypothesis> accepted;
   size_t acceptedCount = 0;
@@ -419,9 +437,11 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
     // early-stop residual changes nothing: it is not solved.
     if (ResidualSurelyAtLeast(matA.ptr<double>(), matD.ptr<double>(), 2 * m,
                               std::max(best, kEarlyStopRefit))) {
+      ++stats->refitsSurelyWorse;
       continue;
     }
     if (!(jacobi && SolvePlanesJacobi(matA.ptr<double>(), matD.ptr<double>(), 2 * m, solution))) {
+      ++stats->refitsSolvedByLibrary;
       cv::solve(matA, matD, matX, cv::DECOMP_SVD);
       if (matX.data != reinterpret_cast<uchar*>(solution)) {
         for (int i = 0; i < 3; ++i) solution[i] = matX.at<double>(i);

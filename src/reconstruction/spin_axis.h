@@ -46,6 +46,11 @@ struct SpinAxisSearchStats {
   uint64_t evaluatedPairs = 0;  // pairs whose four planes were solved
   uint64_t hypotheses = 0;      // entries of the hypothesis list
   uint64_t refits = 0;          // refits actually solved
+  // Which way the fast paths went (they must carry nearly all of the work):
+  uint64_t pairsSurelyRejected = 0;   // evaluated pairs dismissed without a solution
+  uint64_t pairsSolvedByLibrary = 0;  // pairs the Jacobi solver left to cv::solve
+  uint64_t refitsSurelyWorse = 0;     // refits dismissed without a solution
+  uint64_t refitsSolvedByLibrary = 0; // refits the Jacobi solver left to cv::solve
   double refitResidual = 0.0;   // residual of the refit that gave the axis
 };
 

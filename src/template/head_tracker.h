@@ -259,6 +259,10 @@ struct HeadMeasurement {
   double impactTime = 0.0;  // time at which the speed is taken
   bool impactFromBall = false;
   double speed = 0.0;       // world units per time-stamp unit; 0 = none
+  // What the tracking worked on, kept when the speed was measured (for the
+  // club delivery): both cameras' paired frames and their backgrounds.
+  std::vector<CameraFrame> frames[2];
+  cv::Mat background[2];
 };
 
 // Locates, tracks and triangulates the head in the before-impact frames of

@@ -18,6 +18,7 @@
 #include "tracker/find_lines.h"
 #include "tracker/frame_pairing.h"
 #include "tracker/records.h"
+#include "tracker/validation_internal.h"
 
 namespace {
 
@@ -50,6 +51,18 @@ int AgreedHeadSize(std::vector<int>& sizes) {
   return positive[(2 * positive.size()) / 3];
 }
 
+// The refined masks of the presence test. They stay with the thread between
+// calls, so a later swing of the same frame size writes into pages already
+// mapped.
+struct RefinedMasks {
+  std::vector<cv::Mat> refined[2];
+};
+
+RefinedMasks& ThreadMasks() {
+  thread_local RefinedMasks masks;
+  return masks;
+}
+
 // One line of text without line breaks, for the failure log line.
 std::string OneLine(const char* text) {
   std::string line = text != nullptr ? text : "";
@@ -80,6 +93,15 @@ int ClubTracker::Find(std::vector<ClubImage*> cam1Images, std::vector<ClubImage*
         return 0;
       }
     }
+    // One line per problem of the input; the run goes on as it would anyway.
+    std::vector<std::string> problems;
+    const auto logProblems = [this, &problems] {
+      for (const std::string& problem : problems) Log("ClubTracker::Find: %s", problem.c_str());
+      problems.clear();
+    };
+    clubtracker::ValidateFrames(cam1Images, cam2Images, problems);
+    clubtracker::CheckGeometry(setting, cam1Images, cam2Images, problems);
+    logProblems();
 
     std::vector<ClubImage*> pairs1;
     std::vector<ClubImage*> pairs2;
@@ -129,8 +151,10 @@ int ClubTracker::Find(std::vector<ClubImage*> cam1Images, std::vector<ClubImage*
 
     // Presence test, frames spread over the cores (each touches only its own
     // slots).
-    std::vector<cv::Mat> masks1(n);
-    std::vector<cv::Mat> masks2(n);
+    std::vector<cv::Mat>& masks1 = ThreadMasks().refined[0];
+    std::vector<cv::Mat>& masks2 = ThreadMasks().refined[1];
+    masks1.resize(static_cast<size_t>(n));
+    masks2.resize(static_cast<size_t>(n));
     std::vector<int> present1(static_cast<size_t>(n), 0);
     std::vector<int> present2(static_cast<size_t>(n), 0);
     tbb::parallel_for(0, n, [&](int k) {
@@ -154,8 +178,6 @@ int ClubTracker::Find(std::vector<ClubImage*> cam1Images, std::vector<ClubImage*
       headValue2 = AgreedHeadSize(sizes);
       if (headValue1 <= 0 || headValue2 <= 0) return 0;
     }
-    masks1.clear();
-    masks2.clear();
 
     for (int k = 0; k < n; ++k) {
       DeleteDriverHeadArea(cand1[k], headValue1);
@@ -191,6 +213,8 @@ int ClubTracker::Find(std::vector<ClubImage*> cam1Images, std::vector<ClubImage*
       ClubSpinAxis3D spinAxis;
       spinAxis.firstFrame = 0;
       spinAxis.secondFrame = 0;
+      clubtracker::CheckCalibration(setting, problems);
+      logProblems();
       FindClubSpinAxis(cand1, cand2, spinAxis);
       if (timeUp()) return 0;
       FindShaftAndHead(cand1, cand2, spinAxis, result);

@@ -36,6 +36,25 @@ inline int AgreedHeadSize(const std::vector<int>& sizes) {
   return positive[(2 * positive.size()) / 3];
 }
 
+// The line passes' bookkeeping as the driver states it, for the literal chain.
+inline int CountLines(const std::vector<CandidateAreaImage*>& areas) {
+  size_t total = 0;
+  for (const CandidateAreaImage* area : areas) total += area->lines.size();
+  return static_cast<int>(total);
+}
+
+inline void AdaptLineSize(int foundPair, int lineCount, int frames, float& lineSize, int& redo,
+                          const std::vector<CandidateAreaImage*>& areas) {
+  if (foundPair >= 3 && lineCount >= 2 * frames) {
+    if (lineCount <= 4 * frames) return;
+    lineSize = static_cast<float>(static_cast<double>(lineSize) - 0.2);
+  } else {
+    lineSize = static_cast<float>(static_cast<double>(lineSize) * 1.1);
+  }
+  redo = 1;
+  for (CandidateAreaImage* area : areas) area->lines.clear();
+}
+
 // Find's stages from the pairing to the last pass of the line extraction.
 // False when Find would stop before the spin axis.
 inline bool ExtractLines(ClubTracker& tracker, const std::vector<ClubImage*>& images1,

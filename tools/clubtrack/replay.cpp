@@ -1,7 +1,6 @@
 // Replaying a recording through the testing object, for `run` and `demo`.
 #include "replay.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,7 +10,9 @@
 #include <ostream>
 #include <system_error>
 
+#include "api/plausibility.h"
 #include "harness/offline.h"
+#include "harness/testing_object.h"
 
 namespace fs = std::filesystem;
 
@@ -26,32 +27,6 @@ std::string Format(const char* format, double a, double b, double c) {
   std::snprintf(text, sizeof text, format, a, b, c);
   return text;
 }
-
-// Image decoders report broken files on standard error themselves (libpng
-// does, once per file); the replay skips such files, and the tool reports
-// what matters in one line of its own. Silences descriptor 2 while alive.
-class QuietDecoders {
- public:
-  QuietDecoders() {
-    std::fflush(stderr);
-    saved_ = ::dup(STDERR_FILENO);
-    const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (saved_ >= 0 && null >= 0) ::dup2(null, STDERR_FILENO);
-    if (null >= 0) ::close(null);
-  }
-  ~QuietDecoders() {
-    std::fflush(stderr);
-    if (saved_ >= 0) {
-      ::dup2(saved_, STDERR_FILENO);
-      ::close(saved_);
-    }
-  }
-  QuietDecoders(const QuietDecoders&) = delete;
-  QuietDecoders& operator=(const QuietDecoders&) = delete;
-
- private:
-  int saved_ = -1;
-};
 
 }  // namespace
 
@@ -100,40 +75,18 @@ void CopyEntries(const ClubTrackerResult& result,
                  std::vector<std::unique_ptr<OfflineResultImage>>& images) {
   images.clear();
   if (result.frames == nullptr) return;
-  for (int e = 0; e < result.frameCount; ++e) {
-    const ClubFrameResult& entry = result.frames[e];
-    auto record = std::make_unique<OfflineResultImage>();
-    record->camera = entry.camera;
-    record->frameNumber = entry.frameNumber;
-    record->hasShaft = entry.hasShaft;
-    std::copy(entry.head, entry.head + 3, record->head);
-    const ClubImage& image = entry.image;
-    record->width = image.width;
-    record->height = image.height;
-    record->bytesPerChannel = image.bytesPerChannel;
-    record->channels = image.channels;
-    const size_t area = static_cast<size_t>(image.width) * image.height;
-    if (image.pixels != nullptr) {
-      record->pixels.assign(image.pixels,
-                            image.pixels + area * image.bytesPerChannel * image.channels);
-    }
-    if (entry.rawPixels != nullptr) record->rawPixels.assign(entry.rawPixels, entry.rawPixels + area);
-    record->timeStamp = image.timeStamp;
-    record->afterImpact = image.afterImpact;
-    images.push_back(std::move(record));
-  }
+  for (int e = 0; e < result.frameCount; ++e) images.push_back(CopyResultEntry(result.frames[e]));
 }
 
 }  // namespace
 
 bool Replay(const fs::path& recording, ReplayOutcome& outcome, std::string* error,
-            const clubtracker::MeasureOptions& options) {
+            const clubtracker::MeasureOptions& options, uint64_t maxFramePixels) {
   if (!ResolveRunFile(recording, outcome.runFile, error)) return false;
+  // The loader checks frame files before they reach a decoder, so nothing
+  // silences standard error: a crash or a sanitizer report stays visible.
   clubtracker::Recording loaded;
-  {
-    const QuietDecoders quiet;
-    if (!clubtracker::LoadRecording(outcome.runFile, loaded, error)) return false;
-  }
+  if (!clubtracker::LoadRecording(outcome.runFile, loaded, error, maxFramePixels)) return false;
   outcome.swing = clubtracker::MeasureRecording(loaded, options);
   const clubtracker::SwingReport& s = outcome.swing;
   if (!s.ok) {
@@ -167,10 +120,7 @@ std::vector<FrameView> ViewsOf(const ReplayOutcome& outcome) {
   if (!outcome.images.empty()) return ViewsFromResult(outcome.images);
   // The tracker stopped before it filled its result frames: show the frames.
   LoadedRecording recording;
-  {
-    const QuietDecoders quiet;
-    if (!LoadRecording(outcome.runFile, recording, nullptr)) return {};
-  }
+  if (!LoadRecording(outcome.runFile, recording, nullptr)) return {};
   std::vector<ClubImage*> pairs1;
   std::vector<ClubImage*> pairs2;
   PairFrames(recording.cam1, recording.cam2, pairs1, pairs2);
@@ -230,7 +180,13 @@ void PrintSummary(std::ostream& out, const ReplayOutcome& outcome, bool withLog)
   std::snprintf(line, sizeof line, "Angular velocity %.6e rad per time-stamp unit\n",
                 static_cast<double>(r.angularVelocity));
   out << line;
-  if (r.clubHeadSpeed != 0.0) {
+  std::string why;
+  if (clubtracker::SuspectSpeed(r.clubHeadSpeed, &why)) {
+    std::snprintf(line, sizeof line,
+                  "Club-head speed  %.6f mm/us = %.2f m/s, from frames %d to %d: SUSPECT, it %s\n",
+                  r.clubHeadSpeed, r.clubHeadSpeed * kMpsPerUnit, r.speedFrameFrom,
+                  r.speedFrameTo, why.c_str());
+  } else if (r.clubHeadSpeed != 0.0) {
     std::snprintf(line, sizeof line,
                   "Club-head speed  %.6f mm/us = %.2f m/s, from frames %d to %d\n",
                   r.clubHeadSpeed, r.clubHeadSpeed * kMpsPerUnit, r.speedFrameFrom,
@@ -239,7 +195,10 @@ void PrintSummary(std::ostream& out, const ReplayOutcome& outcome, bool withLog)
     std::snprintf(line, sizeof line, "Club-head speed  none found\n");
   }
   out << line;
-  if (r.headTrackingSpeed != 0.0) {
+  if (clubtracker::SuspectSpeed(r.headTrackingSpeed, &why)) {
+    std::snprintf(line, sizeof line, "Head tracking    %.6f mm/us = %.2f m/s: SUSPECT, it %s\n",
+                  r.headTrackingSpeed, r.headTrackingSpeed * kMpsPerUnit, why.c_str());
+  } else if (r.headTrackingSpeed != 0.0) {
     std::snprintf(line, sizeof line, "Head tracking    %.6f mm/us = %.2f m/s\n",
                   r.headTrackingSpeed, r.headTrackingSpeed * kMpsPerUnit);
   } else {

@@ -28,7 +28,8 @@ struct ReplayOutcome {
 // it and measures it (line-based, head tracking, club delivery). False with a
 // one-line reason.
 bool Replay(const std::filesystem::path& recording, ReplayOutcome& outcome, std::string* error,
-            const clubtracker::MeasureOptions& options = {});
+            const clubtracker::MeasureOptions& options = {},
+            uint64_t maxFramePixels = clubtracker::kMaxFramePixels);
 
 // The frames to draw: the result's entries, or when the result has none (the
 // tracker stopped before the shaft stage) the recording's paired raw frames.

@@ -27,6 +27,7 @@ struct RunCommandOptions {
   bool quiet = false;
   std::string up;
   std::string target;
+  uint64_t maxPixels = clubtracker::kMaxFramePixels;
 };
 
 // "X,Y,Z" as a direction, scaled to unit length (MeasureOptions::IsValid then
@@ -75,9 +76,14 @@ int RunReplay(const RunCommandOptions& options) {
     return Fail("--target: " + error);
   }
   if (!measure.IsValid(&error)) return Fail(error);
+  if (options.maxPixels == 0) return Fail("--max-pixels: a frame has at least 1 pixel");
 
   ReplayOutcome outcome;
-  if (!Replay(options.recording, outcome, &error, measure)) return Fail(error);
+  if (!Replay(options.recording, outcome, &error, measure, options.maxPixels)) return Fail(error);
+  // Warnings go to standard error even with --quiet: the numbers may be wrong.
+  for (const std::string& warning : outcome.swing.warnings) {
+    std::cerr << "clubtrack run: warning: " << OneLine(warning) << "\n";
+  }
 
   const bool jsonToStdout = options.json == "-";
   if (!options.json.empty()) {
@@ -140,6 +146,10 @@ void AddRunCommand(CLI::App& app, int& exitStatus) {
   cmd->add_option("--target", options->target,
                   "the target line's direction, horizontal (default 1,0,0)")
       ->type_name("X,Y,Z");
+  cmd->add_option("--max-pixels", options->maxPixels,
+                  "skip frame files larger than N pixels (width x height), judged from the "
+                  "header before decoding (default 16000000)")
+      ->type_name("N");
   cmd->add_flag("--quiet,-q", options->quiet, "print neither the summary nor the log");
   cmd->callback([options, &exitStatus]() {
     try {

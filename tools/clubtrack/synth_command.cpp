@@ -1,6 +1,8 @@
 // clubtrack synth OUT_DIR [options]: render one synthetic swing and write it
 // in the recording layout the offline replay reads.
 #include <charconv>
+#include <cmath>
+#include <utility>
 #include <cstdint>
 #include <cstdio>
 #include <iostream>
@@ -16,6 +18,7 @@ struct SynthOptions {
   std::string outDir;
   std::string placement = "near";
   synth::SwingScene scene;
+  double directionDeg = 0.0;
   bool png = false;
 };
 
@@ -34,6 +37,12 @@ void PrintTruth(const synth::Recording& rec, const std::string& outDir) {
       static_cast<double>(rec.images[0].empty() ? 0.0f : rec.images[0][0].ballY),
       static_cast<double>(rec.images[1].empty() ? 0.0f : rec.images[1][0].ballX),
       static_cast<double>(rec.images[1].empty() ? 0.0f : rec.images[1][0].ballY));
+  const synth::DeliveryTruth& d = t.delivery;
+  std::printf(
+      "club data: speed %.3f m/s, attack angle %.3f deg, path %.3f deg, swing plane %.3f deg, "
+      "swing direction %.3f deg, low point %.1f mm ahead, %.1f mm height, %.1f mm side\n",
+      d.speedMps, d.attackAngleDeg, d.pathDeg, d.swingPlaneDeg, d.swingDirectionDeg,
+      d.lowPointAheadMm, d.lowPointHeightMm, d.lowPointSideMm);
 }
 
 }  // namespace
@@ -84,14 +93,33 @@ void AddSynthCommand(CLI::App& app, int& exitStatus) {
   cmd->add_flag("--dark-shaft", options->scene.darkShaft,
                 "shaft as dark as what is behind it (only the head shows)");
   cmd->add_flag("--no-club", options->scene.noClub, "the ball alone");
+  cmd->add_option("--direction", options->directionDeg,
+                  "swing direction: the arc's plane turned about the vertical, degrees, + away "
+                  "from the golfer (default: drawn from the seed within 2 degrees)")
+      ->check(CLI::Range(-30.0, 30.0));
+  cmd->add_option("--low-point-ahead", options->scene.lowPointAheadMm,
+                  "the arc's low point this far after the ball, mm (+ descending blow, "
+                  "- ascending)")
+      ->check(CLI::Range(-300.0, 300.0))
+      ->capture_default_str();
   cmd->add_flag("--png", options->png, "frames as PNG instead of BMP");
 
   cmd->callback([options, cmd, &exitStatus]() {
+    if (options->outDir.empty()) {
+      throw CLI::ValidationError("OUT_DIR", "must not be empty (it would write into the current folder)");
+    }
+    // A range check lets NaN through: every comparison with it is false.
+    const std::pair<const char*, double> numbers[] = {{"--speed", options->scene.speedMps},
+                                                      {"--fps", options->scene.fps},
+                                                      {"--noise", options->scene.noiseSigma}};
+    for (const auto& [name, value] : numbers) {
+      if (!std::isfinite(value)) throw CLI::ValidationError(name, "must be a finite number");
+    }
     if (options->scene.impactIndex >= options->scene.frames) {
       throw CLI::ValidationError("--impact-index", "must be smaller than --frames (" +
                                                        std::to_string(options->scene.frames) + ")");
     }
-    (void)cmd;
+    if (cmd->count("--direction") > 0) options->scene.directionDeg = options->directionDeg;
     options->scene.placement =
         options->placement == "far" ? synth::Placement::kFar : synth::Placement::kNear;
     const synth::Recording rec = synth::Render(options->scene);

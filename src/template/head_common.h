@@ -1,0 +1,173 @@
+// Shared pieces of the head tracker's stages: the thresholds that tie them
+// together and small image helpers. Internal to src/template.
+#pragma once
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+#include <opencv2/imgproc.hpp>
+
+#include "template/template_matching.h"
+
+namespace headtrack::detail {
+
+// Grey-level difference above which a pixel counts as changed against the
+// background. The head and shaft stand out from the background by far more;
+// brightness flicker of a few per cent and sensor noise stay below.
+inline constexpr double kDifferenceThreshold = 20.0;
+// Closing of the changed pixels at full and at half resolution: wide enough to
+// close the ring where the head is as bright as the ball behind it.
+inline constexpr int kFullClosing = 7;
+inline constexpr int kHalfClosing = 3;
+// A head is at least this thick (largest inscribed radius, full-resolution
+// pixels).
+inline constexpr double kMinHeadThickness = 6.0;
+// Opening radius relative to the head's thickness: removes the shaft and the
+// hosel, keeps the body of the head.
+inline constexpr double kOpeningFraction = 0.6;
+// Pixels of gradient context kept around a template's silhouette (full
+// resolution), and around a template where its silhouette is measured.
+inline constexpr int kTemplateMargin = 4;
+inline constexpr int kRegionMargin = 6;
+// Extra pixels around every gradient crop, so that the Sobel border rule does
+// not touch the pixels that are matched.
+inline constexpr int kCropBorder = 2;
+// Pixels kept clear around the ball when only part of a template is matched,
+// and the smallest part of a template worth matching.
+inline constexpr double kBallMargin = 4.0;
+inline constexpr double kMinPartFraction = 0.3;
+// The ball counts as visible when more than this fraction of its disc looks
+// as it does at rest (within kBallSameThreshold grey levels). A ball hidden
+// by the head still matches on a tenth to a fifth of its disc, where the
+// head's shading happens to be as bright.
+inline constexpr double kBallVisibleFraction = 0.3;
+inline constexpr double kBallSameThreshold = 12.0;
+
+// Normalised correlation of (half-resolution) gradient templates. Following
+// the head from one frame to the next scores above 0.9; as the head turns and
+// its shading moves, the score falls, and below kUpdateScore the template is
+// renewed from the current frame. A match below kRejectScore is not the head:
+// over 41 synthetic swings a head template scored at most 0.45 anywhere on the
+// static background (the golfer's feet and legs are the closest look-alikes),
+// while the head itself, even partly hidden by the ball, scored 0.6 or more.
+inline constexpr double kUpdateScore = 0.85;
+inline constexpr double kRejectScore = 0.52;
+
+// A silhouette centre is taken instead of the template's when it lies within
+// this fraction of the template's smaller side of it and its area is within
+// kAreaRatio of the head's last silhouette.
+inline constexpr double kMaxRefineShift = 0.25;
+inline constexpr double kAreaRatio = 1.35;
+// An outline is fitted when at least this many of its points are the
+// silhouette's own edge clear of the ball. An ellipse is fitted anew only to
+// a whole outline: with a part missing its length is not pinned down. Then,
+// down to kPartialOutline of it left, the head's expected outline is moved
+// onto the part left instead.
+inline constexpr size_t kMinOutlinePoints = 20;
+inline constexpr double kPartialOutline = 0.25;
+// A start beside the ball, when there is no other, needs this much of its
+// outline clear of the ball.
+inline constexpr double kNearlyWhole = 0.9;
+// Frames (after the cut to the region of interest) smaller than this on a
+// side cannot show a club head.
+inline constexpr int kMinFrameSide = 8;
+
+inline cv::Rect Clip(const cv::Rect& r, const cv::Size& size) {
+  return r & cv::Rect(0, 0, size.width, size.height);
+}
+
+inline cv::Rect Grow(const cv::Rect& r, int by) {
+  return cv::Rect(r.x - by, r.y - by, r.width + 2 * by, r.height + 2 * by);
+}
+
+// Vertex of the parabola through (-1, a), (0, b), (1, c), within half a pixel.
+inline double ParabolaPeak(double a, double b, double c) {
+  const double curvature = a - 2.0 * b + c;
+  if (!(curvature < 0.0)) return 0.0;
+  return std::clamp(0.5 * (a - c) / curvature, -0.5, 0.5);
+}
+
+// Half resolution: each pixel the mean of a 2 x 2 block (an odd last row or
+// column is left out), so that half-resolution pixel i covers pixels 2i and
+// 2i + 1 exactly.
+inline cv::Size HalfSize(const cv::Mat& image) { return cv::Size(image.cols / 2, image.rows / 2); }
+
+inline cv::Mat Half(const cv::Mat& image) {
+  const cv::Size size = HalfSize(image);
+  cv::Mat half;
+  cv::resize(image(cv::Rect(0, 0, 2 * size.width, 2 * size.height)), half, size, 0.0, 0.0,
+             cv::INTER_AREA);
+  return half;
+}
+
+// Full-resolution rectangle covered by a half-resolution one.
+inline cv::Rect Doubled(const cv::Rect& r) {
+  return cv::Rect(2 * r.x, 2 * r.y, 2 * r.width, 2 * r.height);
+}
+
+// Keeps the parts of a mask that a disc of `radius` fits into: an opening by
+// distances (the erosion keeps the pixels deeper than the radius, the
+// dilation grows them back by it), worked out around the deep pixels only.
+inline cv::Mat OpenByDisc(const cv::Mat& mask, const cv::Mat& distance, double radius) {
+  cv::Mat body = cv::Mat::zeros(mask.size(), CV_8U);
+  const cv::Mat core = distance > radius;
+  const cv::Rect deep = cv::boundingRect(core);
+  if (deep.empty()) return body;
+  const cv::Rect around =
+      Clip(Grow(deep, static_cast<int>(std::ceil(radius)) + 1), mask.size());
+  const cv::Mat outsideCore = distance(around) <= radius;
+  cv::Mat toCore;
+  cv::distanceTransform(outsideCore, toCore, cv::DIST_L2, cv::DIST_MASK_PRECISE);
+  body(around) = (toCore <= radius) & mask(around);
+  return body;
+}
+
+// The changed pixels of a frame, gaps closed (by a dilation and erosion of
+// `closing` pixels) and holes filled: where the head passes in front of the
+// ball, it is as bright as the ball along a thin ring.
+inline cv::Mat ChangedMask(const cv::Mat& grey, const cv::Mat& background, int closing) {
+  cv::Mat changed;
+  cv::absdiff(grey, background, changed);
+  cv::threshold(changed, changed, kDifferenceThreshold, 255.0, cv::THRESH_BINARY);
+  const cv::Mat kernel =
+      cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(closing, closing));
+  cv::dilate(changed, changed, kernel);
+  cv::erode(changed, changed, kernel);
+  // Whatever the outside cannot reach belongs to the silhouette.
+  cv::Mat padded;
+  cv::copyMakeBorder(changed, padded, 1, 1, 1, 1, cv::BORDER_CONSTANT, cv::Scalar(0));
+  cv::floodFill(padded, cv::Point(0, 0), cv::Scalar(128));
+  return padded(cv::Rect(1, 1, changed.cols, changed.rows)) != 128;
+}
+
+// Gradient image of a patch of a frame, computed with a little context so that
+// the Sobel border rule does not touch it.
+inline cv::Mat GradientPatch(const cv::Mat& grey, const cv::Rect& patch) {
+  const cv::Rect crop = Clip(Grow(patch, kCropBorder), grey.size());
+  std::vector<cv::Mat> gradients;
+  MakeGradientImages({grey(crop)}, gradients);
+  return gradients.front()(patch - crop.tl()).clone();
+}
+
+// The largest part of a template (rectangle in template coordinates) that
+// stays clear of a disc; the whole template when the disc misses it.
+inline cv::Rect ClearOfDisc(const cv::Size& size, const cv::Point2d& centre, double radius) {
+  const cv::Rect whole(0, 0, size.width, size.height);
+  const int left = static_cast<int>(std::floor(centre.x - radius));
+  const int right = static_cast<int>(std::ceil(centre.x + radius));
+  const int top = static_cast<int>(std::floor(centre.y - radius));
+  const int bottom = static_cast<int>(std::ceil(centre.y + radius));
+  if ((cv::Rect(left, top, right - left, bottom - top) & whole).empty()) return whole;
+  const cv::Rect parts[4] = {cv::Rect(0, 0, left, size.height) & whole,
+                             cv::Rect(right, 0, size.width - right, size.height) & whole,
+                             cv::Rect(0, 0, size.width, top) & whole,
+                             cv::Rect(0, bottom, size.width, size.height - bottom) & whole};
+  cv::Rect best;
+  for (const cv::Rect& part : parts) {
+    if (part.area() > best.area()) best = part;
+  }
+  return best;
+}
+
+}  // namespace headtrack::detail

@@ -1,0 +1,134 @@
+// The C interface: a program compiled as C resolves it with dlsym and measures
+// a synthetic recording, with the numbers of `clubtrack run --json`; the
+// frames-based call gives the same on the same frames; bad calls give a
+// status, its text and a reason.
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "clubtracker/clubtracker_c.h"
+#include "clubtracker/measure.h"
+#include "support/temp_folder.h"
+#include "synth/swing.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// "key value" lines of a command's standard output.
+std::map<std::string, std::string> KeyValues(const std::string& command) {
+  std::map<std::string, std::string> values;
+  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+  char line[1024];
+  while (pipe != nullptr && std::fgets(line, sizeof line, pipe.get()) != nullptr) {
+    std::string text(line);
+    if (!text.empty() && text.back() == '\n') text.pop_back();
+    const size_t space = text.find(' ');
+    values[text.substr(0, space)] = space == std::string::npos ? "" : text.substr(space + 1);
+  }
+  return values;
+}
+
+clubtracker_frame ToFrame(const ClubImage& image) {
+  return {image.width,         image.height,        image.channels,   image.pixels,
+          image.sensorOffsetX, image.sensorOffsetY, image.afterImpact, image.timeStamp,
+          image.ballX,         image.ballY,         image.ballRadius};
+}
+
+}  // namespace
+
+TEST(CApi, FromCAsTheToolMeasuresAndFromFramesAsFromTheRecording) {
+  TempFolder temp("clubtracker-capi");
+  synth::SwingScene scene;
+  scene.frames = 16;
+  scene.impactIndex = 10;
+  const fs::path swing = temp.path / "swing";
+  synth::WriteRecording(synth::Render(scene), swing);
+
+  const fs::path jsonFile = temp.path / "run.json";
+  ASSERT_EQ(std::system((std::string(CLUBTRACK_TOOL_PATH) + " run '" + swing.string() +
+                         "' --quiet --json '" + jsonFile.string() + "'")
+                            .c_str()),
+            0);
+  const nlohmann::json tool = nlohmann::json::parse(std::ifstream(jsonFile));
+  std::map<std::string, std::string> c = KeyValues(std::string(C_API_HOST_PATH) + " " +
+                                                   CLUBTRACKER_LIBRARY_PATH + " '" +
+                                                   swing.string() + "'");
+  ASSERT_EQ(c["status"], "0") << c["message"];
+  EXPECT_EQ(c["status_text"], "ok");
+  EXPECT_EQ(c["version"], clubtracker_version());
+  const auto number = [&](const std::string& key) { return std::stod(c[key]); };
+  EXPECT_GT(number("club_head_speed_mps"), 0.0);
+  EXPECT_DOUBLE_EQ(number("club_head_speed_mps"), tool["clubHeadSpeedMps"].get<double>());
+  EXPECT_DOUBLE_EQ(number("head_tracking_speed_mps"), tool["headTrackingSpeedMps"].get<double>());
+  const char* counts[][2] = {
+      {"paired_frames", "pairedFrames"}, {"cam1_frames", "cam1Frames"}, {"cam2_frames", "cam2Frames"}};
+  for (const auto& [name, key] : counts) EXPECT_EQ(number(name), tool[key].get<int>()) << key;
+  EXPECT_GT(number("processing_time_ms"), 0.0);
+  EXPECT_EQ(number("warning_count"), tool["warnings"].size());
+  const nlohmann::json& data = tool["clubData"];
+  const char* delivery[][3] = {{"has_club_speed", "club_speed_mps", "speedMps"},
+                               {"has_attack_angle", "attack_angle_deg", "attackAngleDeg"},
+                               {"has_path", "path_deg", "pathDeg"},
+                               {"has_swing_plane", "swing_plane_deg", "swingPlaneDeg"},
+                               {"has_swing_direction", "swing_direction_deg", "swingDirectionDeg"},
+                               {"has_low_point_ahead", "low_point_ahead_mm", "lowPointAheadMm"},
+                               {"has_low_point_height", "low_point_height_mm", "lowPointHeightMm"},
+                               {"has_low_point_side", "low_point_side_mm", "lowPointSideMm"}};
+  for (const auto& [flag, value, key] : delivery) {
+    const bool present = data.contains(key);
+    EXPECT_EQ(c[flag], present ? "1" : "0") << key;
+    if (!present) continue;
+    EXPECT_DOUBLE_EQ(number(value), data[key].get<double>()) << key;
+    EXPECT_DOUBLE_EQ(number(std::string(value) + "_std_err"), data["stdErr"][key].get<double>());
+  }
+
+  // Bad calls: status, its text, a reason.
+  EXPECT_EQ(c["bad_options"], "2 bad options: invalid options: up has length 2, not 1");
+  EXPECT_EQ(c["bad_recording"].rfind("3 bad recording: ", 0), 0u) << c["bad_recording"];
+  EXPECT_GT(c["bad_recording"].size(), std::string("3 bad recording: ").size());
+  EXPECT_EQ(c["bad_argument"], "1 bad argument: camera 1 has no frames");
+  EXPECT_EQ(c["null_report"], "1");
+  EXPECT_EQ(c["unknown_status"], "unknown status");
+
+  // The frames-based call on the recording's frames and calibration.
+  clubtracker::Recording loaded;
+  std::string why;
+  ASSERT_TRUE(clubtracker::LoadRecording(swing, loaded, &why)) << why;
+  std::vector<clubtracker_frame> cam1, cam2;
+  for (const ClubImage& image : loaded.cam1) cam1.push_back(ToFrame(image));
+  for (const ClubImage& image : loaded.cam2) cam2.push_back(ToFrame(image));
+  const ClubTrackerSetting& s = loaded.setting;
+  std::vector<double> calibration(s.cam1Intrinsic, s.cam1Intrinsic + 9);
+  calibration.insert(calibration.end(), s.cam1Extrinsic, s.cam1Extrinsic + 12);
+  calibration.insert(calibration.end(), s.cam2Intrinsic, s.cam2Intrinsic + 9);
+  calibration.insert(calibration.end(), s.cam2Extrinsic, s.cam2Extrinsic + 12);
+  ASSERT_EQ(calibration.size(), static_cast<size_t>(CLUBTRACKER_CALIBRATION_VALUES));
+  clubtracker_options options;
+  clubtracker_default_options(&options);
+  options.roi_x = s.roiX;
+  options.roi_y = s.roiY;
+  options.roi_width = s.roiWidth;
+  options.roi_height = s.roiHeight;
+  options.interval_before_impact = s.timeStampIntervalBeforeImpact;
+  options.interval_after_impact = s.timeStampIntervalAfterImpact;
+  options.axis_index = s.axisIndex;
+  options.axis_norm_index = s.axisNormIndex;
+  clubtracker_report report;
+  ASSERT_EQ(clubtracker_measure_frames(cam1.data(), cam1.size(), cam2.data(), cam2.size(),
+                                       calibration.data(), &options, &report),
+            CLUBTRACKER_OK)
+      << report.message;
+  EXPECT_DOUBLE_EQ(report.club_head_speed_mps, number("club_head_speed_mps"));
+  EXPECT_DOUBLE_EQ(report.head_tracking_speed_mps, number("head_tracking_speed_mps"));
+  EXPECT_DOUBLE_EQ(report.club_speed_mps, number("club_speed_mps"));
+  EXPECT_EQ(report.paired_frames, number("paired_frames"));
+}
