@@ -2,7 +2,7 @@
 // configure a tracker through the exported factory.
 #include <dlfcn.h>
 
-#include <cstdio>
+#include <sstream>
 #include <cstring>
 #include <memory>
 #include <set>
@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "clubtracker/ClubTracker.h"
+#include "support/run_command.h"
 
 namespace {
 
@@ -39,10 +40,16 @@ class HostLoading : public ::testing::Test {
   ClubTracker* (*allocate_)() = nullptr;
 };
 
-bool AllZero(const double* values, int count) {
-  for (int i = 0; i < count; ++i)
-    if (values[i] != 0.0) return false;
-  return true;
+// The defaults: ROI 0, both intervals 2000, axis indices 1 and 2, calibration
+// zero, no log callback.
+void ExpectDefaults(const ClubTrackerSetting& s) {
+  EXPECT_EQ((std::vector<int32_t>{s.roiX, s.roiY, s.roiWidth, s.roiHeight,
+                                  s.timeStampIntervalBeforeImpact, s.timeStampIntervalAfterImpact,
+                                  s.axisIndex, s.axisNormIndex}),
+            (std::vector<int32_t>{0, 0, 0, 0, 2000, 2000, 1, 2}));
+  const char* calibration = reinterpret_cast<const char*>(&s.cam1Intrinsic);  // 42 doubles
+  EXPECT_EQ(std::string(calibration, 42 * sizeof(double)), std::string(42 * sizeof(double), '\0'));
+  EXPECT_EQ(s.logCallback, nullptr);
 }
 
 ClubTrackerSetting Patterned() {
@@ -68,23 +75,9 @@ ClubTrackerSetting Patterned() {
 TEST_F(HostLoading, FactoryGivesDefaultConfiguredTracker) {
   ClubTracker* tracker = allocate_();
   ASSERT_NE(tracker, nullptr);
-  const ClubTrackerSetting& s = tracker->setting;
-  EXPECT_EQ(s.roiX, 0);
-  EXPECT_EQ(s.roiY, 0);
-  EXPECT_EQ(s.roiWidth, 0);
-  EXPECT_EQ(s.roiHeight, 0);
-  EXPECT_EQ(s.timeStampIntervalBeforeImpact, 2000);
-  EXPECT_EQ(s.timeStampIntervalAfterImpact, 2000);
-  EXPECT_EQ(s.axisIndex, 1);
-  EXPECT_EQ(s.axisNormIndex, 2);
-  EXPECT_TRUE(AllZero(s.cam1Intrinsic, 9));
-  EXPECT_TRUE(AllZero(s.cam1Extrinsic, 12));
-  EXPECT_TRUE(AllZero(s.cam2Intrinsic, 9));
-  EXPECT_TRUE(AllZero(s.cam2Extrinsic, 12));
-  EXPECT_EQ(s.logCallback, nullptr);
-  EXPECT_EQ(tracker->referencePoint[0], 0.0);
-  EXPECT_EQ(tracker->referencePoint[1], 0.0);
-  EXPECT_EQ(tracker->referencePoint[2], 0.0);
+  ExpectDefaults(tracker->setting);
+  EXPECT_EQ(std::vector<double>(tracker->referencePoint, tracker->referencePoint + 3),
+            std::vector<double>(3, 0.0));
   delete tracker;  // through the virtual destructor
 }
 
@@ -130,10 +123,7 @@ TEST(TrackerSetting, ConstructorTakesEverythingInitialiserLeavesContext) {
   fresh.logContext = &context;
   InitClubTrackerSetting(fresh);
   EXPECT_EQ(fresh.logContext, &context) << "the initialiser leaves logContext alone";
-  EXPECT_EQ(fresh.logCallback, nullptr);
-  EXPECT_EQ(fresh.roiY, 0);
-  EXPECT_EQ(fresh.axisIndex, 1);
-  EXPECT_TRUE(AllZero(fresh.cam2Intrinsic, 9));
+  ExpectDefaults(fresh);
 }
 
 TEST(TrackerLayout, RecordsKeepTheirBinaryLayout) {
@@ -151,13 +141,10 @@ TEST(TrackerLayout, RecordsKeepTheirBinaryLayout) {
 // plug-in hosts), the C interface and measure.h, nothing of its insides.
 TEST(LibraryExports, ExactlyTheHostInterface) {
   const std::string command = std::string("nm -D --defined-only ") + CLUBTRACKER_LIBRARY_PATH;
-  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-  ASSERT_NE(pipe, nullptr);
+  std::istringstream symbols(RunCommand(command).out);
   std::set<std::string> functions;
-  char address[64], type[8], name[4096];
-  while (std::fscanf(pipe.get(), "%63s %7s %4095s", address, type, name) == 3) {
-    if (std::string(type) == "T") functions.insert(name);
-  }
+  for (std::string address, type, name; symbols >> address >> type >> name;)
+    if (type == "T") functions.insert(name);
   const std::set<std::string> expected = {
       "AllocateFunc", "QTIFactoryFunc", "_Z22InitClubTrackerSettingR18ClubTrackerSetting",
       "_Z8DebugLogNSt7__cxx1112basic_stringIwSt11char_traitsIwESaIwEEEPv",

@@ -1,32 +1,20 @@
 // The testing object end to end through the shared library's QTIFactoryFunc.
-#include <dlfcn.h>
-
 #include <cmath>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
-#include "clubtracker/QuarvelTestingInterface.h"
 #include "harness/offline.h"
 #include "synth/swing.h"
+#include "support/loaded_tester.h"
 #include "support/temp_folder.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-// The tester from the shared library's QTIFactoryFunc, as a host resolves it (the library stays loaded).
-std::unique_ptr<QuarvelTestingInterface> MakeTester() {
-  static void* handle = dlopen(CLUBTRACKER_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
-  if (handle == nullptr) return nullptr;
-  auto factory = reinterpret_cast<QuarvelTestingInterface* (*)()>(dlsym(handle, "QTIFactoryFunc"));
-  return std::unique_ptr<QuarvelTestingInterface>(factory != nullptr ? factory() : nullptr);
-}
 
 void CollectLine(std::wstring line, void* context) {
   std::string narrow(line.begin(), line.end());
@@ -47,7 +35,7 @@ struct DefaultSwingReplay {
 
   DefaultSwingReplay() : recording(synth::Render(synth::SwingScene{})) {
     synth::WriteRecording(recording, folder.path);
-    std::unique_ptr<QuarvelTestingInterface> tester = MakeTester();
+    std::unique_ptr<QuarvelTestingInterface> tester = LoadedTester();
     if (tester == nullptr) return;
     images.push_back(std::make_unique<OfflineResultImage>());  // a record of the host's own
     images.back()->frameNumber = -7;
@@ -123,7 +111,7 @@ TEST(OfflineRun, SameMeasurementAsTheSwingInMemory) {
 TEST(OfflineRun, EmptyFolderPathStillCallsFind) {
   TempFolder temp;
   std::ofstream(temp.path / "run.ini") << "[ROI]\nX=0\n[Info]\nFolderPath=\nImpactIndex=3\n";
-  std::unique_ptr<QuarvelTestingInterface> tester = MakeTester();
+  std::unique_ptr<QuarvelTestingInterface> tester = LoadedTester();
   ASSERT_NE(tester, nullptr);
 
   std::vector<std::unique_ptr<OfflineResultImage>> images;
@@ -143,55 +131,3 @@ TEST(OfflineRun, EmptyFolderPathStillCallsFind) {
     EXPECT_TRUE(images.empty());
   }
 }
-
-class GoldenReplay : public ::testing::TestWithParam<const char*> {};
-
-TEST_P(GoldenReplay, SameLogAndResultAsTheReference) {
-  const fs::path folder = fs::path(CLUBTRACKER_GOLDEN_DIR) / GetParam();
-  ASSERT_TRUE(fs::exists(folder / "expected.json")) << "missing golden recording " << folder;
-  nlohmann::json expected;
-  std::ifstream(folder / "expected.json") >> expected;
-
-  std::unique_ptr<QuarvelTestingInterface> tester = MakeTester();
-  ASSERT_NE(tester, nullptr);
-  std::vector<std::unique_ptr<OfflineResultImage>> images;
-  OfflineRunReport report;
-  ASSERT_EQ(tester->RunOfflineTest(folder / "run.ini", images, &report), 1);
-
-  const auto& log = expected["log"];
-  ASSERT_EQ(report.log.size(), log.size());
-  for (size_t i = 0; i + 1 < log.size(); ++i) EXPECT_EQ(report.log[i], log[i].get<std::string>());
-  EXPECT_EQ(report.log.back().rfind(kEndLinePrefix, 0), 0u);
-
-  const auto near = [](double actual, double wanted, double absolute = 0.0) {
-    return std::fabs(actual - wanted) <= std::max(absolute, 1e-6 * std::fabs(wanted));
-  };
-  EXPECT_TRUE(near(report.clubHeadSpeed, expected["clubHeadSpeed"]));
-  EXPECT_TRUE(near(report.angularVelocity, expected["angularVelocity"]));
-  EXPECT_TRUE(near(report.headRadius, expected["headRadius"]));
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_TRUE(near(report.axisDirection[i], expected["axisDirection"][i]));
-    EXPECT_TRUE(near(report.axisPosition[i], expected["axisPosition"][i]));
-  }
-  EXPECT_EQ(report.speedFrameFrom, expected["speedFrameFrom"].get<int>());
-  EXPECT_EQ(report.speedFrameTo, expected["speedFrameTo"].get<int>());
-  EXPECT_EQ(report.frameCount, expected["frameCount"].get<int>());
-  EXPECT_EQ(report.pairedFrames, expected["pairedFrames"].get<int>());
-
-  const auto& frames = expected["frames"];
-  ASSERT_EQ(images.size(), frames.size());
-  for (size_t e = 0; e < images.size(); ++e) {
-    SCOPED_TRACE("entry " + std::to_string(e));
-    EXPECT_EQ(images[e]->camera, frames[e]["camera"].get<int>());
-    EXPECT_EQ(images[e]->frameNumber, frames[e]["frameNumber"].get<int>());
-    EXPECT_EQ(images[e]->hasShaft, frames[e]["hasShaft"].get<int>());
-    EXPECT_EQ(images[e]->width, frames[e]["width"].get<uint32_t>());
-    EXPECT_EQ(images[e]->height, frames[e]["height"].get<uint32_t>());
-    for (int i = 0; i < 3; ++i)
-      EXPECT_TRUE(near(images[e]->head[i], frames[e]["head"][i], 1e-3))
-          << images[e]->head[i] << " vs " << frames[e]["head"][i];
-    EXPECT_EQ(images[e]->rawPixels.size(), size_t{images[e]->width} * images[e]->height);
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(Recordings, GoldenReplay, ::testing::Values("g01", "g02"));
