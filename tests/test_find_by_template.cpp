@@ -2,7 +2,6 @@
 // and Find's fall-back on synthetic swings against their ground truth.
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -15,8 +14,6 @@
 #include "template/head_tracker.h"
 
 namespace {
-
-bool Sanitized() { return std::getenv("CLUBTRACKER_SANITIZED") != nullptr; }
 
 void CaptureLog(std::wstring line, void* context) {
   static_cast<std::vector<std::string>*>(context)->emplace_back(line.begin(), line.end());
@@ -53,23 +50,6 @@ TemplateRun RunTemplate(const synth::Recording& recording) {
 
 double ErrorPercent(double speed, const synth::SwingTruth& truth) {
   return 100.0 * (speed - truth.clubHeadSpeed) / truth.clubHeadSpeed;
-}
-
-// Before-impact frames in which both cameras see the head's centre.
-int FramesWithHeadInView(const synth::SwingTruth& truth) {
-  int count = 0;
-  for (int k = 0; k < truth.impactIndex; ++k) {
-    bool seen = true;
-    for (int c = 0; c < 2 && seen; ++c) {
-      const auto& stamps = truth.timeStamps[c];
-      if (k >= static_cast<int>(stamps.size())) return count;
-      const synth::CameraModel& camera = truth.cameras[c];
-      const cv::Vec2d p = camera.ProjectToWindow(truth.HeadCentre(truth.FrameTime(c, k)));
-      seen = p[0] >= 0.0 && p[1] >= 0.0 && p[0] < camera.width && p[1] < camera.height;
-    }
-    count += seen ? 1 : 0;
-  }
-  return count;
 }
 
 // ------------------------------------------------------------------ fits
@@ -115,23 +95,6 @@ TEST(FindbyTemplate, DefaultSwingWithinOnePercent) {
   EXPECT_LT(std::abs(error), 1.0);
   ASSERT_EQ(run.log.size(), 1u);
   EXPECT_NE(run.log[0].find("ClubHeadSpeed: "), std::string::npos) << run.log[0];
-}
-
-TEST(FindbyTemplate, VariedSwingsWithinTwoPercent) {
-  const int seeds = Sanitized() ? 4 : 20;
-  int measured = 0;
-  for (int seed = 1; seed <= seeds; ++seed) {
-    const synth::SwingScene scene = synth::SwingScene::Varied(static_cast<uint64_t>(seed));
-    const synth::Recording recording = synth::Render(scene);
-    const int inView = FramesWithHeadInView(recording.truth);
-    const TemplateRun run = RunTemplate(recording);
-    const double error = ErrorPercent(run.speed, recording.truth);
-    if (inView < 4) continue;
-    ++measured;
-    EXPECT_EQ(run.returned, 1) << "seed " << seed;
-    EXPECT_LT(std::abs(error), 2.0) << "seed " << seed;
-  }
-  EXPECT_EQ(measured, seeds);
 }
 
 TEST(FindbyTemplate, NoClubGivesZeroAndSaysWhy) {

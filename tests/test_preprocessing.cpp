@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <opencv2/imgproc.hpp>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -56,13 +57,10 @@ TEST(Preprocessing, GreyMedianAndMetadataForEveryChannelCount) {
     EXPECT_EQ(cv::norm(out.image, expected, cv::NORM_INF), 0.0);
     EXPECT_NE(out.image.data, frame.bytes.data()) << "the record owns a copy";
 
-    EXPECT_EQ(out.sensorOffsetX, -17);
-    EXPECT_EQ(out.sensorOffsetY, 333);
-    EXPECT_EQ(out.afterImpact, 1u);
-    EXPECT_EQ(out.timeStamp, 0xFEDCBA9876543210ull);
-    EXPECT_TRUE(SameBits(out.ballX, 12.75f));
-    EXPECT_TRUE(SameBits(out.ballY, -0.0f));
-    EXPECT_TRUE(SameBits(out.ballRadius, 21.35f));
+    EXPECT_EQ(std::make_tuple(out.sensorOffsetX, out.sensorOffsetY, out.afterImpact, out.timeStamp),
+              std::make_tuple(-17, 333, 1u, uint64_t{0xFEDCBA9876543210ull}));
+    EXPECT_TRUE(SameBits(out.ballX, 12.75f) && SameBits(out.ballY, -0.0f) &&
+                SameBits(out.ballRadius, 21.35f));
   }
 }
 

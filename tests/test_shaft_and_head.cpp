@@ -9,6 +9,7 @@
 #include <memory>
 #include <opencv2/imgproc.hpp>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/access.h"
@@ -121,21 +122,17 @@ void ExpectFramesRebuilt(const Swing& swing, const ClubTrackerResult& result, bo
     SCOPED_TRACE(e);
     const ClubFrameResult& entry = result.frames[e];
     const CandidateAreaImage& area = *swing.areas[e / n][e % n];
-    EXPECT_EQ(entry.camera, e / n);
-    EXPECT_EQ(entry.frameNumber, e);
-    EXPECT_EQ(entry.spare, 0);
-    EXPECT_EQ(entry.rawPixels, nullptr);
-    EXPECT_EQ(entry.image.width, static_cast<uint32_t>(area.image.cols));
-    EXPECT_EQ(entry.image.height, static_cast<uint32_t>(area.image.rows));
-    EXPECT_EQ(entry.image.bytesPerChannel, 1u);
-    EXPECT_EQ(entry.image.channels, 3u);
-    EXPECT_EQ(entry.image.sensorOffsetX, area.sensorOffsetX);
-    EXPECT_EQ(entry.image.sensorOffsetY, area.sensorOffsetY);
-    EXPECT_EQ(entry.image.afterImpact, area.afterImpact);
-    EXPECT_EQ(entry.image.timeStamp, area.timeStamp);
-    EXPECT_EQ(std::memcmp(&entry.image.ballX, &area.ballX, sizeof(float)), 0);
-    EXPECT_EQ(std::memcmp(&entry.image.ballY, &area.ballY, sizeof(float)), 0);
-    EXPECT_EQ(std::memcmp(&entry.image.ballRadius, &area.ballRadius, sizeof(float)), 0);
+    const ClubImage& image = entry.image;
+    EXPECT_EQ(std::make_tuple(entry.camera, entry.frameNumber, entry.spare, entry.rawPixels),
+              std::make_tuple(e / n, e, 0, nullptr));
+    EXPECT_EQ(std::make_tuple(image.width, image.height, image.bytesPerChannel, image.channels),
+              std::make_tuple(uint32_t(area.image.cols), uint32_t(area.image.rows), 1u, 3u));
+    EXPECT_EQ(std::make_tuple(image.sensorOffsetX, image.sensorOffsetY, image.afterImpact,
+                              image.timeStamp),
+              std::make_tuple(area.sensorOffsetX, area.sensorOffsetY, area.afterImpact,
+                              area.timeStamp));
+    const float ball[3] = {area.ballX, area.ballY, area.ballRadius};
+    EXPECT_EQ(std::memcmp(&image.ballX, ball, sizeof ball), 0);  // bit for bit
     if (!overlays || entry.hasShaft == 0) {
       cv::Mat bgr;
       cv::cvtColor(area.image, bgr, cv::COLOR_GRAY2BGR);
