@@ -165,41 +165,32 @@ INSTANTIATE_TEST_SUITE_P(
         PairingCase{"SignedDifferenceAcrossWrap", {5}, {kMax}, {{0, 0}}}),
     [](const ::testing::TestParamInfo<PairingCase>& info) { return info.param.name; });
 
-TEST(Find, EmptyCameraListReturnsAtOnceWithOnlyTheStartLine) {
-  Frames frames(Stamps(3));
-  for (const bool emptyFirst : {true, false}) {
-    LogCapture log;
-    TemplateSpy tracker(log);
-    ClubTrackerResult result;
-    result.clubHeadSpeed = 0.0;
-    const std::vector<ClubImage*> empty;
-    EXPECT_EQ(tracker.Find(emptyFirst ? empty : frames.List(),
-                           emptyFirst ? frames.List() : empty, result, 0),
-              0);
-    EXPECT_EQ(log.lines, std::vector<std::string>{"ClubTracker::Find start"});
-    EXPECT_EQ(tracker.calls, 0);
-    EXPECT_EQ(result.frames, nullptr);
-    EXPECT_EQ(result.clubHeadSpeed, 0.0);
-  }
-}
-
-TEST(Find, TemplateRunsOnlyForZeroSpeedAndNaNIsZeroed) {
+// The template path runs only when the lines gave no speed, a NaN speed is
+// zeroed; an empty camera list returns at once with only the start line.
+TEST(Find, TemplateRunsOnlyForZeroSpeedAndNaNIsZeroedEmptyListReturnsAtOnce) {
   const double nan = std::numeric_limits<double>::quiet_NaN();
-  // speed left by an earlier call, template speed, template runs, speed after
-  const struct { double before, reported; int calls; double after; } cases[] = {
-      {0.0, 0.0421, 1, 0.0421}, {0.0, nan, 1, 0.0}, {3.5, 9.0, 0, 3.5}, {nan, 9.0, 0, 0.0}};
+  // speed left by an earlier call, template speed, empty camera (1, 2; 0: none),
+  // template runs, speed after
+  const struct { double before, reported; int empty, calls; double after; } cases[] = {
+      {0.0, 0.0421, 0, 1, 0.0421}, {0.0, nan, 0, 1, 0.0}, {3.5, 9.0, 0, 0, 3.5},
+      {nan, 9.0, 0, 0, 0.0},       {0.0, 9.0, 1, 0, 0.0}, {0.0, 9.0, 2, 0, 0.0}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(::testing::Message() << c.before << " " << c.reported);
-    Frames cam1(Stamps(3)), cam2(Stamps(3));
+    SCOPED_TRACE(::testing::Message() << c.before << " " << c.reported << " " << c.empty);
+    Frames cam1(Stamps(c.empty == 1 ? 0 : 3)), cam2(Stamps(c.empty == 2 ? 0 : 3));
     LogCapture log;
     TemplateSpy spy(log);
     spy.speed = c.reported;
     ClubTracker& tracker = spy;  // the override is reached through the base
     ClubTrackerResult result;
     result.clubHeadSpeed = c.before;
-    tracker.Find(cam1.List(), cam2.List(), result, 0);
+    EXPECT_EQ(tracker.Find(cam1.List(), cam2.List(), result, 0), 0);
     EXPECT_EQ(spy.calls, c.calls);
     EXPECT_EQ(result.clubHeadSpeed, c.after);
+    if (c.empty != 0) {
+      EXPECT_EQ(log.lines, std::vector<std::string>{"ClubTracker::Find start"});
+      EXPECT_EQ(result.frames, nullptr);
+      continue;
+    }
     const bool announced = std::find(log.lines.begin(), log.lines.end(),
                                      "Calculate clubspeed again.") != log.lines.end();
     EXPECT_EQ(announced, c.calls == 1);

@@ -40,17 +40,6 @@ cv::Matx33d Rotation(const cv::Vec3d& v) {
   return R;
 }
 
-TEST(CameraMatrices, IdentityAndTranslation) {
-  const Calibration c = MakeCalibration(kK, cv::Matx33d::eye(), {0.0, 0.0, 0.0});
-  const CameraGeometry camera = MakeCameraGeometry(c.intrinsic, c.extrinsic);
-  EXPECT_EQ(cv::norm(camera.center, cv::NORM_INF), 0.0);
-  EXPECT_TRUE(SameBits(camera.rayMatrix, cv::Mat(kK).inv()));
-  EXPECT_TRUE(SameBits(camera.intrinsic, cv::Mat(kK)));
-  const Calibration t = MakeCalibration(kK, cv::Matx33d::eye(), {1.0, 2.0, 3.0});
-  const CameraGeometry moved = MakeCameraGeometry(t.intrinsic, t.extrinsic);
-  EXPECT_TRUE(SameBits(moved.center, (cv::Mat_<double>(3, 1) << -1.0, -2.0, -3.0)));
-}
-
 CandidateAreaImage Area(int top, int rows) {
   CandidateAreaImage area;
   area.image = cv::Mat::zeros(rows, 640, CV_8UC1);
