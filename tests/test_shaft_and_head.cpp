@@ -105,11 +105,9 @@ void Preset(ClubTrackerResult& r) {
 }
 
 void ExpectSpeedUntouched(const ClubTrackerResult& r) {
-  EXPECT_EQ(r.headRadius, -1.0f);
-  EXPECT_EQ(r.angularVelocity, -2.0f);
-  EXPECT_EQ(r.speedFrameFrom, -3);
-  EXPECT_EQ(r.speedFrameTo, -4);
-  EXPECT_EQ(r.clubHeadSpeed, -5.0);
+  EXPECT_EQ(std::make_tuple(r.headRadius, r.angularVelocity, r.speedFrameFrom, r.speedFrameTo,
+                            r.clubHeadSpeed),
+            std::make_tuple(-1.0f, -2.0f, -3, -4, -5.0));
 }
 
 // Every entry holds the BGR copy of its area, the area's metadata and its

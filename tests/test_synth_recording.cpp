@@ -2,6 +2,7 @@
 // subcommand's refusals are rows of the tool's bad-recording table).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -15,14 +16,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-
-size_t CountFrames(const fs::path& folder, const std::string& extension) {
-  size_t count = 0;
-  for (const auto& entry : fs::directory_iterator(folder)) {
-    if (entry.path().extension() == extension) ++count;
-  }
-  return count;
-}
 
 // The replay reads back bit for bit what was rendered, in both image formats.
 TEST(SynthRecording, ReplayReadsWhatWasRendered) {
@@ -45,17 +38,18 @@ TEST(SynthRecording, ReplayReadsWhatWasRendered) {
     ASSERT_FALSE(options.folder.empty());
     EXPECT_TRUE(fs::equivalent(options.folder, dir.path));
 
-    double calibration[2][21];
+    double calibration[2][21];  // each camera's 9 intrinsic and 12 extrinsic values
     ReadCalibrationFile(CameraOptionFile(options.folder, 0), calibration[0]);
     ReadCalibrationFile(CameraOptionFile(options.folder, 1), calibration[1]);
-    EXPECT_EQ(std::memcmp(calibration[0], rec.setting.cam1Intrinsic, 9 * sizeof(double)), 0);
-    EXPECT_EQ(std::memcmp(calibration[0] + 9, rec.setting.cam1Extrinsic, 12 * sizeof(double)), 0);
-    EXPECT_EQ(std::memcmp(calibration[1], rec.setting.cam2Intrinsic, 9 * sizeof(double)), 0);
-    EXPECT_EQ(std::memcmp(calibration[1] + 9, rec.setting.cam2Extrinsic, 12 * sizeof(double)), 0);
+    EXPECT_EQ(std::memcmp(calibration, rec.setting.cam1Intrinsic, sizeof calibration), 0);
 
     for (int c = 0; c < 2; ++c) {
       const fs::path folder = CameraFolder(options.folder, c);
-      EXPECT_EQ(CountFrames(folder, png ? ".png" : ".bmp"), rec.images[c].size());
+      const auto isFrame = [&](const fs::directory_entry& f) {
+        return f.path().extension() == (png ? ".png" : ".bmp");
+      };
+      EXPECT_EQ(std::count_if(fs::directory_iterator(folder), {}, isFrame),
+                static_cast<long>(rec.images[c].size()));
       std::vector<ClubImage*> frames = LoadCameraFrames(folder, options.impactIndex);
       ASSERT_EQ(frames.size(), rec.images[c].size());
       for (size_t k = 0; k < frames.size(); ++k) {
