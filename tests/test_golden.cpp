@@ -1,12 +1,14 @@
 // Find on the golden recordings, in memory and through the shared library's
 // replay: every log line, every result field and entry, and the tracker's ball
-// position as the recordings' expected outputs give them.
+// position as the recordings' expected outputs give them; the replay's
+// template-path speed is FindbyTemplate's on the same frames.
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -98,11 +100,12 @@ TEST_P(Golden, InMemoryAndThroughTheReplay) {
   json expected;
   std::ifstream(dir / "expected.json") >> expected;
 
+  LoadedRecording recording;
+  std::string error;
+  ASSERT_TRUE(LoadRecording(dir, recording, &error)) << error;
+  double headSpeed = -1.0;  // the template path's on the same frames (all pair here)
   {
     SCOPED_TRACE("in memory");
-    LoadedRecording recording;
-    std::string error;
-    ASSERT_TRUE(LoadRecording(dir, recording, &error)) << error;
     std::vector<std::string> log;
     ClubTrackerSetting setting = recording.setting;
     setting.logCallback = CaptureLog;
@@ -126,14 +129,27 @@ TEST_P(Golden, InMemoryAndThroughTheReplay) {
                 0) << e;
     }
     ExpectGolden(got, expected);
+    tracker.FindbyTemplate(recording.cam1, recording.cam2, headSpeed);
   }
   {
     SCOPED_TRACE("replay");
     std::unique_ptr<QuarvelTestingInterface> tester = LoadedTester();
     ASSERT_NE(tester, nullptr);
     std::vector<std::unique_ptr<OfflineResultImage>> images;
+    images.push_back(std::make_unique<OfflineResultImage>());  // a record of the host's own
+    images.back()->frameNumber = -7;
     OfflineRunReport report;
-    ASSERT_EQ(tester->RunOfflineTest(dir / "run.ini", images, &report), 1);
+    report.headTracking = true;
+    testing::internal::CaptureStderr();
+    const int returned = tester->RunOfflineTest(dir / "run.ini", images, &report);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << "with a report the log is collected";
+    ASSERT_EQ(returned, 1);
+    EXPECT_EQ(images[0]->frameNumber, -7) << "records are appended to the host's list";
+    images.erase(images.begin());
+    EXPECT_EQ(std::make_pair(report.cam1FrameCount, report.cam2FrameCount),
+              std::make_pair(int(recording.cam1.size()), int(recording.cam2.size())));
+    EXPECT_GT(report.processingTimeMs, 0.0);
+    EXPECT_EQ(report.headTrackingSpeed, std::isnan(headSpeed) ? 0.0 : headSpeed);
     json got = Outputs(report, report.log);
     got["pairedFrames"] = report.pairedFrames;
     for (const auto& image : images) {
