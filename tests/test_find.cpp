@@ -255,26 +255,6 @@ TEST(Find, CopiesRawPixelsOnlyIntoEntriesOfMatchingSize) {
   }
 }
 
-TEST(Find, OpenCvErrorIsLoggedAsOneLineAndNothingEscapes) {
-  Frames cam1(Stamps(3)), cam2(Stamps(3));
-  LogCapture log;
-  TemplateSpy tracker(log);
-  tracker.setting.roiX = 10;
-  tracker.setting.roiY = 0;
-  tracker.setting.roiWidth = 100;  // leaves the 64-column frame
-  tracker.setting.roiHeight = 20;
-  ClubTrackerResult result;
-  EXPECT_EQ(tracker.Find(cam1.List(), cam2.List(), result, 0), 0);
-  ASSERT_EQ(log.lines.size(), 3u);
-  EXPECT_EQ(log.lines[1], "ClubTracker::Find: the region of interest (x 10, y 0, width 100, "
-                          "height 20) leaves both cameras' 64 x 48 frames");
-  EXPECT_EQ(log.lines[2].rfind("ClubTracker::Find failed: OpenCV error: ", 0), 0u) << log.lines[2];
-  EXPECT_NE(log.lines[2].find("leaves the 64 x 48 frame"), std::string::npos) << log.lines[2];
-  EXPECT_EQ(log.lines[2].find('\n'), std::string::npos);
-  EXPECT_EQ(tracker.calls, 0);
-  EXPECT_EQ(result.frames, nullptr);
-}
-
 TEST(Find, FailuresAreCaughtAtTheBoundaryAndLogged) {
   const std::pair<std::function<void()>, std::string> cases[] = {
       {[] { throw std::runtime_error("template lost the head"); },

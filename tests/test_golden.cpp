@@ -1,7 +1,8 @@
 // Find on the golden recordings, in memory and through the shared library's
 // replay: every log line, every result field and entry, and the tracker's ball
 // position as the recordings' expected outputs give them; the replay's
-// template-path speed is FindbyTemplate's on the same frames.
+// template-path speed is FindbyTemplate's on the same frames. And the replay
+// of a run file without a recording.
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +18,7 @@
 #include "harness/offline.h"
 #include "support/access.h"
 #include "support/loaded_tester.h"
+#include "support/temp_folder.h"
 
 namespace {
 
@@ -162,5 +164,30 @@ TEST_P(Golden, InMemoryAndThroughTheReplay) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Find, Golden, ::testing::Values("g01", "g02"));
+
+// A run file without a recording still calls Find.
+TEST(OfflineRun, EmptyFolderPathStillCallsFind) {
+  TempFolder temp;
+  std::ofstream(temp.path / "run.ini") << "[ROI]\nX=0\n[Info]\nFolderPath=\nImpactIndex=3\n";
+  std::unique_ptr<QuarvelTestingInterface> tester = LoadedTester();
+  ASSERT_NE(tester, nullptr);
+
+  std::vector<std::unique_ptr<OfflineResultImage>> images;
+  OfflineRunReport report;
+  EXPECT_EQ(tester->RunOfflineTest(temp.path / "run.ini", images, &report), 1);
+  EXPECT_EQ(report.log, std::vector<std::string>{"ClubTracker::Find start"});
+  EXPECT_TRUE(images.empty());
+  EXPECT_EQ(report.cam1FrameCount, 0);
+  EXPECT_EQ(report.frameCount, 0);
+
+  // Without a report the log goes to standard error; a missing run file has an empty FolderPath.
+  for (const fs::path& runFile : {temp.path / "run.ini", temp.path / "absent.ini"}) {
+    testing::internal::CaptureStderr();
+    const int returned = tester->RunOfflineTest(runFile, images);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "ClubTracker::Find start\n");
+    EXPECT_EQ(returned, 1);
+    EXPECT_TRUE(images.empty());
+  }
+}
 
 }  // namespace
