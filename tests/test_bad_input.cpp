@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "clubtracker/measure.h"
 #include "clubtracker/validation.h"
 #include "synth/swing.h"
 
@@ -115,6 +116,17 @@ TEST(BadInput, FindNamesEveryProblemAndKeepsItsOutcome) {
       EXPECT_TRUE(HasLineStarting(problems, row.line)) << ::testing::PrintToString(problems);
       EXPECT_TRUE(HasLineStarting(log, std::string("ClubTracker::Find: ") + row.line))
           << ::testing::PrintToString(log);
+    }
+    // The modern API warns of the same problem; the head tracking, which
+    // cannot use such frames, names it instead of a generic reason.
+    const clubtracker::SwingReport report =
+        clubtracker::Measure(swing.frames[0], swing.frames[1], swing.setting, {});
+    EXPECT_EQ(HasLineStarting(report.warnings, std::string("input: ") + (row.line ? row.line : "")),
+              row.line != nullptr)
+        << ::testing::PrintToString(report.warnings);
+    if (row.outcome == Outcome::kUntouched) {
+      EXPECT_TRUE(HasLineStarting(report.headTrackingLog, std::string("FindbyTemplate: ") + row.line))
+          << ::testing::PrintToString(report.headTrackingLog);
     }
     switch (row.outcome) {
       case Outcome::kSpeed:

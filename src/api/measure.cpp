@@ -1,6 +1,7 @@
 // Measure: one swing through the line-based measurement, the head tracking and
 // the club delivery, as one value.
 #include "clubtracker/measure.h"
+#include "clubtracker/validation.h"
 
 #include <chrono>
 #include <cmath>
@@ -56,6 +57,13 @@ void Run(const std::vector<ClubImage>& cam1, const std::vector<ClubImage>& cam2,
   own.logCallback = &CollectLogLine;
   own.logContext = &report.log;
   ClubTracker tracker(own);
+
+  // What is wrong with the input, one warning each (the measurement goes on
+  // and says itself what it could not measure).
+  std::vector<std::string> problems;
+  ValidateFrames(list1, list2, problems);
+  ValidateSetting(setting, list1, list2, problems);
+  for (const std::string& problem : problems) report.warnings.push_back("input: " + problem);
 
   if (options.lineBased) {
     auto result = std::make_shared<ClubTrackerResult>();

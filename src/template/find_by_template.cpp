@@ -5,6 +5,7 @@
 #include <exception>
 #include <string>
 
+#include "clubtracker/validation.h"
 #include "template/head_tracker.h"
 #include "tracker/records.h"
 
@@ -56,7 +57,14 @@ int ClubTracker::FindbyTemplate(std::vector<ClubImage*> cam1Images,
           clubHeadSpeed * kLoggedSpeedFactor);
       return 1;
     }
-    Log("FindbyTemplate: %s; no club speed.", Reason(m).c_str());
+    // Input that cannot be measured is named rather than what the tracking
+    // made of it.
+    std::vector<std::string> problems;
+    clubtracker::ValidateFrames(cam1Images, cam2Images, problems);
+    clubtracker::ValidateSetting(setting, cam1Images, cam2Images, problems);
+    std::string reason = problems.empty() ? Reason(m) : problems.front();
+    for (size_t i = 1; i < problems.size(); ++i) reason += "; " + problems[i];
+    Log("FindbyTemplate: %s; no club speed.", reason.c_str());
   } catch (const std::exception&) {
     clubHeadSpeed = 0.0;
   }
