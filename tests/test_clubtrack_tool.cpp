@@ -53,16 +53,11 @@ TEST(ClubtrackRun, JsonOnStandardOutputWithTheStableKeys) {
   ASSERT_NO_THROW(json = nlohmann::json::parse(run.out)) << run.out;
   for (const char* key : {"clubHeadSpeed", "clubHeadSpeedMps", "angularVelocity", "headRadius",
                           "speedFrameFrom", "speedFrameTo", "frameCount", "pairedFrames",
-                          "processingTimeMs", "headTrackingSpeed", "headTrackingSpeedMps"}) {
-    ASSERT_TRUE(json.contains(key)) << key;
-    EXPECT_TRUE(json[key].is_number()) << key;
-  }
-  for (const char* key : {"axisDirection", "axisPosition"}) {
-    ASSERT_TRUE(json[key].is_array()) << key;
-    EXPECT_EQ(json[key].size(), 3u) << key;
-  }
-  ASSERT_TRUE(json["log"].is_array());
-  ASSERT_FALSE(json["log"].empty());
+                          "processingTimeMs", "headTrackingSpeed", "headTrackingSpeedMps"})
+    EXPECT_TRUE(json.contains(key) && json[key].is_number()) << key;
+  for (const char* key : {"axisDirection", "axisPosition"})
+    EXPECT_TRUE(json[key].is_array() && json[key].size() == 3) << key;
+  ASSERT_TRUE(json["log"].is_array() && !json["log"].empty());
   EXPECT_EQ(json["log"][0], "ClubTracker::Find start");
   for (const auto& line : json["log"]) EXPECT_EQ(line.get<std::string>().find('\n'), std::string::npos) << line;
   EXPECT_EQ(json["frameCount"], 48);
@@ -103,8 +98,7 @@ TEST(ClubtrackRun, QuietRunWritesJsonFileAnnotatedFramesAndSheet) {
     candidates += name.find("_candidates.png") != std::string::npos ? 1 : 0;
     raws += name.find("_raw.png") != std::string::npos ? 1 : 0;
   }
-  EXPECT_EQ(candidates, 48);
-  EXPECT_EQ(raws, 48);
+  EXPECT_EQ(std::make_pair(candidates, raws), std::make_pair(48, 48));
   const cv::Mat raw = cv::imread((out.path / "frames" / "cam2_frame07_raw.png").string());
   ASSERT_FALSE(raw.empty());
   EXPECT_EQ(raw.cols, 640);
