@@ -38,31 +38,26 @@ void CaptureLog(std::wstring line, void* context) {
 // the frame's index, which the filters remove, so the raw-pixel copy is visible.
 class Frames {
  public:
-  Frames(const std::vector<uint64_t>& timeStamps, int width = 64, int height = 48)
-      : pixels_(timeStamps.size()), images_(timeStamps.size()) {
+  explicit Frames(const std::vector<uint64_t>& timeStamps)
+      : pixels_(timeStamps.size(), std::vector<unsigned char>(64 * 48, 100)),
+        images_(timeStamps.size()) {
     for (size_t i = 0; i < timeStamps.size(); ++i) {
-      pixels_[i].assign(static_cast<size_t>(width) * height, 100);
       pixels_[i][0] = static_cast<unsigned char>(i + 1);
-      ClubImage& image = images_[i];
-      image = ClubImage{};
-      image.width = static_cast<uint32_t>(width);
-      image.height = static_cast<uint32_t>(height);
-      image.bytesPerChannel = 1;
-      image.channels = 1;
-      image.pixels = pixels_[i].data();
-      image.timeStamp = timeStamps[i];
+      images_[i] = ClubImage{};
+      images_[i].width = 64, images_[i].height = 48;
+      images_[i].bytesPerChannel = 1, images_[i].channels = 1;
+      images_[i].pixels = pixels_[i].data();
+      images_[i].timeStamp = timeStamps[i];
+      list_.push_back(&images_[i]);
     }
   }
-  std::vector<ClubImage*> List() {
-    std::vector<ClubImage*> list;
-    for (ClubImage& image : images_) list.push_back(&image);
-    return list;
-  }
+  const std::vector<ClubImage*>& List() const { return list_; }
   const std::vector<unsigned char>& Pixels(size_t i) const { return pixels_[i]; }
 
  private:
   std::vector<std::vector<unsigned char>> pixels_;
   std::vector<ClubImage> images_;
+  std::vector<ClubImage*> list_;
 };
 
 std::vector<uint64_t> Stamps(size_t count, uint64_t first = 1000) {
