@@ -19,17 +19,9 @@ void CaptureLog(std::wstring line, void* context) {
   static_cast<std::vector<std::string>*>(context)->emplace_back(line.begin(), line.end());
 }
 
-const synth::Recording& DefaultSwing() {
-  static const synth::Recording recording = synth::Render(synth::SwingScene{});
+synth::Recording& DefaultSwing() {
+  static synth::Recording recording = synth::Render(synth::SwingScene{});
   return recording;
-}
-
-std::vector<ClubImage*> Frames(const synth::Recording& recording, int camera) {
-  std::vector<ClubImage*> list;
-  for (const ClubImage& image : recording.images[camera]) {
-    list.push_back(const_cast<ClubImage*>(&image));
-  }
-  return list;
 }
 
 struct TemplateRun {
@@ -38,13 +30,13 @@ struct TemplateRun {
   std::vector<std::string> log;
 };
 
-TemplateRun RunTemplate(const synth::Recording& recording) {
+TemplateRun RunTemplate(synth::Recording& recording) {
   TemplateRun run;
   ClubTrackerSetting setting = recording.setting;
   setting.logCallback = CaptureLog;
   setting.logContext = &run.log;
   ClubTracker tracker(setting);
-  run.returned = tracker.FindbyTemplate(Frames(recording, 0), Frames(recording, 1), run.speed);
+  run.returned = tracker.FindbyTemplate(recording.Cam1(), recording.Cam2(), run.speed);
   return run;
 }
 
@@ -88,7 +80,7 @@ TEST(HeadTrackerFit, StraightAndAcceleratedPaths) {
 // ------------------------------------------------------ FindbyTemplate
 
 TEST(FindbyTemplate, DefaultSwingWithinOnePercent) {
-  const synth::Recording& recording = DefaultSwing();
+  synth::Recording& recording = DefaultSwing();
   const TemplateRun run = RunTemplate(recording);
   const double error = ErrorPercent(run.speed, recording.truth);
   EXPECT_EQ(run.returned, 1);
@@ -100,7 +92,7 @@ TEST(FindbyTemplate, DefaultSwingWithinOnePercent) {
 TEST(FindbyTemplate, NoClubGivesZeroAndSaysWhy) {
   synth::SwingScene scene;
   scene.noClub = true;
-  const synth::Recording recording = synth::Render(scene);
+  synth::Recording recording = synth::Render(scene);
   const TemplateRun run = RunTemplate(recording);
   EXPECT_EQ(run.returned, 0);
   EXPECT_EQ(run.speed, 0.0);
@@ -116,14 +108,14 @@ TEST(FindbyTemplate, FindFallsBackToItWhenTheLinesGiveNoSpeed) {
   // A dark shaft leaves the line stage without a speed.
   synth::SwingScene scene;
   scene.darkShaft = true;
-  const synth::Recording recording = synth::Render(scene);
+  synth::Recording recording = synth::Render(scene);
   std::vector<std::string> log;
   ClubTrackerSetting setting = recording.setting;
   setting.logCallback = CaptureLog;
   setting.logContext = &log;
   ClubTracker tracker(setting);
   ClubTrackerResult result;
-  tracker.Find(Frames(recording, 0), Frames(recording, 1), result, 0);
+  tracker.Find(recording.Cam1(), recording.Cam2(), result, 0);
   const auto again = std::find(log.begin(), log.end(), "Calculate clubspeed again.");
   ASSERT_NE(again, log.end());
   ASSERT_NE(again + 1, log.end());
@@ -139,7 +131,7 @@ TEST(FindbyTemplate, FindFallsBackToItWhenTheLinesGiveNoSpeed) {
 // ------------------------------------------------- FindHeadAndCalculate
 
 TEST(FindHeadAndCalculate, SpeedAboutTheTrueAxis) {
-  const synth::Recording& recording = DefaultSwing();
+  synth::Recording& recording = DefaultSwing();
   const synth::SwingTruth& truth = recording.truth;
   std::vector<std::string> log;
   ClubTrackerSetting setting = recording.setting;
@@ -151,8 +143,8 @@ TEST(FindHeadAndCalculate, SpeedAboutTheTrueAxis) {
     result.axisPosition[i] = static_cast<float>(truth.pivot[i]);
     result.axisDirection[i] = static_cast<float>(truth.axis[i]);
   }
-  ASSERT_EQ(ClubTrackerTestAccess::FindHeadAndCalculate(tracker, Frames(recording, 0),
-                                                        Frames(recording, 1), result),
+  ASSERT_EQ(ClubTrackerTestAccess::FindHeadAndCalculate(tracker, recording.Cam1(),
+                                                        recording.Cam2(), result),
             1);
   const double error = ErrorPercent(result.clubHeadSpeed, truth);
   EXPECT_LT(std::abs(error), 1.5);
