@@ -1,5 +1,6 @@
 // The library on bad frames and settings: Find names each problem in one log
 // line, keeps its defined outcome, and the public checks report the same.
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <functional>
@@ -23,6 +24,7 @@ struct Swing {
   std::vector<ClubImage> frames[2];
   std::list<std::vector<unsigned char>> extraPixels;  // stable addresses
   ClubTrackerSetting setting;
+  unsigned char* Extra(size_t bytes) { return extraPixels.emplace_back(bytes, 40).data(); }
   std::vector<ClubImage*> List(int camera) {
     std::vector<ClubImage*> list;
     for (ClubImage& f : frames[camera]) list.push_back(&f);
@@ -42,10 +44,8 @@ void CaptureLog(std::wstring line, void* context) {
 }
 
 bool HasLineStarting(const std::vector<std::string>& lines, const std::string& start) {
-  for (const std::string& line : lines) {
-    if (line.rfind(start, 0) == 0) return true;
-  }
-  return false;
+  return std::any_of(lines.begin(), lines.end(),
+                     [&](const std::string& line) { return line.rfind(start, 0) == 0; });
 }
 
 TEST(BadInput, FindNamesEveryProblemAndKeepsItsOutcome) {
@@ -69,42 +69,24 @@ TEST(BadInput, FindNamesEveryProblemAndKeepsItsOutcome) {
        "camera 2: frame 5 has no pixels", Outcome::kUntouched},
       {"2 bytes per channel", [](Swing& s) { s.frames[0][2].bytesPerChannel = 2; },
        "camera 1: frame 2 has 2 bytes per channel", Outcome::kUntouched},
-      {"2 channels",
-       [](Swing& s) {
-         s.extraPixels.emplace_back(640 * 208 * 2, 40);  // the buffer a 2-channel frame has
-         s.frames[0][2].channels = 2;
-         s.frames[0][2].pixels = s.extraPixels.back().data();
-       },
+      {"2 channels",  // with the buffer a 2-channel frame has
+       [](Swing& s) { s.frames[0][2].channels = 2, s.frames[0][2].pixels = s.Extra(640 * 416); },
        "camera 1: frame 2 has 2 channels", Outcome::kUntouched},
       {"one 640 x 480 frame among 640 x 208",
-       [](Swing& s) {
-         s.extraPixels.emplace_back(640 * 480, 40);
-         s.frames[0][4].height = 480;
-         s.frames[0][4].pixels = s.extraPixels.back().data();
-       },
-       "camera 1: frame 4 is 640 x 480 pixels, the camera's first frame 640 x 208",
-       Outcome::kAny},
+       [](Swing& s) { s.frames[0][4].height = 480, s.frames[0][4].pixels = s.Extra(640 * 480); },
+       "camera 1: frame 4 is 640 x 480 pixels, the camera's first frame 640 x 208", Outcome::kAny},
       {"all time stamps of both cameras equal",
-       [](Swing& s) {
-         for (auto& camera : s.frames) {
-           for (ClubImage& f : camera) f.timeStamp = 5000;
-         }
-       },
+       [](Swing& s) { for (auto& cam : s.frames) for (ClubImage& f : cam) f.timeStamp = 5000; },
        "camera 1: time stamps do not increase: frame 1 has 5000 after 5000 at frame 0; a speed "
        "over equal time stamps is infinite (and 22 more frames)",
        Outcome::kInfiniteOrNone},
       {"time-stamp interval 0", [](Swing& s) { s.setting.timeStampIntervalBeforeImpact = 0; },
        "timeStampIntervalBeforeImpact is 0", Outcome::kAny},
       {"axisIndex 5", [](Swing& s) { s.setting.axisIndex = 5; }, "axisIndex is 5", Outcome::kAny},
-      {"no calibration",
-       [](Swing& s) {
-         for (double& v : s.setting.cam1Intrinsic) v = 0.0;
-       },
+      {"no calibration", [](Swing& s) { for (double& v : s.setting.cam1Intrinsic) v = 0.0; },
        "camera 1's intrinsic calibration is all zero", Outcome::kAny},
       {"calibration of 1e308",
-       [](Swing& s) {
-         for (double& v : s.setting.cam2Intrinsic) v = 1e308;
-       },
+       [](Swing& s) { for (double& v : s.setting.cam2Intrinsic) v = 1e308; },
        "camera 2's intrinsic calibration matrix is not invertible", Outcome::kAny},
   };
   for (const BadInput& row : rows) {

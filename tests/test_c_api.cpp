@@ -2,11 +2,9 @@
 // a synthetic recording, with the numbers of `clubtrack run --json`; the
 // frames-based call gives the same on the same frames; bad calls give a
 // status, its text and a reason.
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -16,7 +14,7 @@
 
 #include "clubtracker/clubtracker_c.h"
 #include "clubtracker/measure.h"
-#include "support/temp_folder.h"
+#include "support/run_command.h"
 #include "synth/swing.h"
 
 namespace fs = std::filesystem;
@@ -26,11 +24,8 @@ namespace {
 // "key value" lines of a command's standard output.
 std::map<std::string, std::string> KeyValues(const std::string& command) {
   std::map<std::string, std::string> values;
-  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-  char line[1024];
-  while (pipe != nullptr && std::fgets(line, sizeof line, pipe.get()) != nullptr) {
-    std::string text(line);
-    if (!text.empty() && text.back() == '\n') text.pop_back();
+  std::istringstream lines(RunCommand(command).out);
+  for (std::string text; std::getline(lines, text);) {
     const size_t space = text.find(' ');
     values[text.substr(0, space)] = space == std::string::npos ? "" : text.substr(space + 1);
   }
@@ -54,10 +49,8 @@ TEST(CApi, FromCAsTheToolMeasuresAndFromFramesAsFromTheRecording) {
   synth::WriteRecording(synth::Render(scene), swing);
 
   const fs::path jsonFile = temp.path / "run.json";
-  ASSERT_EQ(std::system((std::string(CLUBTRACK_TOOL_PATH) + " run '" + swing.string() +
-                         "' --quiet --json '" + jsonFile.string() + "'")
-                            .c_str()),
-            0);
+  ASSERT_EQ(RunCommand(Quote(CLUBTRACK_TOOL_PATH) + " run " + Quote(swing.string()) +
+                       " --quiet --json " + Quote(jsonFile.string())).status, 0);
   const nlohmann::json tool = nlohmann::json::parse(std::ifstream(jsonFile));
   std::map<std::string, std::string> c = KeyValues(std::string(C_API_HOST_PATH) + " " +
                                                    CLUBTRACKER_LIBRARY_PATH + " '" +

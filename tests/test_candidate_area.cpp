@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <tuple>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 #include <vector>
@@ -89,14 +90,8 @@ TEST(CandidateArea, ReferenceSelection) {
       {"index 1 is scanned", {0, 1000, 2000, 3001, 4000}, {}, 2000, 2000, 3, 1, 0},
       {"later after impact", {0, 1000, 2000, 3000, 4000}, {0, 0, 0, 1, 1}, 2000, 500, 2, 4, 3},
       {"frame after impact", {0, 1000, 2000, 3000, 4000}, {0, 0, 0, 1, 1}, 2000, 500, 3, 2, 4},
-      {"wrapping gap",
-       {kWrapBase, kWrapBase + 1000, kWrapBase + 2000, kWrapBase + 3000, kWrapBase + 4001},
-       {},
-       2000,
-       2000,
-       4,
-       2,
-       0},
+      {"wrapping gap", {kWrapBase, kWrapBase + 1000, kWrapBase + 2000, kWrapBase + 3000,
+                        kWrapBase + 4001}, {}, 2000, 2000, 4, 2, 0},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -117,21 +112,19 @@ TEST(CandidateArea, ReferenceSelection) {
   }
 }
 
-TEST(CandidateArea, ALoneFrameGetsAnEmptyMaskAndItsMetadata) {
-  ClubTracker tracker;
-  FrameRun run;
-  run.Add(SpottedFrame(3), 123456789012ull, 1).sensorOffsetX = -7;
-  ASSERT_EQ(run.Find(tracker), 1);
-  ASSERT_EQ(run.candidates.size(), 1u);
-  const CandidateAreaImage& c = *run.candidates[0];
-  EXPECT_TRUE(SameMask(c.image, cv::Mat::zeros(48, 64, CV_8UC1)));
-  EXPECT_EQ(c.sensorOffsetX, -7);
-  EXPECT_EQ(c.afterImpact, 1u);
-  EXPECT_EQ(c.timeStamp, 123456789012ull);
-}
-
+// A frame without a reference (alone, or the only one of its window or size)
+// gets an empty mask and its own metadata.
 TEST(CandidateArea, FramesOfAnotherWindowOrSizeAreNeverReferences) {
   ClubTracker tracker;
+  FrameRun alone;
+  alone.Add(SpottedFrame(3), 123456789012ull, 1).sensorOffsetX = -7;
+  ASSERT_EQ(alone.Find(tracker), 1);
+  ASSERT_EQ(alone.candidates.size(), 1u);
+  const CandidateAreaImage& c = *alone.candidates[0];
+  EXPECT_TRUE(SameMask(c.image, cv::Mat::zeros(48, 64, CV_8UC1)));
+  EXPECT_EQ(std::make_tuple(c.sensorOffsetX, c.afterImpact, c.timeStamp),
+            std::make_tuple(-7, 1u, 123456789012ull));
+
   FrameRun run;
   for (int k = 0; k < 6; ++k) run.Add(SpottedFrame(40 + k), 1000u * k);
   run.frames[3]->sensorOffsetX = 4;

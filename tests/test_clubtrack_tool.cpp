@@ -1,12 +1,9 @@
 // The clubtrack tool as a user runs it: run with JSON, pictures and the summary, errors.
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -14,43 +11,18 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include "synth/swing.h"
-#include "support/temp_folder.h"
+#include "support/run_command.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-std::string ReadAll(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-std::string Quote(const std::string& text) {
-  std::string quoted = "'";
-  for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return quoted + "'";
-}
-
-struct ToolRun {
-  int status = -1;
-  std::string out, err;
-};
-
-// Runs the tool with `arguments` (already quoted) in `workDir`.
-// `runAs` goes before the tool's path (e.g. to drop root's privileges).
-ToolRun RunTool(const std::string& arguments, const fs::path& workDir,
-                const std::string& runAs = "") {
-  const fs::path outFile = workDir / ".stdout", errFile = workDir / ".stderr";
-  const std::string command = "cd " + Quote(workDir.string()) + " && " + runAs +
-                              Quote(CLUBTRACK_TOOL_PATH) + " " + arguments + " >" +
-                              Quote(outFile.string()) + " 2>" + Quote(errFile.string());
-  const int raw = std::system(command.c_str());
-  ToolRun run{WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, ReadAll(outFile), ReadAll(errFile)};
-  fs::remove(outFile);
-  fs::remove(errFile);
-  return run;
+// The tool with `arguments` (already quoted) in `workDir`; `runAs` goes before
+// the tool's path (e.g. to drop root's privileges).
+CommandRun RunTool(const std::string& arguments, const fs::path& workDir,
+                   const std::string& runAs = "") {
+  return RunCommand("cd " + Quote(workDir.string()) + " && " + runAs + Quote(CLUBTRACK_TOOL_PATH) +
+                    " " + arguments);
 }
 
 // The default swing written once for the suite.
@@ -75,22 +47,17 @@ const DefaultRecording& Default() {
 
 TEST(ClubtrackRun, JsonOnStandardOutputWithTheStableKeys) {
   const DefaultRecording& rec = Default();
-  const ToolRun run = RunTool("run " + Quote(rec.recording.string()) + " --json -", rec.folder.path);
+  const CommandRun run = RunTool("run " + Quote(rec.recording.string()) + " --json -", rec.folder.path);
   ASSERT_EQ(run.status, 0) << run.err;
   nlohmann::json json;
   ASSERT_NO_THROW(json = nlohmann::json::parse(run.out)) << run.out;
   for (const char* key : {"clubHeadSpeed", "clubHeadSpeedMps", "angularVelocity", "headRadius",
                           "speedFrameFrom", "speedFrameTo", "frameCount", "pairedFrames",
-                          "processingTimeMs", "headTrackingSpeed", "headTrackingSpeedMps"}) {
-    ASSERT_TRUE(json.contains(key)) << key;
-    EXPECT_TRUE(json[key].is_number()) << key;
-  }
-  for (const char* key : {"axisDirection", "axisPosition"}) {
-    ASSERT_TRUE(json[key].is_array()) << key;
-    EXPECT_EQ(json[key].size(), 3u) << key;
-  }
-  ASSERT_TRUE(json["log"].is_array());
-  ASSERT_FALSE(json["log"].empty());
+                          "processingTimeMs", "headTrackingSpeed", "headTrackingSpeedMps"})
+    EXPECT_TRUE(json.contains(key) && json[key].is_number()) << key;
+  for (const char* key : {"axisDirection", "axisPosition"})
+    EXPECT_TRUE(json[key].is_array() && json[key].size() == 3) << key;
+  ASSERT_TRUE(json["log"].is_array() && !json["log"].empty());
   EXPECT_EQ(json["log"][0], "ClubTracker::Find start");
   for (const auto& line : json["log"]) EXPECT_EQ(line.get<std::string>().find('\n'), std::string::npos) << line;
   EXPECT_EQ(json["frameCount"], 48);
@@ -114,7 +81,7 @@ TEST(ClubtrackRun, JsonOnStandardOutputWithTheStableKeys) {
 TEST(ClubtrackRun, QuietRunWritesJsonFileAnnotatedFramesAndSheet) {
   const DefaultRecording& rec = Default();
   TempFolder out;
-  const ToolRun run =
+  const CommandRun run =
       RunTool("run " + Quote((rec.recording / "run.ini").string()) + " --quiet --json result.json" +
                   " --annotated frames --sheet sheet.png",
               out.path);
@@ -131,8 +98,7 @@ TEST(ClubtrackRun, QuietRunWritesJsonFileAnnotatedFramesAndSheet) {
     candidates += name.find("_candidates.png") != std::string::npos ? 1 : 0;
     raws += name.find("_raw.png") != std::string::npos ? 1 : 0;
   }
-  EXPECT_EQ(candidates, 48);
-  EXPECT_EQ(raws, 48);
+  EXPECT_EQ(std::make_pair(candidates, raws), std::make_pair(48, 48));
   const cv::Mat raw = cv::imread((out.path / "frames" / "cam2_frame07_raw.png").string());
   ASSERT_FALSE(raw.empty());
   EXPECT_EQ(raw.cols, 640);
@@ -168,7 +134,7 @@ TEST_P(ClubtrackBadRecordings, OneClearLine) {
   const std::string prepare = "cd " + Quote(work.path.string()) + " && export CLUBTRACK=" +
                               Quote(CLUBTRACK_TOOL_PATH) + " && " + row.prepare;
   ASSERT_EQ(std::system(prepare.c_str()), 0) << prepare;
-  const ToolRun run = RunTool(row.arguments, work.path,
+  const CommandRun run = RunTool(row.arguments, work.path,
                               dropRoot ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "");
   EXPECT_EQ(run.status, row.status) << run.err;
   EXPECT_NE(run.err.find(row.words), std::string::npos) << run.err;
@@ -176,6 +142,7 @@ TEST_P(ClubtrackBadRecordings, OneClearLine) {
     EXPECT_EQ(run.out, "");
     EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
     EXPECT_EQ(run.err.rfind("clubtrack", 0), 0u) << run.err;
+    EXPECT_FALSE(fs::exists(work.path / "out")) << "a refused synth writes nothing";
     return;
   }
   const nlohmann::json json = nlohmann::json::parse(ReadAll(work.path / "out.json"));
@@ -220,6 +187,10 @@ INSTANTIATE_TEST_SUITE_P(
                      "640 x 208 pixels, more than the limit of 100000"},
         BadRecording{"SynthIntoAnEmptyName", "true", "synth ''", 2, "OUT_DIR"},
         BadRecording{"SynthNanSpeed", "true", "synth out --speed nan", 2, "finite"},
+        BadRecording{"SynthSpeedOutOfRange", "true", "synth out --speed 80", 2, "--speed"},
+        BadRecording{"SynthFractionalSeed", "true", "synth out --seed 1.5", 2, "whole number"},
+        BadRecording{"SynthImpactPastTheFrames", "true", "synth out --impact-index 24", 2,
+                     "smaller than --frames"},
         BadRecording{"TruncatedFrame",
                      "f=$(ls rec/Master/*.bmp | sed -n 5p) && head -c 3000 $f > t && mv t $f",
                      RUN_JSON, 0, "is truncated (3000 of the"},

@@ -40,19 +40,6 @@ cv::Matx33d Rotation(const cv::Vec3d& v) {
   return R;
 }
 
-TEST(CameraMatrices, IdentityAndTranslation) {
-  const Calibration c = MakeCalibration(kK, cv::Matx33d::eye(), {0.0, 0.0, 0.0});
-  const CameraGeometry camera = MakeCameraGeometry(c.intrinsic, c.extrinsic);
-  EXPECT_EQ(cv::norm(camera.center, cv::NORM_INF), 0.0);
-  EXPECT_TRUE(SameBits(camera.rayMatrix, cv::Mat(kK).inv()));
-  EXPECT_TRUE(SameBits(camera.intrinsic, cv::Mat(kK)));
-  const Calibration t = MakeCalibration(kK, cv::Matx33d::eye(), {1.0, 2.0, 3.0});
-  const CameraGeometry moved = MakeCameraGeometry(t.intrinsic, t.extrinsic);
-  EXPECT_EQ(moved.center.at<double>(0), -1.0);
-  EXPECT_EQ(moved.center.at<double>(1), -2.0);
-  EXPECT_EQ(moved.center.at<double>(2), -3.0);
-}
-
 CandidateAreaImage Area(int top, int rows) {
   CandidateAreaImage area;
   area.image = cv::Mat::zeros(rows, 640, CV_8UC1);
@@ -66,7 +53,7 @@ TEST(LinePlane, ContainsTheImageLine) {
   const CameraGeometry camera = MakeCameraGeometry(c.intrinsic, c.extrinsic);
   CandidateAreaImage area = Area(362, 208);
   std::vector<CandidateAreaImage*> areas{&area, &area};
-  for (const cv::Vec2f line : {cv::Vec2f(700.0f, 0.0f), cv::Vec2f(512.5f, 0.35f),
+  for (const cv::Vec2f& line : {cv::Vec2f(700.0f, 0.0f), cv::Vec2f(512.5f, 0.35f),
                                cv::Vec2f(-80.0f, 2.7f), cv::Vec2f(0.0f, 0.0001f)}) {
     SCOPED_TRACE(::testing::Message() << line);
     cv::Mat normal;
@@ -106,15 +93,9 @@ TEST(LinePlaneRows, VerticalLineUsesTheFrameRows) {
   }
 }
 
-// No float angle has a cosine of exactly 0: a line there gets its own plane.
-TEST(LinePlaneRows, NoFloatAngleHasAZeroCosine) {
-  for (const double centre : {CV_PI / 2.0, 3.0 * CV_PI / 2.0, -CV_PI / 2.0}) {
-    const float end = static_cast<float>(centre + 1e-3);
-    for (float theta = static_cast<float>(centre - 1e-3); theta <= end;
-         theta = std::nextafter(theta, 10.0f)) {
-      ASSERT_NE(std::cos(static_cast<double>(theta)), 0.0) << theta;
-    }
-  }
+// No float angle has a cosine of exactly 0: a line at the float nearest pi/2
+// gets its own plane.
+TEST(LinePlaneRows, NearlyHorizontalLine) {
   const Calibration c = MakeCalibration(kK, cv::Matx33d::eye(), {0.0, 0.0, 1000.0});
   const CameraGeometry camera = MakeCameraGeometry(c.intrinsic, c.extrinsic);
   CandidateAreaImage area = Area(400, 208);

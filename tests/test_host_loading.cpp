@@ -2,7 +2,7 @@
 // configure a tracker through the exported factory.
 #include <dlfcn.h>
 
-#include <cstdio>
+#include <sstream>
 #include <cstring>
 #include <memory>
 #include <set>
@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "clubtracker/ClubTracker.h"
+#include "support/run_command.h"
 
 namespace {
 
@@ -23,26 +24,16 @@ void Collect(std::wstring line, void* context) {
   static_cast<LogSink*>(context)->lines.push_back(std::move(line));
 }
 
-class HostLoading : public ::testing::Test {
- protected:
-  void SetUp() override {
-    handle_ = dlopen(CLUBTRACKER_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(handle_, nullptr) << dlerror();
-    allocate_ = reinterpret_cast<ClubTracker* (*)()>(dlsym(handle_, "AllocateFunc"));
-    ASSERT_NE(allocate_, nullptr) << dlerror();
-  }
-  void TearDown() override {
-    if (handle_ != nullptr) dlclose(handle_);
-  }
-
-  void* handle_ = nullptr;
-  ClubTracker* (*allocate_)() = nullptr;
-};
-
-bool AllZero(const double* values, int count) {
-  for (int i = 0; i < count; ++i)
-    if (values[i] != 0.0) return false;
-  return true;
+// The defaults: ROI 0, both intervals 2000, axis indices 1 and 2, calibration
+// zero, no log callback.
+void ExpectDefaults(const ClubTrackerSetting& s) {
+  EXPECT_EQ((std::vector<int32_t>{s.roiX, s.roiY, s.roiWidth, s.roiHeight,
+                                  s.timeStampIntervalBeforeImpact, s.timeStampIntervalAfterImpact,
+                                  s.axisIndex, s.axisNormIndex}),
+            (std::vector<int32_t>{0, 0, 0, 0, 2000, 2000, 1, 2}));
+  const char* calibration = reinterpret_cast<const char*>(&s.cam1Intrinsic);  // 42 doubles
+  EXPECT_EQ(std::string(calibration, 42 * sizeof(double)), std::string(42 * sizeof(double), '\0'));
+  EXPECT_EQ(s.logCallback, nullptr);
 }
 
 ClubTrackerSetting Patterned() {
@@ -65,32 +56,20 @@ ClubTrackerSetting Patterned() {
   return s;
 }
 
-TEST_F(HostLoading, FactoryGivesDefaultConfiguredTracker) {
-  ClubTracker* tracker = allocate_();
+// The factory gives a default-configured tracker; a setting round-trips bit
+// for bit through SetTrackerSetting, the constructor, copies and assignment,
+// and copies log through the same callback and context.
+TEST(HostLoading, FactoryTrackerSettingsAndCopies) {
+  void* handle = dlopen(CLUBTRACKER_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(handle, nullptr) << dlerror();
+  const auto allocate = reinterpret_cast<ClubTracker* (*)()>(dlsym(handle, "AllocateFunc"));
+  ASSERT_NE(allocate, nullptr) << dlerror();
+  std::unique_ptr<ClubTracker> tracker(allocate());  // deleted through the virtual destructor
   ASSERT_NE(tracker, nullptr);
-  const ClubTrackerSetting& s = tracker->setting;
-  EXPECT_EQ(s.roiX, 0);
-  EXPECT_EQ(s.roiY, 0);
-  EXPECT_EQ(s.roiWidth, 0);
-  EXPECT_EQ(s.roiHeight, 0);
-  EXPECT_EQ(s.timeStampIntervalBeforeImpact, 2000);
-  EXPECT_EQ(s.timeStampIntervalAfterImpact, 2000);
-  EXPECT_EQ(s.axisIndex, 1);
-  EXPECT_EQ(s.axisNormIndex, 2);
-  EXPECT_TRUE(AllZero(s.cam1Intrinsic, 9));
-  EXPECT_TRUE(AllZero(s.cam1Extrinsic, 12));
-  EXPECT_TRUE(AllZero(s.cam2Intrinsic, 9));
-  EXPECT_TRUE(AllZero(s.cam2Extrinsic, 12));
-  EXPECT_EQ(s.logCallback, nullptr);
-  EXPECT_EQ(tracker->referencePoint[0], 0.0);
-  EXPECT_EQ(tracker->referencePoint[1], 0.0);
-  EXPECT_EQ(tracker->referencePoint[2], 0.0);
-  delete tracker;  // through the virtual destructor
-}
+  ExpectDefaults(tracker->setting);
+  EXPECT_EQ(std::vector<double>(tracker->referencePoint, tracker->referencePoint + 3),
+            std::vector<double>(3, 0.0));
 
-TEST_F(HostLoading, SettingRoundTripsBitForBitAndCopiesShareTheLogTarget) {
-  ClubTracker* tracker = allocate_();
-  ASSERT_NE(tracker, nullptr);
   LogSink sink;
   ClubTrackerSetting s = Patterned();
   s.logContext = &sink;
@@ -98,42 +77,28 @@ TEST_F(HostLoading, SettingRoundTripsBitForBitAndCopiesShareTheLogTarget) {
   tracker->SetTrackerSetting(s);
   EXPECT_EQ(std::memcmp(&tracker->setting, &s, sizeof s), 0);
   EXPECT_EQ(tracker->referencePoint[1], 21.35) << "SetTrackerSetting touches nothing else";
-
-  ClubTracker copy(*tracker);
-  EXPECT_EQ(std::memcmp(&copy.setting, &s, sizeof s), 0);
+  ClubTracker copy(*tracker), constructed(s), assigned;
+  assigned = copy;
+  for (const ClubTracker* other : {&copy, &constructed, &assigned})
+    EXPECT_EQ(std::memcmp(&other->setting, &s, sizeof s), 0);
   EXPECT_EQ(copy.referencePoint[1], 21.35);
 
-  // Both log through the same callback with the same context: Find logs its
-  // start line even with no frames.
+  // Find logs its start line even with no frames.
   ClubTrackerResult result;
   copy.Find({}, {}, result, 0);
   tracker->Find({}, {}, result, 0);
-  ASSERT_EQ(sink.lines.size(), 2u);
-  EXPECT_EQ(sink.lines[0], L"ClubTracker::Find start");
-  EXPECT_EQ(sink.lines[1], sink.lines[0]);
+  EXPECT_EQ(sink.lines, (std::vector<std::wstring>(2, L"ClubTracker::Find start")));
   EXPECT_EQ(result.frameCount, 0);
   EXPECT_EQ(result.frames, nullptr);
-
-  ClubTracker assigned;
-  assigned = copy;
-  EXPECT_EQ(std::memcmp(&assigned.setting, &s, sizeof s), 0);
-  delete tracker;
-}
-
-TEST(TrackerSetting, ConstructorTakesEverythingInitialiserLeavesContext) {
-  ClubTrackerSetting s = Patterned();
-  ClubTracker tracker(s);
-  EXPECT_EQ(std::memcmp(&tracker.setting, &s, sizeof s), 0);
+  tracker.reset();
+  dlclose(handle);
 
   int context = 0;
   ClubTrackerSetting fresh = Patterned();
   fresh.logContext = &context;
   InitClubTrackerSetting(fresh);
   EXPECT_EQ(fresh.logContext, &context) << "the initialiser leaves logContext alone";
-  EXPECT_EQ(fresh.logCallback, nullptr);
-  EXPECT_EQ(fresh.roiY, 0);
-  EXPECT_EQ(fresh.axisIndex, 1);
-  EXPECT_TRUE(AllZero(fresh.cam2Intrinsic, 9));
+  ExpectDefaults(fresh);
 }
 
 TEST(TrackerLayout, RecordsKeepTheirBinaryLayout) {
@@ -151,13 +116,10 @@ TEST(TrackerLayout, RecordsKeepTheirBinaryLayout) {
 // plug-in hosts), the C interface and measure.h, nothing of its insides.
 TEST(LibraryExports, ExactlyTheHostInterface) {
   const std::string command = std::string("nm -D --defined-only ") + CLUBTRACKER_LIBRARY_PATH;
-  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-  ASSERT_NE(pipe, nullptr);
+  std::istringstream symbols(RunCommand(command).out);
   std::set<std::string> functions;
-  char address[64], type[8], name[4096];
-  while (std::fscanf(pipe.get(), "%63s %7s %4095s", address, type, name) == 3) {
-    if (std::string(type) == "T") functions.insert(name);
-  }
+  for (std::string address, type, name; symbols >> address >> type >> name;)
+    if (type == "T") functions.insert(name);
   const std::set<std::string> expected = {
       "AllocateFunc", "QTIFactoryFunc", "_Z22InitClubTrackerSettingR18ClubTrackerSetting",
       "_Z8DebugLogNSt7__cxx1112basic_stringIwSt11char_traitsIwESaIwEEEPv",

@@ -2,42 +2,25 @@
 // the example plug-in host configured with find_package(clubtracker CONFIG) and
 // built with its headers only (no link to the library, which it loads with
 // dlopen), then run on a synthetic recording; pkg-config finds the library.
-#include <sys/wait.h>
-
 #include <cmath>
 #include <filesystem>
-#include <fstream>
 #include <regex>
-#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
 
-#include "support/temp_folder.h"
+#include "support/run_command.h"
 #include "synth/swing.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-std::string Quote(const std::string& text) {
-  std::string quoted = "'";
-  for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return quoted + "'";
-}
-
-std::string ReadAll(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-// Runs a shell command with its output in `log`; returns the exit status.
-int Shell(const std::string& command, const fs::path& log, std::string* output = nullptr) {
-  const int raw = std::system((command + " >" + Quote(log.string()) + " 2>&1").c_str());
-  if (output != nullptr) *output = ReadAll(log);
-  return WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+// Runs a shell command with its output in `output`; returns the exit status.
+int Shell(const std::string& command, std::string* output) {
+  const CommandRun run = RunCommand(command);
+  *output = run.out + run.err;
+  return run.status;
 }
 
 fs::path FindFile(const fs::path& root, const std::string& name) {
@@ -52,14 +35,10 @@ fs::path FindFile(const fs::path& root, const std::string& name) {
 TEST(InstallPackage, HostBuildsAgainstTheInstalledPackageAndRuns) {
   TempFolder temp("clubtracker-install");
   const fs::path prefix = temp.path / "prefix";
-  const fs::path log = temp.path / "command.log";
   std::string output;
 
   ASSERT_EQ(Shell("cmake --install " + Quote(CLUBTRACKER_BINARY_DIR) + " --prefix " +
-                      Quote(prefix.string()),
-                  log, &output),
-            0)
-      << output;
+                      Quote(prefix.string()), &output), 0) << output;
   for (const char* header : {"clubtracker/ClubTracker.h", "clubtracker/QuarvelTestingInterface.h",
                              "clubtracker/measure.h", "imageprocess/ImageProcess.h"}) {
     EXPECT_TRUE(fs::exists(prefix / "include" / header)) << header;
@@ -75,10 +54,7 @@ TEST(InstallPackage, HostBuildsAgainstTheInstalledPackageAndRuns) {
 
   // pkg-config: the .pc file finds its prefix from where it lies.
   ASSERT_EQ(Shell("PKG_CONFIG_PATH=" + Quote(pcFile.parent_path().string()) +
-                      " pkg-config --cflags --libs clubtracker",
-                  log, &output),
-            0)
-      << output;
+                      " pkg-config --cflags --libs clubtracker", &output), 0) << output;
   EXPECT_NE(output.find("-lclubtracker"), std::string::npos) << output;
   EXPECT_NE(output.find("-limageprocess"), std::string::npos) << output;
   const std::smatch include = [&] {
@@ -90,7 +66,6 @@ TEST(InstallPackage, HostBuildsAgainstTheInstalledPackageAndRuns) {
   EXPECT_TRUE(fs::exists(fs::path(include[1].str()) / "clubtracker" / "ClubTracker.h"))
       << include[1].str();
 
-  // The example host, configured and built against the installed package only.
   std::string flags;
 #if defined(__SANITIZE_ADDRESS__)
   // The installed library is instrumented; the host must load the runtime first.
@@ -105,15 +80,12 @@ TEST(InstallPackage, HostBuildsAgainstTheInstalledPackageAndRuns) {
     EXPECT_EQ(Shell("cmake -S " + Quote(std::string(CLUBTRACKER_SOURCE_DIR) + "/examples/" + name) +
                         " -B " + Quote(build.string()) + " -DCMAKE_BUILD_TYPE=Release" +
                         " -DCMAKE_PREFIX_PATH=" + Quote(prefix.string()) + flags +
-                        " && cmake --build " + Quote(build.string()),
-                    log, &output),
-              0)
-        << output;
+                        " && cmake --build " + Quote(build.string()), &output), 0) << output;
     return build;
   };
   const fs::path hostBuild = buildExample("host");
   const fs::path measureBuild = buildExample("measure");
-  ASSERT_EQ(Shell("readelf -d " + Quote((hostBuild / "clubtracker_host").string()), log, &output), 0);
+  ASSERT_EQ(Shell("readelf -d " + Quote((hostBuild / "clubtracker_host").string()), &output), 0);
   EXPECT_EQ(output.find("libclubtracker"), std::string::npos) << "a plug-in host links no library:\n"
                                                               << output;
   EXPECT_EQ(output.find("libimageprocess"), std::string::npos) << output;
@@ -128,7 +100,7 @@ TEST(InstallPackage, HostBuildsAgainstTheInstalledPackageAndRuns) {
 
   const int status = Shell(Quote((hostBuild / "clubtracker_host").string()) + " " +
                                Quote(swing.string()) + " " + Quote(library.string()),
-                           log, &output);
+                           &output);
   ASSERT_EQ(status, 0) << output;
   std::smatch speed;
   ASSERT_TRUE(std::regex_search(output, speed, std::regex("club-head speed: (\\S+) mm/us")))
@@ -142,15 +114,11 @@ TEST(InstallPackage, HostBuildsAgainstTheInstalledPackageAndRuns) {
   // measure.h from the installed headers, linked to the installed library.
   ASSERT_EQ(Shell("LD_LIBRARY_PATH=" + Quote(library.parent_path().string()) + " " +
                       Quote((measureBuild / "clubtracker_measure").string()) + " " +
-                      Quote(swing.string()),
-                  log, &output),
-            0)
-      << output;
+                      Quote(swing.string()), &output), 0) << output;
   EXPECT_NE(output.find("head-tracking speed"), std::string::npos) << output;
   EXPECT_NE(output.find("attack angle"), std::string::npos) << output;
 
   // The installed tool runs from its own prefix.
-  ASSERT_EQ(Shell(Quote((prefix / "bin" / "clubtrack").string()) + " --help", log, &output), 0)
-      << output;
+  ASSERT_EQ(Shell(Quote((prefix / "bin" / "clubtrack").string()) + " --help", &output), 0) << output;
   EXPECT_NE(output.find("run"), std::string::npos);
 }

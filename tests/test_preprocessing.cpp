@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <opencv2/imgproc.hpp>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -56,21 +57,11 @@ TEST(Preprocessing, GreyMedianAndMetadataForEveryChannelCount) {
     EXPECT_EQ(cv::norm(out.image, expected, cv::NORM_INF), 0.0);
     EXPECT_NE(out.image.data, frame.bytes.data()) << "the record owns a copy";
 
-    EXPECT_EQ(out.sensorOffsetX, -17);
-    EXPECT_EQ(out.sensorOffsetY, 333);
-    EXPECT_EQ(out.afterImpact, 1u);
-    EXPECT_EQ(out.timeStamp, 0xFEDCBA9876543210ull);
-    EXPECT_TRUE(SameBits(out.ballX, 12.75f));
-    EXPECT_TRUE(SameBits(out.ballY, -0.0f));
-    EXPECT_TRUE(SameBits(out.ballRadius, 21.35f));
+    EXPECT_EQ(std::make_tuple(out.sensorOffsetX, out.sensorOffsetY, out.afterImpact, out.timeStamp),
+              std::make_tuple(-17, 333, 1u, uint64_t{0xFEDCBA9876543210ull}));
+    EXPECT_TRUE(SameBits(out.ballX, 12.75f) && SameBits(out.ballY, -0.0f) &&
+                SameBits(out.ballRadius, 21.35f));
   }
-}
-
-TEST(PreprocessingRefusals, TwoChannelFramesAreRejectedByTheConversion) {
-  Frame frame(16, 16, 2);
-  ClubTracker tracker;
-  PreprocessedImage out;
-  EXPECT_THROW(ClubTrackerTestAccess::Preprocessing(tracker, &frame.image, &out), cv::Exception);
 }
 
 TEST(PreprocessingRefusals, BadFramesLeaveTheRecordUntouched) {
@@ -94,72 +85,48 @@ TEST(PreprocessingRefusals, BadFramesLeaveTheRecordUntouched) {
   }
   EXPECT_EQ(ClubTrackerTestAccess::Preprocessing(tracker, nullptr, &out), 0);
   EXPECT_EQ(ClubTrackerTestAccess::Preprocessing(tracker, &frame.image, nullptr), 0);
+  Frame twoChannels(16, 16, 2);  // rejected by the conversion
+  EXPECT_THROW(ClubTrackerTestAccess::Preprocessing(tracker, &twoChannels.image, &out),
+               cv::Exception);
 }
 
-TEST(PreprocessingRegion, CutBeforeTheMedianFilter) {
-  Frame frame(40, 30, 1);
+ClubTrackerSetting Region(int x, int y, int width, int height) {
   ClubTrackerSetting s;
   InitClubTrackerSetting(s);
-  s.roiX = 5;
-  s.roiY = 4;
-  s.roiWidth = 20;
-  s.roiHeight = 10;
-  ClubTracker tracker(s);
+  s.roiX = x;
+  s.roiY = y;
+  s.roiWidth = width;
+  s.roiHeight = height;
+  return s;
+}
+
+// The region is cut before the median filter; a zero width or height keeps
+// the whole frame; a region reaching outside the frame raises the range error.
+TEST(PreprocessingRegion, CutBeforeTheMedianFilter) {
+  Frame frame(40, 30, 1);
   PreprocessedImage out;
+  ClubTracker tracker(Region(5, 4, 20, 10));
   ASSERT_EQ(ClubTrackerTestAccess::Preprocessing(tracker, &frame.image, &out), 1);
   ASSERT_EQ(out.image.size(), cv::Size(20, 10));
   EXPECT_TRUE(out.image.isContinuous());
-
-  cv::Mat cut = frame.AsMat()(cv::Rect(5, 4, 20, 10)).clone();
   cv::Mat expected;
-  cv::medianBlur(cut, expected, 3);  // border replication inside the region
+  cv::medianBlur(frame.AsMat()(cv::Rect(5, 4, 20, 10)).clone(), expected, 3);  // border inside
   EXPECT_EQ(cv::norm(out.image, expected, cv::NORM_INF), 0.0);
-
   cv::Mat filteredWhole;
   cv::medianBlur(frame.AsMat(), filteredWhole, 3);
   EXPECT_GT(cv::norm(out.image, filteredWhole(cv::Rect(5, 4, 20, 10)), cv::NORM_INF), 0.0)
       << "edge pixels must not see pixels outside the region";
-}
 
-TEST(PreprocessingRegion, ZeroWidthOrHeightKeepsTheWholeFrame) {
-  Frame frame(40, 30, 1);
-  for (auto [w, h] : {std::pair{0, 10}, std::pair{10, 0}}) {
-    ClubTrackerSetting s;
-    InitClubTrackerSetting(s);
-    s.roiX = 1000;
-    s.roiY = -50;
-    s.roiWidth = w;
-    s.roiHeight = h;
-    ClubTracker tracker(s);
-    PreprocessedImage out;
-    ASSERT_EQ(ClubTrackerTestAccess::Preprocessing(tracker, &frame.image, &out), 1);
+  for (const auto& [w, h] : {std::pair{0, 10}, std::pair{10, 0}}) {
+    ClubTracker whole(Region(1000, -50, w, h));
+    ASSERT_EQ(ClubTrackerTestAccess::Preprocessing(whole, &frame.image, &out), 1);
     EXPECT_EQ(out.image.size(), cv::Size(40, 30));
   }
-}
-
-TEST(PreprocessingRegion, RegionOutsideTheFrameRaisesTheRangeError) {
-  Frame frame(40, 30, 1);
-  ClubTrackerSetting s;
-  InitClubTrackerSetting(s);
-  s.roiX = 30;
-  s.roiY = 0;
-  s.roiWidth = 20;
-  s.roiHeight = 10;
-  ClubTracker tracker(s);
-  PreprocessedImage out;
-  EXPECT_THROW(ClubTrackerTestAccess::Preprocessing(tracker, &frame.image, &out), cv::Exception);
+  ClubTracker outside(Region(30, 0, 20, 10));
+  EXPECT_THROW(ClubTrackerTestAccess::Preprocessing(outside, &frame.image, &out), cv::Exception);
 }
 
 // RefineCandidateMask ------------------------------------------------------
-
-TEST(RefineCandidateMask, EmptyMaskStaysEmptyAndAbsent) {
-  const cv::Mat mask = cv::Mat::zeros(100, 100, CV_8UC1);
-  cv::Mat refined;
-  int present = -1;
-  RefineCandidateMask(mask, refined, &present);
-  EXPECT_EQ(present, 0);
-  EXPECT_EQ(cv::countNonZero(refined), 0);
-}
 
 // The presence square is s = 2 * ((min side / 4) / 2) + 1: a band s pixels
 // wide (long enough that the cleaning's rounded corners leave an s x s square)
@@ -184,11 +151,18 @@ TEST(RefineCandidateMask, PresenceThresholdIsExactlyTheErosionSize) {
   }
 }
 
-TEST(RefineCandidateMask, ThinStreakIsNotPresentThickBlobIs) {
+// An empty mask stays empty and absent; a thin streak is absent but kept; a
+// thick blob is present.
+TEST(RefineCandidateMask, EmptyMaskAndThinStreakAreNotPresentThickBlobIs) {
   cv::Mat mask = cv::Mat::zeros(480, 640, CV_8UC1);
-  cv::line(mask, {50, 400}, {600, 40}, cv::Scalar(255), 20);  // a shaft-like streak
   cv::Mat refined;
   int present = -1;
+  RefineCandidateMask(mask, refined, &present);
+  EXPECT_EQ(present, 0);
+  EXPECT_EQ(cv::countNonZero(refined), 0);
+
+  cv::line(mask, {50, 400}, {600, 40}, cv::Scalar(255), 20);  // a shaft-like streak
+  present = -1;
   RefineCandidateMask(mask, refined, &present);
   EXPECT_EQ(present, 0);
   EXPECT_GT(cv::countNonZero(refined), 0);

@@ -7,26 +7,18 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <opencv2/imgproc.hpp>
 #include <set>
 #include <string>
 
 #include "analysis/binary_morphology.h"
-#include "support/access.h"
+#include "support/change_masks.h"
 #include "synth/swing.h"
 #include "tracker/records.h"
 
 namespace {
 
-constexpr double kPi = 3.14159265358979323846;
-
 bool Sanitized() { return std::getenv("CLUBTRACKER_SANITIZED") != nullptr; }
-
-cv::Mat FrameOf(const ClubImage& image) {
-  return cv::Mat(static_cast<int>(image.height), static_cast<int>(image.width), CV_8UC1,
-                 image.pixels);
-}
 
 cv::Vec2d ProjectWithSetting(const double* intrinsic, const double* extrinsic, const cv::Vec3d& p,
                              const ClubImage& frame) {
@@ -36,26 +28,6 @@ cv::Vec2d ProjectWithSetting(const double* intrinsic, const double* extrinsic, c
   const cv::Vec3d t(extrinsic[3], extrinsic[7], extrinsic[11]);
   const cv::Vec3d q = K * (R * p + t);
   return {q[0] / q[2] - frame.sensorOffsetX, q[1] / q[2] - frame.sensorOffsetY};
-}
-
-// Camera c's candidate masks from the tracker's own first stages.
-std::vector<cv::Mat> CandidateMasks(synth::Recording& rec, int c) {
-  ClubTracker tracker(rec.setting);
-  std::vector<std::unique_ptr<PreprocessedImage>> owned;
-  std::vector<PreprocessedImage*> pre;
-  for (ClubImage* frame : c == 0 ? rec.Cam1() : rec.Cam2()) {
-    owned.push_back(std::make_unique<PreprocessedImage>());
-    ClubTrackerTestAccess::Preprocessing(tracker, frame, owned.back().get());
-    pre.push_back(owned.back().get());
-  }
-  std::vector<CandidateAreaImage*> cand;
-  ClubTrackerTestAccess::FindCandidateArea(tracker, pre, cand);
-  std::vector<cv::Mat> masks;
-  for (CandidateAreaImage* area : cand) {
-    const std::unique_ptr<CandidateAreaImage> release(area);
-    masks.push_back(area->image);
-  }
-  return masks;
 }
 
 synth::SwingScene Near(uint64_t seed) {
@@ -100,40 +72,6 @@ void ExpectBallInEveryFrame(const synth::Recording& rec, int c) {
     char expected[64];
     std::snprintf(expected, sizeof(expected), "_%.2f_%.2f.bmp", exact[0], exact[1]);
     EXPECT_NE(name.find(expected), std::string::npos) << name << " vs " << expected;
-  }
-}
-
-// The shaft near impact is a steep band at least 8 px wide.
-void ExpectSteepWideShaft(const synth::Recording& rec, int c) {
-  const synth::SwingTruth& t = rec.truth;
-  for (int k : {t.impactIndex - 1, t.impactIndex}) {
-    SCOPED_TRACE(k);
-    const double time = t.FrameTime(c, k);
-    const cv::Vec2f line = t.ShaftLine(c, time);
-    EXPECT_GT(std::abs(line[1] - kPi / 2), kPi / 8);
-    const synth::CameraModel& m = t.cameras[c];
-    const cv::Vec2d head = m.ProjectToWindow(t.HeadCentre(time));
-    const cv::Vec2d top = m.ProjectToWindow(t.ShaftPoint(time, t.headRadius - 110.0));
-    const int row = static_cast<int>(std::lround(top[1]));
-    ASSERT_GE(row, 2);
-    ASSERT_LT(row, static_cast<int>(head[1]));
-    const cv::Mat frame = FrameOf(rec.images[c][static_cast<size_t>(k)]);
-    const double y = row + 0.5 + m.sensorOffsetY;
-    const double xCentre = (line[0] - y * std::sin(line[1])) / std::cos(line[1]) - m.sensorOffsetX;
-    const int x0 = static_cast<int>(std::lround(xCentre));
-    ASSERT_GE(x0, 0);
-    ASSERT_LT(x0, frame.cols);
-    const int peak = frame.at<uchar>(row, x0);
-    int left = x0, right = x0;
-    const int far = std::min(std::max(x0 - 60, 0), frame.cols - 1);
-    const int background = frame.at<uchar>(row, far);
-    const int level = background + 12;
-    while (left > 0 && frame.at<uchar>(row, left - 1) > level) --left;
-    while (right < frame.cols - 1 && frame.at<uchar>(row, right + 1) > level) ++right;
-    const double across = (right - left + 1) * std::abs(std::cos(line[1]));
-    EXPECT_GT(peak - background, 40);
-    EXPECT_GE(across, 8.0);
-    EXPECT_LT(across, 40.0);
   }
 }
 
@@ -193,33 +131,13 @@ TEST(Synth, TruthFramesAndWhatTheTrackerSees) {
     SCOPED_TRACE(scene.placement == synth::Placement::kFar ? "far" : "near");
     ExpectTruthMeetsItsDefinition(scene, synth::MakeTruth(scene));
     synth::Recording rec = synth::Render(scene);
-    const std::vector<cv::Mat> masks[2] = {CandidateMasks(rec, 0), CandidateMasks(rec, 1)};
+    const std::vector<cv::Mat> masks[2] = {CameraChangeMasks(rec, 0), CameraChangeMasks(rec, 1)};
     for (int c = 0; c < 2; ++c) {
       SCOPED_TRACE(c);
       ExpectBallInEveryFrame(rec, c);
-      ExpectSteepWideShaft(rec, c);
       ExpectClubOnlyInTheChangeMasks(rec, c, masks[c]);
     }
     if (scene.placement == synth::Placement::kNear) EXPECT_GT(BothPresent(masks), 10);
-  }
-}
-
-// The near head blob passes the presence test in both cameras at other speeds
-// and rates too.
-TEST(Synth, NearHeadBlobIsPresentInBothCameras) {
-  if (Sanitized()) GTEST_SKIP() << "seed 1 is checked above";
-  const struct {
-    uint64_t seed;
-    double speed, fps;
-  } cases[] = {{7, 55.0, 2000.0}, {8, 40.0, 3000.0}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.seed);
-    synth::SwingScene scene = Near(c.seed);
-    scene.speedMps = c.speed;
-    scene.fps = c.fps;
-    synth::Recording rec = synth::Render(scene);
-    const std::vector<cv::Mat> masks[2] = {CandidateMasks(rec, 0), CandidateMasks(rec, 1)};
-    EXPECT_GT(BothPresent(masks), 10);
   }
 }
 
@@ -243,20 +161,19 @@ TEST(SynthDeterminism, SameSceneGivesTheSameBytesWhateverTheThreads) {
   }
   EXPECT_TRUE(SameBytes(a, b));
   EXPECT_EQ(synth::TruthJson(a), synth::TruthJson(b));
+  scene.seed = 32;  // another seed, another swing
+  const synth::Recording other = synth::Render(scene);
+  EXPECT_FALSE(SameBytes(a, other));
+  EXPECT_NE(a.truth.pivot, other.truth.pivot);
 }
 
-TEST(SynthDeterminism, DifferentSeedsGiveDifferentSwingsWithinTheRanges) {
+TEST(SynthDeterminism, DifferentSeedsGiveDifferentSwings) {
   const int count = Sanitized() ? 12 : 60;
   std::set<double> radii;
   int far = 0, iron = 0;
   std::set<double> rates;
   for (int seed = 1; seed <= count; ++seed) {
     const synth::SwingScene scene = synth::SwingScene::Varied(static_cast<uint64_t>(seed));
-    EXPECT_EQ(scene.seed, static_cast<uint64_t>(seed));
-    EXPECT_GE(scene.speedMps, 30.0);
-    EXPECT_LE(scene.speedMps, 55.0);
-    EXPECT_GE(scene.fps, 1000.0);
-    EXPECT_LE(scene.fps, 4000.0);
     far += scene.placement == synth::Placement::kFar;
     iron += scene.iron;
     rates.insert(scene.fps);
@@ -269,11 +186,6 @@ TEST(SynthDeterminism, DifferentSeedsGiveDifferentSwingsWithinTheRanges) {
   EXPECT_LT(far, count);
   EXPECT_GT(iron, 0);
   EXPECT_GT(rates.size(), 1u);
-
-  const synth::Recording a = synth::Render(Near(1));
-  const synth::Recording b = synth::Render(Near(32));
-  EXPECT_FALSE(SameBytes(a, b));
-  EXPECT_NE(a.truth.pivot, b.truth.pivot);
 }
 
 }  // namespace

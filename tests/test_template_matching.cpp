@@ -43,59 +43,49 @@ TEST(MakeGradientImages, ImpulsesAreStretchedAndRounded) {
   EXPECT_EQ(g.at<uchar>(21, 21), 2);
 }
 
-// The window is clipped to the image in place; a template must fit strictly.
-TEST(MatchTemplateInWindow, ClipsInPlaceAndAcceptsStrictly) {
+// The window is clipped to the image in place; a template must fit strictly;
+// the match is in whole-image coordinates, and a template of the window's size
+// gives the window with the score of matching there.
+TEST(MatchTemplateInWindow, ClipsInPlaceAcceptsStrictlyAndFindsThePatch) {
   const cv::Mat image = TexturedImage();
-  const cv::Mat templ = image(cv::Rect(3, 4, 5, 5)).clone();
   const struct {
-    cv::Rect window, clipped;
+    cv::Rect patch, window, clipped;
     bool accepted;
+    cv::Rect match;  // empty: only inside the window
   } cases[] = {
-      {{-5, -5, 20, 20}, {0, 0, 20, 20}, true},    {{90, 10, 20, 20}, {90, 10, 10, 20}, false},
-      {{10, 80, 20, 20}, {10, 80, 20, 20}, false}, {{79, 79, 20, 20}, {79, 79, 20, 20}, true},
-      {{50, 50, 4, 30}, {50, 50, 4, 30}, false},   {{50, 50, -5, 20}, {50, 50, -5, 20}, false}};
+      {{3, 4, 5, 5}, {-5, -5, 20, 20}, {0, 0, 20, 20}, true, {}},
+      {{3, 4, 5, 5}, {90, 10, 20, 20}, {90, 10, 10, 20}, false, {}},
+      {{3, 4, 5, 5}, {10, 80, 20, 20}, {10, 80, 20, 20}, false, {}},
+      {{3, 4, 5, 5}, {79, 79, 20, 20}, {79, 79, 20, 20}, true, {}},
+      {{3, 4, 5, 5}, {50, 50, 4, 30}, {50, 50, 4, 30}, false, {}},
+      {{3, 4, 5, 5}, {50, 50, -5, 20}, {50, 50, -5, 20}, false, {}},
+      {{37, 52, 9, 7}, {30, 40, 30, 30}, {30, 40, 30, 30}, true, {37, 52, 9, 7}},
+      {{60, 10, 16, 12}, {21, 33, 16, 12}, {21, 33, 16, 12}, true, {21, 33, 16, 12}}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(::testing::Message() << c.window);
+    SCOPED_TRACE(::testing::Message() << c.patch << " in " << c.window);
+    const cv::Mat templ = image(c.patch).clone();
     cv::Rect window = c.window;
     const cv::Rect untouched(-1, -2, -3, -4);
     cv::Rect match = untouched;
     double score = -7.0;
     EXPECT_EQ(MatchTemplateInWindow(templ, image, window, match, score), c.accepted);
     EXPECT_EQ(window, c.clipped);
-    if (c.accepted) {
-      EXPECT_EQ(match.size(), templ.size());
-      EXPECT_TRUE((c.clipped & match) == match) << "match outside the window";
-    } else {
+    if (!c.accepted) {
       EXPECT_EQ(match, untouched);
       EXPECT_EQ(score, -7.0);
+      continue;
     }
+    EXPECT_EQ(match.size(), templ.size());
+    EXPECT_TRUE((c.clipped & match) == match) << "match outside the window";
+    if (c.match.empty()) continue;
+    EXPECT_EQ(match, c.match);
+    if (c.match == c.patch) EXPECT_NEAR(score, 1.0, 1e-5);
+    if (c.match != c.window) continue;
+    cv::Mat result;
+    cv::matchTemplate(image(c.window), templ, result, cv::TM_CCOEFF_NORMED);
+    EXPECT_EQ(result.size(), cv::Size(1, 1));
+    EXPECT_EQ(score, static_cast<double>(result.at<float>(0, 0)));
   }
-}
-
-TEST(MatchTemplateInWindow, FindsThePatchInWholeImageCoordinates) {
-  const cv::Mat image = TexturedImage();
-  const cv::Mat templ = image(cv::Rect(37, 52, 9, 7)).clone();
-  cv::Rect window(30, 40, 30, 30);
-  cv::Rect match;
-  double score = 0.0;
-  ASSERT_TRUE(MatchTemplateInWindow(templ, image, window, match, score));
-  EXPECT_EQ(match, cv::Rect(37, 52, 9, 7));
-  EXPECT_NEAR(score, 1.0, 1e-5);
-}
-
-TEST(MatchTemplateInWindow, TemplateOfTheWindowSizeGivesTheWindow) {
-  const cv::Mat image = TexturedImage();
-  const cv::Rect patch(21, 33, 16, 12);
-  const cv::Mat templ = image(cv::Rect(60, 10, 16, 12)).clone();
-  cv::Rect window = patch;
-  cv::Rect match;
-  double score = 5.0;
-  ASSERT_TRUE(MatchTemplateInWindow(templ, image, window, match, score));
-  EXPECT_EQ(match, patch);
-  cv::Mat result;
-  cv::matchTemplate(image(patch), templ, result, cv::TM_CCOEFF_NORMED);
-  EXPECT_EQ(result.size(), cv::Size(1, 1));
-  EXPECT_EQ(score, static_cast<double>(result.at<float>(0, 0)));
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // Two-view triangulation of the base library.
-#include <random>
-
 #include <gtest/gtest.h>
+
 #include <opencv2/calib3d.hpp>
 
 #include "imageprocess/ImageProcess.h"
@@ -19,14 +18,6 @@ struct Camera {
   cv::Mat Pixel(const cv::Vec3d& world) const {
     const cv::Vec3d q = K * (R * world + t);
     return (cv::Mat_<double>(3, 1) << q[0] / q[2], q[1] / q[2], 1.0);
-  }
-  cv::Matx34d Projection() const {
-    cv::Matx34d Rt;
-    for (int r = 0; r < 3; ++r) {
-      for (int c = 0; c < 3; ++c) Rt(r, c) = R(r, c);
-      Rt(r, 3) = t[r];
-    }
-    return K * Rt;
   }
 };
 
@@ -61,38 +52,14 @@ TEST(Triangulation, RecoversKnownPoints) {
     double out[3] = {0, 0, 0};
     float quality = -1.0f;
     ASSERT_EQ(Triangulate(a, b, a.Pixel(X), b.Pixel(X), out, quality), 1);
-    EXPECT_NEAR(out[0], X[0], 1e-9 * (1 + cv::norm(X)));
-    EXPECT_NEAR(out[1], X[1], 1e-9 * (1 + cv::norm(X)));
-    EXPECT_NEAR(out[2], X[2], 1e-9 * (1 + cv::norm(X)));
+    EXPECT_LE(cv::norm(cv::Vec3d(out) - X, cv::NORM_INF), 1e-9 * (1 + cv::norm(X)));
     EXPECT_NEAR(quality, 0.0f, 1e-6f);
   }
 }
 
-TEST(Triangulation, AgreesWithLinearTriangulationOnNoisyPixels) {
-  const auto [a, b] = Rig();
-  std::mt19937_64 rng(7);
-  std::uniform_real_distribution<double> coord(-200.0, 200.0);
-  std::normal_distribution<double> noise(0.0, 0.3);
-  for (int i = 0; i < 50; ++i) {
-    const cv::Vec3d X(coord(rng), coord(rng) + 100.0, coord(rng));
-    cv::Mat pa = a.Pixel(X), pb = b.Pixel(X);
-    pa.at<double>(0) += noise(rng);
-    pb.at<double>(1) += noise(rng);
-    double out[3];
-    float quality = 0.0f;
-    ASSERT_EQ(Triangulate(a, b, pa, pb, out, quality), 1);
-    EXPECT_GT(quality, 0.0f);
-
-    cv::Mat h;
-    cv::triangulatePoints(a.Projection(), b.Projection(), pa.rowRange(0, 2), pb.rowRange(0, 2), h);
-    const cv::Vec3d linear(h.at<double>(0) / h.at<double>(3), h.at<double>(1) / h.at<double>(3),
-                           h.at<double>(2) / h.at<double>(3));
-    // Different estimators under noise: they agree to well under a millimetre.
-    EXPECT_LT(cv::norm(linear - cv::Vec3d(out[0], out[1], out[2])), 0.2) << "point " << i;
-  }
-}
-
-TEST(Triangulation, SkewRaysGiveMidpointAndTheirDistance) {
+// Skew rays give their midpoint and distance; parallel rays and bad shapes
+// give 0 and leave the output untouched.
+TEST(Triangulation, SkewParallelAndBadRays) {
   // Ray 1 along x through the origin; ray 2 along y through (0, 0, 2).
   const cv::Mat I = cv::Mat::eye(3, 3, CV_64F);
   const cv::Mat c1 = cv::Mat::zeros(3, 1, CV_64F);
@@ -107,27 +74,21 @@ TEST(Triangulation, SkewRaysGiveMidpointAndTheirDistance) {
   EXPECT_DOUBLE_EQ(out[1], 0.0);
   EXPECT_DOUBLE_EQ(out[2], 1.0);
   EXPECT_FLOAT_EQ(quality, 2.0f);
-}
 
-TEST(Triangulation, ParallelRaysAndBadShapesLeaveOutputUntouched) {
-  const cv::Mat I = cv::Mat::eye(3, 3, CV_64F);
-  const cv::Mat c1 = cv::Mat::zeros(3, 1, CV_64F);
-  const cv::Mat c2 = (cv::Mat_<double>(3, 1) << 5, 0, 0);
+  const cv::Mat c3 = (cv::Mat_<double>(3, 1) << 5, 0, 0);
   const cv::Mat d = (cv::Mat_<double>(3, 1) << 0, 0, 1);
-  double out[3] = {7, 8, 9};
-  cv::Mat header(3, 1, CV_64F, out);
-  float quality = 42.0f;
-  EXPECT_EQ(ImageProcess::Coordinate2DTO3D(I, I, c1, d, I, I, c2, d, header, quality), 0);
+  out[0] = 7, out[1] = 8, out[2] = 9;
+  quality = 42.0f;
+  EXPECT_EQ(ImageProcess::Coordinate2DTO3D(I, I, c1, d, I, I, c3, d, header, quality), 0);
   EXPECT_EQ(out[0], 7.0);
   EXPECT_EQ(out[2], 9.0);
   EXPECT_EQ(quality, 42.0f);
-
   const cv::Mat wrongType = cv::Mat::eye(3, 3, CV_32F);
-  EXPECT_EQ(ImageProcess::Coordinate2DTO3D(wrongType, I, c1, d, I, I, c2, d, header, quality), 0);
+  EXPECT_EQ(ImageProcess::Coordinate2DTO3D(wrongType, I, c1, d, I, I, c3, d, header, quality), 0);
   cv::Mat wrongOut(4, 1, CV_64F, cv::Scalar(1));
-  EXPECT_EQ(ImageProcess::Coordinate2DTO3D(I, I, c1, d, I, I, c2, d, wrongOut, quality), 0);
+  EXPECT_EQ(ImageProcess::Coordinate2DTO3D(I, I, c1, d, I, I, c3, d, wrongOut, quality), 0);
   const cv::Mat singular = cv::Mat::zeros(3, 3, CV_64F);
-  EXPECT_EQ(ImageProcess::Coordinate2DTO3D(singular, I, c1, d, I, I, c2, d, header, quality), 0);
+  EXPECT_EQ(ImageProcess::Coordinate2DTO3D(singular, I, c1, d, I, I, c3, d, header, quality), 0);
   EXPECT_EQ(out[1], 8.0);
 }
 
