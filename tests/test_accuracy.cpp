@@ -139,9 +139,10 @@ TEST(Accuracy, RenderedSwingsAgreeWithTheirTruth) {
       EXPECT_TRUE(Logged(report.log, "Axis pos: ") && report.clubHeadSpeed > 0.0 &&
                   !Logged(report.log, "Calculate clubspeed again."));
     }
-    // FindbyTemplate: 2.2 % off on the far iron at 3000 fps (seed 23).
+    // The head-tracking speed within 2 % on the drawn swings; 2.2 % off on
+    // the far iron at 3000 fps (seed 23).
     column(kDelivery + 4, 100.0 * (report.headTrackingSpeed * 1000.0 / truth.clubHeadSpeedMps - 1));
-    EXPECT_LE(errors[kDelivery + 4].back(), 2.5) << line;
+    EXPECT_LT(errors[kDelivery + 4].back(), r < kDrawnRows ? 2.0 : 2.5) << line;
 
     // The club delivery: every value within its limit and within four of its
     // standard errors, most within three.
