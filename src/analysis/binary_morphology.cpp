@@ -154,29 +154,56 @@ void BitMask::FixPadding(uint64_t* plane, bool fill) const {
   }
 }
 
-void BitMask::ShiftCombine(const uint64_t* src, uint64_t* dst, int n, int d, bool erode) {
-  const uint64_t fill = erode ? kOnes : 0;
+namespace {
+
+// BitMask::ShiftCombine for one operation: the words whose reads lie inside
+// the row run in a plain loop, the few at its ends read the border.
+template <bool kErode>
+void ShiftCombineRow(const uint64_t* src, uint64_t* dst, int n, int d) {
+  const uint64_t fill = kErode ? kOnes : 0;
   const int q = d >= 0 ? d / 64 : -((-d + 63) / 64);
   const int r = d - 64 * q;
+  const auto op = [](uint64_t a, uint64_t b) { return kErode ? (a & b) : (a | b); };
   const auto word = [&](int i) { return (i >= 0 && i < n) ? src[i] : fill; };
+  const auto edge = [&](int w) {
+    uint64_t shifted = word(w + q) >> r;
+    if (r != 0) shifted |= word(w + q + 1) << (64 - r);
+    dst[w] = op(src[w], shifted);
+  };
   // Words w whose reads w + q and w + q + 1 both lie inside the row.
   const int inFirst = std::max(0, -q), inLast = std::min(n - 1, n - 2 - q);
-  const auto one = [&](int w) {
-    uint64_t shifted;
-    if (w >= inFirst && w <= inLast) {
-      shifted = r == 0 ? src[w + q] : (src[w + q] >> r) | (src[w + q + 1] << (64 - r));
-    } else {
-      shifted = word(w + q) >> r;
-      if (r != 0) shifted |= word(w + q + 1) << (64 - r);
-    }
-    dst[w] = erode ? (src[w] & shifted) : (src[w] | shifted);
-  };
   // In place (src == dst) each word is written after the words it reads:
   // a shift to the left reads higher words, one to the right lower ones.
   if (d >= 0) {
-    for (int w = 0; w < n; ++w) one(w);
+    int w = 0;
+    for (; w < n && w < inFirst; ++w) edge(w);
+    if (r == 0) {
+      for (; w <= inLast; ++w) dst[w] = op(src[w], src[w + q]);
+    } else {
+      for (; w <= inLast; ++w) dst[w] = op(src[w], (src[w + q] >> r) | (src[w + q + 1] << (64 - r)));
+    }
+    for (; w < n; ++w) edge(w);
   } else {
-    for (int w = n - 1; w >= 0; --w) one(w);
+    int w = n - 1;
+    for (; w >= 0 && w > inLast; --w) edge(w);
+    if (r == 0) {
+      for (; w >= inFirst; --w) dst[w] = op(src[w], src[w + q]);
+    } else {
+      for (; w >= inFirst; --w) {
+        dst[w] = op(src[w], (src[w + q] >> r) | (src[w + q + 1] << (64 - r)));
+      }
+    }
+    for (; w >= 0; --w) edge(w);
+  }
+}
+
+}  // namespace
+
+void BitMask::ShiftCombine(const uint64_t* src, uint64_t* dst, int n, int d, bool erode) {
+  if (erode) {
+    ShiftCombineRow<true>(src, dst, n, d);
+  } else {
+    ShiftCombineRow<false>(src, dst, n, d);
   }
 }
 
