@@ -301,8 +301,27 @@ void BitMask::Morph(const Kernel& kernel, bool erode) {
     std::memcpy(bits_.data(), column_.data(),
                 static_cast<size_t>(rows_) * words_ * sizeof(uint64_t));
   } else {
+    // An all-0 row of the image stays 0 under an erosion (the kernel holds
+    // the pixel itself); a dilation gives 0 where every row within reach is
+    // all 0. Such rows are written without combining.
+    mixedBefore_.resize(static_cast<size_t>(rows_) + 1);
+    mixedBefore_[0] = 0;
+    for (int y = 0; y < rows_; ++y) {
+      mixedBefore_[static_cast<size_t>(y) + 1] =
+          mixedBefore_[static_cast<size_t>(y)] + (constantRow_[static_cast<size_t>(y)] != 1 ? 1 : 0);
+    }
+    const auto noneSet = [&](int from, int to) {  // rows from..to, clipped to the image
+      from = std::max(from, 0);
+      to = std::min(to, rows_ - 1);
+      return mixedBefore_[static_cast<size_t>(to) + 1] == mixedBefore_[static_cast<size_t>(from)];
+    };
     for (int y = 0; y < rows_; ++y) {
       uint64_t* out = bits_.data() + static_cast<size_t>(y) * words_;
+      const bool zero = erode ? noneSet(y, y) : noneSet(y - reach, y + reach);
+      if (zero) {
+        std::fill(out, out + words_, uint64_t{0});
+        continue;
+      }
       std::fill(out, out + words_, identity);
       for (int i = 0; i < kernel.size; ++i) {
         const int yy = y + i - reach;
