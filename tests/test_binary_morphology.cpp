@@ -103,6 +103,11 @@ TEST(BinaryMorphology, SameAsMorphologyExOnSwingChangeMasks) {
     EXPECT_TRUE(Same(fast, literal)) << "presence chain, mask " << k;
     EXPECT_EQ(blob, expected) << "presence, mask " << k;
     present += blob;
+    BitMask packed;  // the same refined mask kept packed
+    int packedBlob = -1;
+    ASSERT_TRUE(RefineCandidateMaskPacked(mask, &packed, fast, &packedBlob));
+    packed.Unpack(fast);
+    EXPECT_TRUE(Same(fast, literal) && packedBlob == expected) << "packed presence, mask " << k;
   }
   EXPECT_GT(present, 10);
 }

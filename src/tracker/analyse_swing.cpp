@@ -5,6 +5,7 @@
 #include <tbb/parallel_for.h>
 
 #include "analysis/analysis.h"
+#include "analysis/binary_morphology.h"
 #include "tracker/find_lines.h"
 
 namespace {
@@ -35,11 +36,17 @@ int AgreedHeadSize(const std::vector<int>& sizes) {
   return positive[(2 * positive.size()) / 3];
 }
 
-// The refined masks of the presence test. They stay with the thread between
-// calls, so a later swing of the same frame size writes into pages already
-// mapped.
-std::vector<cv::Mat>& ThreadMasks(int camera) {
-  thread_local std::vector<cv::Mat> masks[2];
+// The refined masks of the presence test, as bit planes and unpacked. They
+// stay with the thread between calls, so a later swing of the same frame
+// size writes into pages already mapped.
+struct RefinedMasks {
+  std::vector<BitMask> packed;
+  std::vector<char> isPacked;
+  std::vector<cv::Mat> masks;
+};
+
+RefinedMasks& ThreadMasks(int camera) {
+  thread_local RefinedMasks masks[2];
   return masks[camera];
 }
 
@@ -80,19 +87,24 @@ bool AnalyseSwing(ClubTracker& tracker, const SwingStages& stages,
 
   // Presence test, frames spread over the cores (each touches only its own
   // slots).
+  // The refined masks stay packed until the head sizes need them.
+  RefinedMasks* refined[2] = {&ThreadMasks(0), &ThreadMasks(1)};
   for (int c = 0; c < 2; ++c) {
-    out.refined[c] = &ThreadMasks(c);
-    out.refined[c]->resize(static_cast<size_t>(n));
+    refined[c]->packed.resize(static_cast<size_t>(n));
+    refined[c]->isPacked.assign(static_cast<size_t>(n), 0);
+    refined[c]->masks.resize(static_cast<size_t>(n));
+    out.refined[c] = &refined[c]->masks;
     out.present[c].assign(static_cast<size_t>(n), 0);
   }
   tbb::parallel_for(0, n, [&](int k) {
     for (int c = 0; c < 2; ++c) {
       const cv::Mat& mask = out.cand[c][k]->image;
-      cv::Mat& refined = (*out.refined[c])[k];
+      cv::Mat& unpacked = refined[c]->masks[k];
       if (stages.presence != nullptr) {
-        out.present[c][k] = stages.presence(mask, refined);
+        out.present[c][k] = stages.presence(mask, unpacked);
       } else {
-        RefineCandidateMask(mask, refined, &out.present[c][k]);
+        refined[c]->isPacked[k] =
+            RefineCandidateMaskPacked(mask, &refined[c]->packed[k], unpacked, &out.present[c][k]);
       }
     }
   });
@@ -105,6 +117,11 @@ bool AnalyseSwing(ClubTracker& tracker, const SwingStages& stages,
   // Driver-head size, measured in parallel over each camera's frames.
   out.headValue[0] = out.headValue[1] = 0;
   if (out.bothPresent > 10) {
+    tbb::parallel_for(0, n, [&](int k) {
+      for (int c = 0; c < 2; ++c) {
+        if (refined[c]->isPacked[k] != 0) refined[c]->packed[k].Unpack(refined[c]->masks[k]);
+      }
+    });
     std::vector<int> sizes;
     for (int c = 0; c < 2; ++c) {
       MeasureHeadSizes(tracker, out.cand[c], *out.refined[c], sizes);

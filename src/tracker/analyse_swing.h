@@ -44,7 +44,7 @@ SwingStages StagesOf() {
 enum class SwingStage {
   kPreprocessed,
   kCandidateAreas,     // failedCamera tells which camera found none, if one did
-  kPresence,           // refined masks and presence flags made, masks untouched
+  kPresence,           // presence flags made, masks untouched
   kHeadsDeleted,       // head sizes agreed, head disc painted out of every mask
   kLinePass,           // after each pass's extraction, before its decision
   kLinesDone,          // foundPair is final
@@ -59,8 +59,9 @@ struct SwingAnalysis {
   std::vector<PreprocessedImage*> pre[2];
   std::vector<CandidateAreaImage*> cand[2];
   int failedCamera = 0;  // 1 or 2 when that camera's candidate areas failed
-  // Refined masks of the presence test: the calling thread's, valid until
-  // the thread's next analysis.
+  // Refined masks of the presence test, written when the head sizes are
+  // measured (or by a replaced presence test): the calling thread's, valid
+  // until the thread's next analysis.
   std::vector<cv::Mat>* refined[2] = {nullptr, nullptr};
   std::vector<int> present[2];
   int bothPresent = 0;
