@@ -7,6 +7,9 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
 
 namespace {
 
@@ -38,6 +41,41 @@ struct Accumulator {
   int stride = 0;
   std::vector<float> xs, ys;  // the frame's edge points
 };
+
+#if defined(__x86_64__)
+bool Avx2() {
+  static const bool supported = __builtin_cpu_supports("avx2") != 0;
+  return supported;
+}
+
+// The local maxima among cells r .. last of the accumulator row starting at
+// `v` (rho index r at v[r]), eight cells at a time, by the rule of
+// HoughVotes::Vote; appends the cells (index `row` + r) in order and returns
+// the first r left unscanned.
+__attribute__((target("avx2"))) int ScanMaximaAvx2(const int* v, int stride, int r, int last,
+                                                   int row, std::vector<int>& cells) {
+  const __m256i zero = _mm256_setzero_si256();
+  for (; r + 7 <= last; r += 8) {
+    const int* p = v + r;
+#define CLUBTRACKER_AT(d) _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + (d)))
+    const __m256i c = CLUBTRACKER_AT(0);
+    __m256i pass = _mm256_cmpgt_epi32(c, zero);
+    pass = _mm256_and_si256(pass, _mm256_cmpgt_epi32(c, CLUBTRACKER_AT(-1)));
+    pass = _mm256_andnot_si256(_mm256_cmpgt_epi32(CLUBTRACKER_AT(1), c), pass);
+    pass = _mm256_and_si256(pass, _mm256_cmpgt_epi32(c, CLUBTRACKER_AT(-stride)));
+    pass = _mm256_andnot_si256(_mm256_cmpgt_epi32(CLUBTRACKER_AT(stride), c), pass);
+#undef CLUBTRACKER_AT
+    const int bits = _mm256_movemask_ps(_mm256_castsi256_ps(pass));
+    for (int g = 0; bits != 0 && g < 8; ++g) {
+      if ((bits >> g) & 1) cells.push_back(row + r + g);
+    }
+  }
+  return r;
+}
+#else
+bool Avx2() { return false; }
+int ScanMaximaAvx2(const int*, int, int r, int, int, std::vector<int>&) { return r; }
+#endif
 
 Accumulator& ThreadAccumulator() {
   thread_local Accumulator accumulator;
@@ -141,17 +179,19 @@ void HoughVotes::Vote(const cv::Mat& edges, cv::Point offset, cv::Size frame) {
     if (v > 0 && v > a[base - 1] && v >= a[base + 1] && v > a[base - stride] &&
         v >= a[base + stride]) {
       votes_.push_back(base);  // cell for now
-      most = std::max(most, v);
     }
   };
+  const bool wide = Avx2();
   for (int n = 0; n < kAngles; ++n) {
+    const int row = (n + 1) * stride + 1;
     int r = rowLow[n];
     const int last = rowHigh[n];
+    if (wide) r = ScanMaximaAvx2(a + row, stride, r, last, row, votes_);
 #if defined(__SSE2__)
     // Four cells at a time; the cells that pass are taken in cell order.
     const __m128i zero = _mm_setzero_si128();
     for (; r + 3 <= last; r += 4) {
-      const int* v = a + (n + 1) * stride + r + 1;
+      const int* v = a + row + r;
       const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i*>(v));
       const auto at = [v](int d) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(v + d)); };
       __m128i pass = _mm_cmpgt_epi32(c, zero);
@@ -162,12 +202,13 @@ void HoughVotes::Vote(const cv::Mat& edges, cv::Point offset, cv::Size frame) {
       const int bits = _mm_movemask_ps(_mm_castsi128_ps(pass));
       if (bits == 0) continue;
       for (int g = 0; g < 4; ++g) {
-        if ((bits >> g) & 1) maximum((n + 1) * stride + r + g + 1);
+        if ((bits >> g) & 1) maximum(row + r + g);
       }
     }
 #endif
-    for (; r <= last; ++r) maximum((n + 1) * stride + r + 1);
+    for (; r <= last; ++r) maximum(row + r);
   }
+  for (const int cell : votes_) most = std::max(most, a[cell]);
   std::vector<int>& start = counts_;
   start.assign(static_cast<size_t>(most) + 2, 0);
   for (const int cell : votes_) ++start[static_cast<size_t>(most - a[cell]) + 1];
