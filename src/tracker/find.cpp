@@ -13,7 +13,6 @@
 
 #include <opencv2/core.hpp>
 
-#include "analysis/analysis.h"
 #include "tracker/analyse_swing.h"
 #include "tracker/frame_pairing.h"
 #include "tracker/records.h"

@@ -26,7 +26,8 @@ class LinePasses {
 
   // The masks of `cam1` and `cam2` (equal lengths) must not change while the
   // passes run: each frame's edge map and its Hough votes are made here, once,
-  // and serve every pass.
+  // and serve every pass. With `extract` given, each pass calls it for every
+  // frame of a camera it redoes instead.
   LinePasses(LineThreshold threshold, const std::vector<CandidateAreaImage*>& cam1,
              const std::vector<CandidateAreaImage*>& cam2, LineExtractor extract = nullptr);
 
