@@ -1,5 +1,9 @@
 #include "analysis/binary_morphology.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -50,6 +54,16 @@ bool BitMask::Pack(const cv::Mat& mask) {
       uint64_t word = 0;
       const int end = std::min(cols_, x + 64);
       int bit = 0;
+#if defined(__SSE2__)
+      // Sixteen pixels at a time: every byte 0 or 255, the top bits gathered.
+      for (; x + 16 <= end; x += 16, bit += 16) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + x));
+        const __m128i valid = _mm_or_si128(_mm_cmpeq_epi8(v, _mm_setzero_si128()),
+                                           _mm_cmpeq_epi8(v, _mm_set1_epi8(-1)));
+        if (_mm_movemask_epi8(valid) != 0xFFFF) return false;  // a byte other than 0 or 255
+        word |= static_cast<uint64_t>(static_cast<uint32_t>(_mm_movemask_epi8(v))) << bit;
+      }
+#endif
       for (; x + 8 <= end; x += 8, bit += 8) {
         uint64_t v;
         std::memcpy(&v, p + x, 8);
