@@ -1,57 +1,38 @@
 // Per-camera analysis stages on the default synthetic recording, camera 1:
 // candidate areas, shaft lines at the default divisor, head sizes.
-#include <algorithm>
-#include <memory>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 
 #include "analysis/analysis.h"
 #include "support/access.h"
+#include "support/find_stages.h"
 #include "synth/swing.h"
 
 namespace {
 
 using Access = ClubTrackerTestAccess;
 
-// Camera 1 of the default recording taken through the stages up to the head
-// deletion, once for all benchmarks.
+// Camera 1 of the default recording taken through Find's analysis up to the
+// head deletion, once for all benchmarks.
 struct AnalysisInputs {
   synth::Recording recording;
   ClubTracker tracker;
-  std::vector<std::unique_ptr<PreprocessedImage>> owned;
+  SwingAnalysis analysis;
   std::vector<PreprocessedImage*> pre;
   std::vector<CandidateAreaImage*> cand;  // head disc removed, no lines
   std::vector<cv::Mat> masks;             // refined masks
   std::vector<cv::Mat> edges;             // edge map per frame
-  int headValue = 0;
 
   AnalysisInputs() : recording(synth::Render(synth::SwingScene{})), tracker(recording.setting) {
-    for (ClubImage* image : recording.Cam1()) {
-      owned.push_back(std::make_unique<PreprocessedImage>());
-      Access::Preprocessing(tracker, image, owned.back().get());
-      pre.push_back(owned.back().get());
-    }
-    Access::FindCandidateArea(tracker, pre, cand);
-    masks.resize(cand.size());
-    for (size_t k = 0; k < cand.size(); ++k) {
-      int present = 0;
-      RefineCandidateMask(cand[k]->image, masks[k], &present);
-    }
-    std::vector<int> sizes;
-    MeasureHeadSizes(tracker, cand, masks, sizes);
-    std::vector<int> positive;
-    for (int s : sizes) {
-      if (s > 0) positive.push_back(s);
-    }
-    std::sort(positive.begin(), positive.end());
-    if (!positive.empty()) headValue = positive[(2 * positive.size()) / 3];
-    for (CandidateAreaImage* c : cand) Access::DeleteDriverHeadArea(tracker, c, headValue);
+    reference::AnalyseUpTo(tracker, recording.Cam1(), recording.Cam2(),
+                           SwingStage::kHeadsDeleted, analysis);
+    pre = analysis.pre[0];
+    cand = analysis.cand[0];
+    // The refined masks are the thread's until its next analysis: copied.
+    for (const cv::Mat& mask : *analysis.refined[0]) masks.push_back(mask.clone());
     edges.resize(cand.size());
     for (size_t k = 0; k < cand.size(); ++k) ComputeShaftEdges(cand[k]->image, edges[k]);
-  }
-  ~AnalysisInputs() {
-    for (CandidateAreaImage* c : cand) delete c;
   }
 };
 

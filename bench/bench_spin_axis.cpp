@@ -12,6 +12,7 @@
 
 #include "reconstruction/spin_axis.h"
 #include "support/access.h"
+#include "support/find_stages.h"
 #include "support/reference_spin_axis.h"
 #include "synth/swing.h"
 #include "tracker/records.h"
@@ -21,7 +22,7 @@ namespace {
 struct SpinAxisInput {
   ClubTrackerSetting setting{};
   std::vector<std::unique_ptr<CandidateAreaImage>> owned;
-  reference::Candidates extracted;
+  SwingAnalysis extracted;
   std::vector<CandidateAreaImage*> cam1;
   std::vector<CandidateAreaImage*> cam2;
 };
@@ -34,8 +35,8 @@ const SpinAxisInput& DefaultSwing() {
     in->setting = recording.setting;
     ClubTracker tracker(recording.setting);
     reference::ExtractLines(tracker, recording.Cam1(), recording.Cam2(), in->extracted);
-    in->cam1 = in->extracted.cam1;
-    in->cam2 = in->extracted.cam2;
+    in->cam1 = in->extracted.cand[0];
+    in->cam2 = in->extracted.cand[1];
     return in;
   }();
   return *input;

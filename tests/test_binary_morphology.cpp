@@ -76,6 +76,11 @@ TEST(BinaryMorphology, SameAsMorphologyExOnRandomMasks) {
   EXPECT_FALSE(bits.Pack(cv::Mat(4, 4, CV_8UC1, cv::Scalar(1))));
   EXPECT_FALSE(bits.Pack(cv::Mat(8, 8, CV_8UC1, cv::Scalar(255))(cv::Rect(1, 1, 4, 4))));
   EXPECT_FALSE(bits.Pack(cv::Mat()));
+  for (const int column : {0, 17, 70, 639}) {  // one stray byte, wherever it falls in a word
+    cv::Mat wide(3, 640, CV_8UC1, cv::Scalar(255));
+    wide.at<uchar>(1, column) = 128;
+    EXPECT_FALSE(bits.Pack(wide)) << column;
+  }
   const cv::Mat grey = (cv::Mat_<uchar>(3, 3) << 0, 7, 255, 9, 255, 0, 255, 255, 3);
   cv::Mat chained;
   MorphologyChain(grey, chained, {kSteps[0], kSteps[1]});
@@ -103,6 +108,11 @@ TEST(BinaryMorphology, SameAsMorphologyExOnSwingChangeMasks) {
     EXPECT_TRUE(Same(fast, literal)) << "presence chain, mask " << k;
     EXPECT_EQ(blob, expected) << "presence, mask " << k;
     present += blob;
+    BitMask packed;  // the same refined mask kept packed
+    int packedBlob = -1;
+    ASSERT_TRUE(RefineCandidateMaskPacked(mask, &packed, fast, &packedBlob));
+    packed.Unpack(fast);
+    EXPECT_TRUE(Same(fast, literal) && packedBlob == expected) << "packed presence, mask " << k;
   }
   EXPECT_GT(present, 10);
 }

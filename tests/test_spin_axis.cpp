@@ -13,6 +13,7 @@
 
 #include "reconstruction/spin_axis.h"
 #include "support/access.h"
+#include "support/find_stages.h"
 #include "support/reference_spin_axis.h"
 #include "synth/swing.h"
 #include "tracker/records.h"

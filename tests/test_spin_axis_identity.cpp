@@ -21,6 +21,7 @@
 #include "reconstruction/plane_solve.h"
 #include "reconstruction/spin_axis.h"
 #include "support/access.h"
+#include "support/find_stages.h"
 #include "support/reference_spin_axis.h"
 #include "synth/swing.h"
 #include "tracker/records.h"
@@ -139,12 +140,12 @@ TEST_P(RenderedSwing, ExtractedLines) {
   const SwingCase& param = GetParam();
   synth::Recording recording = synth::Render(param.scene);
   ClubTracker tracker(recording.setting);
-  reference::Candidates candidates;
+  SwingAnalysis candidates;
   ASSERT_TRUE(reference::ExtractLines(tracker, recording.Cam1(), recording.Cam2(), candidates))
       << "the analysis found too few line pairs";
   const double origin[3] = {0.0, 0.0, 0.0};
   Comparison c;
-  ExpectIdentical(recording.setting, candidates.cam1, candidates.cam2, origin, c);
+  ExpectIdentical(recording.setting, candidates.cand[0], candidates.cand[1], origin, c);
   EXPECT_GT(c.stats.hypotheses, 0u);
   EXPECT_EQ(c.optimised.found, 1);
 }
@@ -170,7 +171,8 @@ INSTANTIATE_TEST_SUITE_P(Swings, RenderedSwing, ::testing::ValuesIn(Swings()),
 
 class GoldenRecording : public ::testing::TestWithParam<const char*> {};
 
-// Both versions agree on the golden recordings and match their diagnostics.
+// Both versions agree on the golden recordings and match their diagnostics:
+// presence pairs, head sizes, every line pass and the spin axis.
 TEST_P(GoldenRecording, ExtractedLines) {
   if (Sanitized() && std::string(GetParam()) == "g01") GTEST_SKIP() << "one recording is enough";
   const std::filesystem::path dir = std::filesystem::path(CLUBTRACKER_GOLDEN_DIR) / GetParam();
@@ -179,15 +181,31 @@ TEST_P(GoldenRecording, ExtractedLines) {
   ASSERT_TRUE(LoadRecording(dir, recording, &error)) << error;
   std::ifstream file(dir / "expected.json");
   const nlohmann::json expected = nlohmann::json::parse(file);
-  const nlohmann::json& spin = expected["diagnostics"]["spinAxis"];
+  const nlohmann::json& diag = expected["diagnostics"];
+  const nlohmann::json& spin = diag["spinAxis"];
 
   ClubTracker tracker(recording.setting);
-  reference::Candidates candidates;
-  ASSERT_TRUE(reference::ExtractLines(tracker, recording.cam1, recording.cam2, candidates));
-  EXPECT_EQ(candidates.passes, static_cast<int>(expected["diagnostics"]["passes"].size()));
+  SwingAnalysis candidates;
+  size_t pass = 0;
+  reference::AnalyseUpTo(tracker, recording.cam1, recording.cam2, SwingStage::kLinesDone,
+                         candidates, [&](SwingStage stage, const SwingAnalysis& a) {
+                           if (stage != SwingStage::kLinePass) return;
+                           ASSERT_LT(pass, diag["passes"].size());
+                           const nlohmann::json& want = diag["passes"][pass++];
+                           for (int c = 0; c < 2; ++c) {
+                             EXPECT_EQ(a.lineSize[c], want["lineSize"][c].get<float>()) << pass;
+                             EXPECT_EQ(a.lineCount[c], want["lineCount"][c].get<int>()) << pass;
+                           }
+                           EXPECT_EQ(a.foundPair, want["foundPair"].get<int>()) << pass;
+                         });
+  EXPECT_EQ(pass, diag["passes"].size());
+  EXPECT_EQ(candidates.bothPresent, diag["bothPresent"].get<int>());
+  EXPECT_EQ(candidates.headValue[0], diag["headValues"][0].get<int>());
+  EXPECT_EQ(candidates.headValue[1], diag["headValues"][1].get<int>());
+  ASSERT_GE(candidates.foundPair, 3);
   const double origin[3] = {0.0, 0.0, 0.0};
   Comparison c;
-  ExpectIdentical(recording.setting, candidates.cam1, candidates.cam2, origin, c);
+  ExpectIdentical(recording.setting, candidates.cand[0], candidates.cand[1], origin, c);
 
   EXPECT_EQ(c.stats.linePairs, spin["linePairs"].get<uint64_t>());
   EXPECT_EQ(c.stats.evaluatedPairs, spin["evaluatedPairs"].get<uint64_t>());

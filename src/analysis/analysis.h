@@ -36,6 +36,15 @@ void ComputeShaftVotes(const cv::Mat& mask, HoughVotes& votes);
 int ExtractCandidatesFromVotes(CandidateAreaImage* candidate, const HoughVotes& votes,
                                int voteThreshold);
 
+class BitMask;
+
+// RefineCandidateMask that may leave the refined mask packed: when the bit
+// planes run the whole test and `packed` is given, the refined mask is
+// copied there (not written to refinedMask) and the answer is true;
+// otherwise it is written to refinedMask and the answer is false.
+bool RefineCandidateMaskPacked(const cv::Mat& candidateMask, BitMask* packed,
+                               cv::Mat& refinedMask, int* blobPresent);
+
 // Driver-head thickness of every frame of one camera, measured in parallel on
 // the refined masks (refinedMasks[k] belongs to candidates[k]). sizes is
 // resized to candidates.size(); sizes[k] is the thickness of frame k (0 when

@@ -70,6 +70,7 @@ class BitMask {
   std::vector<uint64_t> planes_;  // horizontal runs, one plane each
   std::vector<uint64_t> column_;  // row windows of a uniform kernel
   std::vector<char> constantRow_;  // per row: 0 mixed, 1 all 0, 2 all 1
+  std::vector<int> mixedBefore_;   // rows not all 0 above each row
   std::vector<Kernel> kernels_;
 };
 

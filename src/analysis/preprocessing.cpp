@@ -3,6 +3,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "analysis/analysis.h"
 #include "analysis/binary_morphology.h"
 #include "tracker/records.h"
 #include "tracker/validation_internal.h"
@@ -62,6 +63,11 @@ int PresenceSize(const cv::Mat& mask) {
 
 void RefineCandidateMask(const cv::Mat& candidateMask, cv::Mat& refinedMask,
                          int* blobPresent) {
+  RefineCandidateMaskPacked(candidateMask, nullptr, refinedMask, blobPresent);
+}
+
+bool RefineCandidateMaskPacked(const cv::Mat& candidateMask, BitMask* packed,
+                               cv::Mat& refinedMask, int* blobPresent) {
   // A 0/255 mask goes through the bit planes, which give the pixels of the
   // cv::morphologyEx chain below.
   BitMask& bits = ThreadBitMask();
@@ -69,13 +75,18 @@ void RefineCandidateMask(const cv::Mat& candidateMask, cv::Mat& refinedMask,
   for (const MorphStep& step : kRefineSteps) exact = exact && bits.Supports(step);
   if (exact && bits.Pack(candidateMask)) {
     for (const MorphStep& step : kRefineSteps) bits.Apply(step);
-    bits.Unpack(refinedMask);
-    const MorphStep presence{cv::MORPH_ERODE, cv::MORPH_RECT, PresenceSize(refinedMask)};
+    const MorphStep presence{cv::MORPH_ERODE, cv::MORPH_RECT, PresenceSize(candidateMask)};
+    const bool keepPacked = packed != nullptr && bits.Supports(presence);
+    if (keepPacked) {
+      bits.CopyTo(*packed);
+    } else {
+      bits.Unpack(refinedMask);
+    }
     if (bits.Supports(presence)) {
       bits.ClearFrame();
       bits.Apply(presence);
       *blobPresent = bits.Any() ? 1 : 0;
-      return;
+      return keepPacked;
     }
   } else {
     MorphologyChainLiteral(candidateMask, refinedMask, kRefineSteps);
@@ -97,4 +108,5 @@ void RefineCandidateMask(const cv::Mat& candidateMask, cv::Mat& refinedMask,
   }
   MorphologyChainLiteral(test, test, {{cv::MORPH_ERODE, cv::MORPH_RECT, s}});
   *blobPresent = cv::sum(test)[0] > 0.0 ? 1 : 0;
+  return false;
 }

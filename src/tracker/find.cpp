@@ -12,10 +12,8 @@
 #include <vector>
 
 #include <opencv2/core.hpp>
-#include <tbb/parallel_for.h>
 
-#include "analysis/analysis.h"
-#include "tracker/find_lines.h"
+#include "tracker/analyse_swing.h"
 #include "tracker/frame_pairing.h"
 #include "tracker/records.h"
 #include "tracker/validation_internal.h"
@@ -23,45 +21,6 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-// Takes the records that a stage appended to `made` into `owned`. Every record
-// is owned once this returns or throws.
-template <typename T>
-void Adopt(const std::vector<T*>& made, std::vector<std::unique_ptr<T>>& owned) {
-  try {
-    owned.reserve(owned.size() + made.size());
-  } catch (...) {
-    for (T* record : made) std::unique_ptr<T> release(record);
-    throw;
-  }
-  for (T* record : made) owned.emplace_back(record);  // capacity reserved: cannot throw
-}
-
-// The head size a camera's frames agree on: the element at two thirds of the
-// sorted positive sizes; 0 when no frame gave one.
-int AgreedHeadSize(std::vector<int>& sizes) {
-  std::vector<int> positive;
-  positive.reserve(sizes.size());
-  for (const int size : sizes) {
-    if (size > 0) positive.push_back(size);
-  }
-  std::fill(sizes.begin(), sizes.end(), 0);
-  if (positive.empty()) return 0;
-  std::sort(positive.begin(), positive.end());
-  return positive[(2 * positive.size()) / 3];
-}
-
-// The refined masks of the presence test. They stay with the thread between
-// calls, so a later swing of the same frame size writes into pages already
-// mapped.
-struct RefinedMasks {
-  std::vector<cv::Mat> refined[2];
-};
-
-RefinedMasks& ThreadMasks() {
-  thread_local RefinedMasks masks;
-  return masks;
-}
 
 // One line of text without line breaks, for the failure log line.
 std::string OneLine(const char* text) {
@@ -107,117 +66,61 @@ int ClubTracker::Find(std::vector<ClubImage*> cam1Images, std::vector<ClubImage*
     std::vector<ClubImage*> pairs2;
     PairFrames(cam1Images, cam2Images, pairs1, pairs2);
 
-    // Working records. The owning lists free them on every way out; the
-    // stages see plain pointer lists.
-    std::vector<std::unique_ptr<PreprocessedImage>> ownedPre;
-    std::vector<std::unique_ptr<CandidateAreaImage>> ownedCand;
-    ownedPre.reserve(pairs1.size() + pairs2.size());
-    std::vector<PreprocessedImage*> pre1;
-    std::vector<PreprocessedImage*> pre2;
-    for (const auto& [pairs, pre] : {std::pair{&pairs1, &pre1}, std::pair{&pairs2, &pre2}}) {
-      pre->reserve(pairs->size());
-      for (ClubImage* frame : *pairs) {
-        ownedPre.push_back(std::make_unique<PreprocessedImage>());
-        PreprocessedImage* record = ownedPre.back().get();
-        Preprocessing(frame, record);
-        pre->push_back(record);
+    // The tracker's stages as the analysis reaches them.
+    struct Stages {
+      static int Preprocessing(ClubTracker& t, ClubImage* s, PreprocessedImage* p) {
+        return t.Preprocessing(s, p);
       }
-    }
-
-    std::vector<CandidateAreaImage*> cand1;
-    std::vector<CandidateAreaImage*> cand2;
-    const auto findAreas = [&](const std::vector<PreprocessedImage*>& pre,
-                               std::vector<CandidateAreaImage*>& cand) {
-      int found = 0;
-      try {
-        found = FindCandidateArea(pre, cand);
-      } catch (...) {
-        Adopt(cand, ownedCand);
-        throw;
+      static int FindCandidateArea(ClubTracker& t, const std::vector<PreprocessedImage*>& f,
+                                   std::vector<CandidateAreaImage*>& c) {
+        return t.FindCandidateArea(f, c);
       }
-      Adopt(cand, ownedCand);
-      return found;
+      static int GetLineThreshold(ClubTracker& t, CandidateAreaImage* c, float divisor) {
+        return t.GetLineThreshold(c, divisor);
+      }
+      static int DeleteDriverHeadArea(ClubTracker& t, CandidateAreaImage* c, int radius) {
+        return t.DeleteDriverHeadArea(c, radius);
+      }
+      static int FindClubSpinAxis(ClubTracker& t, const std::vector<CandidateAreaImage*>& a,
+                                  const std::vector<CandidateAreaImage*>& b,
+                                  ClubSpinAxis3D& axis) {
+        return t.FindClubSpinAxis(a, b, axis);
+      }
+      static int FindShaftAndHead(ClubTracker& t, const std::vector<CandidateAreaImage*>& a,
+                                  const std::vector<CandidateAreaImage*>& b,
+                                  const ClubSpinAxis3D& axis, ClubTrackerResult& r) {
+        return t.FindShaftAndHead(a, b, axis, r);
+      }
     };
-    if (findAreas(pre1, cand1) == 0) {
-      Log("Cam1 FindCandidateArea failed\n");
+    // The driver's log lines and time checks between the stages.
+    const auto hook = [&](SwingStage stage, const SwingAnalysis& a) {
+      switch (stage) {
+        case SwingStage::kCandidateAreas:
+          if (a.failedCamera != 0) Log("Cam%d FindCandidateArea failed\n", a.failedCamera);
+          return true;
+        case SwingStage::kLinePass:
+          Log("cam1LineSize(%f - %d), cam2LineSize(%f - %d), foundPair:%d",
+              static_cast<double>(a.lineSize[0]), a.lineCount[0],
+              static_cast<double>(a.lineSize[1]), a.lineCount[1], a.foundPair);
+          return !timeUp();
+        case SwingStage::kLinesDone:
+          if (a.foundPair < 3) {
+            Log("Cannot find enough line pairs.");
+          } else {
+            clubtracker::CheckCalibration(setting, problems);
+            logProblems();
+          }
+          return true;
+        case SwingStage::kHeadsDeleted:
+        case SwingStage::kSpinAxis:
+          return !timeUp();
+        default:
+          return true;
+      }
+    };
+    SwingAnalysis analysis;
+    if (!AnalyseSwing(*this, StagesOf<Stages>(), pairs1, pairs2, &result, hook, analysis)) {
       return 0;
-    }
-    if (findAreas(pre2, cand2) == 0) {
-      Log("Cam2 FindCandidateArea failed\n");
-      return 0;
-    }
-    if (cand1.size() != cand2.size()) return 0;
-    const int n = static_cast<int>(cand1.size());
-
-    // Presence test, frames spread over the cores (each touches only its own
-    // slots).
-    std::vector<cv::Mat>& masks1 = ThreadMasks().refined[0];
-    std::vector<cv::Mat>& masks2 = ThreadMasks().refined[1];
-    masks1.resize(static_cast<size_t>(n));
-    masks2.resize(static_cast<size_t>(n));
-    std::vector<int> present1(static_cast<size_t>(n), 0);
-    std::vector<int> present2(static_cast<size_t>(n), 0);
-    tbb::parallel_for(0, n, [&](int k) {
-      RefineCandidateMask(cand1[k]->image, masks1[k], &present1[k]);
-      RefineCandidateMask(cand2[k]->image, masks2[k], &present2[k]);
-    });
-    int bothPresent = 0;
-    for (int k = 0; k < n; ++k) {
-      if (present1[k] == 1 && present2[k] == 1) ++bothPresent;
-    }
-
-    // Driver-head size, measured in parallel over each camera's frames.
-    int headValue1 = 0;
-    int headValue2 = 0;
-    if (bothPresent > 10) {
-      std::vector<int> sizes(static_cast<size_t>(n), 0);
-      MeasureHeadSizes(*this, cand1, masks1, sizes);
-      headValue1 = AgreedHeadSize(sizes);
-      sizes.assign(static_cast<size_t>(n), 0);
-      MeasureHeadSizes(*this, cand2, masks2, sizes);
-      headValue2 = AgreedHeadSize(sizes);
-      if (headValue1 <= 0 || headValue2 <= 0) return 0;
-    }
-
-    for (int k = 0; k < n; ++k) {
-      DeleteDriverHeadArea(cand1[k], headValue1);
-      DeleteDriverHeadArea(cand2[k], headValue2);
-    }
-    if (timeUp()) return 0;
-
-    // Adaptive line extraction. The masks stay as they are from here on, so
-    // each frame's edge map is made once and serves every pass.
-    int foundPair = 0;
-    {
-      LinePasses passes(
-          [this](CandidateAreaImage* area, float lineSize) {
-            return GetLineThreshold(area, lineSize);
-          },
-          cand1, cand2);
-      do {
-        passes.Extract();
-        if (cand1.size() != cand2.size()) return 0;
-        Log("cam1LineSize(%f - %d), cam2LineSize(%f - %d), foundPair:%d",
-            static_cast<double>(passes.lineSize(0)), passes.lineCount(0),
-            static_cast<double>(passes.lineSize(1)), passes.lineCount(1), passes.foundPair());
-        passes.Decide();
-        if (timeUp()) return 0;
-      } while (passes.Again());
-      foundPair = passes.foundPair();
-    }
-
-    // Spin axis, then shaft, head and speed.
-    if (foundPair < 3) {
-      Log("Cannot find enough line pairs.");
-    } else {
-      ClubSpinAxis3D spinAxis;
-      spinAxis.firstFrame = 0;
-      spinAxis.secondFrame = 0;
-      clubtracker::CheckCalibration(setting, problems);
-      logProblems();
-      FindClubSpinAxis(cand1, cand2, spinAxis);
-      if (timeUp()) return 0;
-      FindShaftAndHead(cand1, cand2, spinAxis, result);
     }
 
     // Club-speed fall-back through the virtual table.

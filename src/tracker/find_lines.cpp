@@ -15,9 +15,10 @@ void ClearLines(const std::vector<CandidateAreaImage*>& areas) {
 }  // namespace
 
 LinePasses::LinePasses(LineThreshold threshold, const std::vector<CandidateAreaImage*>& cam1,
-                       const std::vector<CandidateAreaImage*>& cam2)
-    : threshold_(std::move(threshold)), areas_{&cam1, &cam2} {
+                       const std::vector<CandidateAreaImage*>& cam2, LineExtractor extract)
+    : threshold_(std::move(threshold)), extract_(std::move(extract)), areas_{&cam1, &cam2} {
   frames_ = static_cast<int>(cam1.size());
+  if (extract_) return;
   for (int c = 0; c < 2; ++c) {
     const std::vector<CandidateAreaImage*>& areas = *areas_[c];
     votes_[c].resize(areas.size());
@@ -45,6 +46,10 @@ void LinePasses::Extract() {
       } else {
         thresholds_[k] = before;
       }
+    }
+    if (extract_) {
+      for (size_t k = 0; k < areas.size(); ++k) extract_(areas[k], thresholds_[k]);
+      continue;
     }
     // Each frame appends only to its own record.
     tbb::parallel_for(size_t{0}, areas.size(), [&](size_t k) {

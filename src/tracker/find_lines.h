@@ -15,6 +15,9 @@
 // The Hough vote threshold of a frame for a line size (the tracker's
 // GetLineThreshold).
 using LineThreshold = std::function<int(CandidateAreaImage*, float)>;
+// Another way to extract one frame's lines for a vote threshold (appending
+// to its record), run in each pass instead of the frame's votes.
+using LineExtractor = std::function<void(CandidateAreaImage*, int)>;
 
 class LinePasses {
  public:
@@ -23,9 +26,10 @@ class LinePasses {
 
   // The masks of `cam1` and `cam2` (equal lengths) must not change while the
   // passes run: each frame's edge map and its Hough votes are made here, once,
-  // and serve every pass.
+  // and serve every pass. With `extract` given, each pass calls it for every
+  // frame of a camera it redoes instead.
   LinePasses(LineThreshold threshold, const std::vector<CandidateAreaImage*>& cam1,
-             const std::vector<CandidateAreaImage*>& cam2);
+             const std::vector<CandidateAreaImage*>& cam2, LineExtractor extract = nullptr);
 
   // One pass: extracts the lines of each camera marked for it, then counts.
   void Extract();
@@ -42,6 +46,7 @@ class LinePasses {
 
  private:
   LineThreshold threshold_;
+  LineExtractor extract_;
   const std::vector<CandidateAreaImage*>* areas_[2];
   std::vector<HoughVotes> votes_[2];  // of each frame's edge map
   std::vector<int> thresholds_;  // of each frame in the current pass

@@ -1,12 +1,8 @@
 // Straightforward cv::Mat version of the stereo spin-axis search, kept in the
 // tests only. Every quantity is formed with the plain matrix operations, one
 // heap matrix at a time, without any caching: the optimised search in the
-// library must reproduce it bit for bit. The inputs it is run on come from
-// support/find_stages.h.
+// library must reproduce it bit for bit.
 #pragma once
-
-#include <tbb/blocked_range.h>
-#include <tbb/parallel_for.h>
 
 #include <algorithm>
 #include <cmath>
@@ -17,8 +13,6 @@
 #include <vector>
 
 #include "imageprocess/ImageProcess.h"
-#include "support/access.h"
-#include "support/find_stages.h"
 #include "tracker/records.h"
 
 namespace reference {
@@ -111,88 +105,51 @@ inline void ImageLineToPlane(cv::Mat& normal, std::vector<CandidateAreaImage*> a
 
 // ---------------------------------------------------------------- inliers
 
-struct CollectInliersBody {
-  std::vector<ClubSpinAxis3D> axes;
-  std::vector<CandidateAreaImage*> cam1Areas;
-  std::vector<SpinAxisInlier>* result;
-  cv::Mat rayMatrix1;
-  cv::Mat center1;
-  std::vector<CandidateAreaImage*> cam2Areas;
-  cv::Mat rayMatrix2;
-  cv::Mat center2;
-  int threshold;
-
-  void Collect(int index) const {
-    ClubSpinAxis3D h = axes[index];
-    cv::Mat x(3, 1, CV_64F, h.pivot);
-    std::vector<SpinAxisInlier>& list = result[index];
-    for (int j = 0; j < (int)cam1Areas.size(); ++j) {
-      if (j == h.firstFrame) {
-        SpinAxisInlier in;
-        in.frame = j;
-        in.cam1Line = h.firstCam1Line;
-        in.cam2Line = h.firstCam2Line;
-        list.push_back(in);
-        continue;
-      }
-      if (j == h.secondFrame) {
-        SpinAxisInlier in;
-        in.frame = j;
-        in.cam1Line = h.secondCam1Line;
-        in.cam2Line = h.secondCam2Line;
-        list.push_back(in);
-        continue;
-      }
-      double best1 = std::numeric_limits<double>::max();
-      int k1 = 0;
-      for (int k = 0; k < (int)cam1Areas[j]->lines.size(); ++k) {
+// The inliers of hypothesis h, threshold 10.
+inline void CollectInliers(const ClubSpinAxis3D& h, std::vector<CandidateAreaImage*> cam1Areas,
+                           const Camera& c1, std::vector<CandidateAreaImage*> cam2Areas,
+                           const Camera& c2, std::vector<SpinAxisInlier>& list) {
+  const int threshold = 10;
+  cv::Mat x(3, 1, CV_64F, const_cast<double*>(h.pivot));
+  for (int j = 0; j < (int)cam1Areas.size(); ++j) {
+    if (j == h.firstFrame || j == h.secondFrame) {
+      const bool first = j == h.firstFrame;
+      list.push_back({j, first ? h.firstCam1Line : h.secondCam1Line,
+                      first ? h.firstCam2Line : h.secondCam2Line});
+      continue;
+    }
+    int nearest[2] = {0, 0};
+    double best[2] = {std::numeric_limits<double>::max(), std::numeric_limits<double>::max()};
+    for (int c = 0; c < 2; ++c) {
+      const std::vector<CandidateAreaImage*>& areas = c == 0 ? cam1Areas : cam2Areas;
+      const Camera& cam = c == 0 ? c1 : c2;
+      for (int k = 0; k < (int)areas[j]->lines.size(); ++k) {
         cv::Mat normal;
-        ImageLineToPlane(normal, cam1Areas, j, cam1Areas[j]->lines[k], rayMatrix1);
-        double d = std::abs((normal.dot(x) - normal.dot(center1)) / sqrt(normal.dot(normal)));
-        if (d < best1) {
-          best1 = d;
-          k1 = k;
+        ImageLineToPlane(normal, areas, j, areas[j]->lines[k], cam.rayMatrix);
+        double d = std::abs((normal.dot(x) - normal.dot(cam.center)) / sqrt(normal.dot(normal)));
+        if (d < best[c]) {
+          best[c] = d;
+          nearest[c] = k;
         }
-      }
-      double best2 = std::numeric_limits<double>::max();
-      int k2 = 0;
-      for (int k = 0; k < (int)cam2Areas[j]->lines.size(); ++k) {
-        cv::Mat normal;
-        ImageLineToPlane(normal, cam2Areas, j, cam2Areas[j]->lines[k], rayMatrix2);
-        double d = std::abs((normal.dot(x) - normal.dot(center2)) / sqrt(normal.dot(normal)));
-        if (d < best2) {
-          best2 = d;
-          k2 = k;
-        }
-      }
-      if (threshold > best1 && threshold > best2) {
-        SpinAxisInlier in;
-        in.frame = j;
-        in.cam1Line = cam1Areas[j]->lines[k1];
-        in.cam2Line = cam2Areas[j]->lines[k2];
-        list.push_back(in);
       }
     }
+    if (threshold > best[0] && threshold > best[1]) {
+      list.push_back({j, cam1Areas[j]->lines[nearest[0]], cam2Areas[j]->lines[nearest[1]]});
+    }
   }
-
-  void operator()(const tbb::blocked_range<int>& range) const {
-    for (int i = range.begin(); i != range.end(); ++i) Collect(i);
-  }
-};
+}
 
 inline int SelectSpinAxisInliers(const ClubTrackerSetting& setting,
                                  std::vector<CandidateAreaImage*> cam1Areas,
                                  std::vector<CandidateAreaImage*> cam2Areas,
                                  std::vector<ClubSpinAxis3D>& axes) {
-  int n = (int)axes.size();
-  std::vector<SpinAxisInlier>* result = new std::vector<SpinAxisInlier>[n];
   Camera c1 = MakeCamera(setting.cam1Intrinsic, setting.cam1Extrinsic);
   Camera c2 = MakeCamera(setting.cam2Intrinsic, setting.cam2Extrinsic);
-  CollectInliersBody body{axes,         cam1Areas, result, c1.rayMatrix, c1.center, cam2Areas,
-                          c2.rayMatrix, c2.center, 10};
-  tbb::parallel_for(tbb::blocked_range<int>(0, n, 1), body);
-  for (int i = 0; i < n; ++i) axes[i].inliers = result[i];
-  delete[] result;
+  for (ClubSpinAxis3D& h : axes) {
+    std::vector<SpinAxisInlier> list;
+    CollectInliers(h, cam1Areas, c1, cam2Areas, c2, list);
+    h.inliers = list;
+  }
   return 1;
 }
 
@@ -205,78 +162,50 @@ struct LinePair {
   cv::Vec2f cam1Second;
   cv::Vec2f cam2First;
   cv::Vec2f cam2Second;
-  std::vector<SpinAxisInlier> inliers;
 };
 
-struct EvaluateBody {
-  int chunk;
-  int start;
-  int count;
-  std::vector<LinePair> pairs;
-  std::vector<CandidateAreaImage*> cam1Areas;
-  cv::Mat rayMatrix1;
-  cv::Mat center1;
-  std::vector<CandidateAreaImage*> cam2Areas;
-  cv::Mat rayMatrix2;
-  cv::Mat center2;
-  const ClubTrackerSetting* setting;
-  const double* referencePoint;
-  ClubSpinAxis3D* slots;
-  double maxResidual;
-  double minAlong;
-  double maxAlong;
-  double minDistance;
-  double maxDistance;
-
-  void Evaluate(int g, ClubSpinAxis3D& slot) const {
-    const LinePair& p = pairs[g];
-    cv::Mat n0, n1, n2, n3;
-    ImageLineToPlane(n0, cam1Areas, p.firstFrame, p.cam1First, rayMatrix1);
-    ImageLineToPlane(n1, cam1Areas, p.secondFrame, p.cam1Second, rayMatrix1);
-    ImageLineToPlane(n2, cam2Areas, p.firstFrame, p.cam2First, rayMatrix2);
-    ImageLineToPlane(n3, cam2Areas, p.secondFrame, p.cam2Second, rayMatrix2);
-    const cv::Mat* normals[4] = {&n0, &n1, &n2, &n3};
-    const cv::Mat* centers[4] = {&center1, &center1, &center2, &center2};
-    cv::Mat a(4, 3, CV_64F);
-    cv::Mat d(4, 1, CV_64F);
-    for (int i = 0; i < 4; ++i) {
-      for (int c = 0; c < 3; ++c) a.at<double>(i, c) = normals[i]->at<double>(c);
-      d.at<double>(i) = normals[i]->dot(*centers[i]);
-    }
-    cv::Mat x = a.inv(cv::DECOMP_SVD) * d;
-    cv::Mat r = a * x - d;
-    double residual = r.dot(r) / 4;
-    cv::Mat ref(3, 1, CV_64F, const_cast<double*>(referencePoint));
-    int axisIndex = setting->axisIndex;
-    double along = std::abs(x.at<double>(axisIndex) - referencePoint[axisIndex]);
-    double dist = cv::norm(x - ref);
-    if (residual > maxResidual) return;
-    if (along < minAlong || along > maxAlong) return;
-    if (dist < minDistance || dist > maxDistance) return;
-    slot.id = 0;
-    slot.firstFrame = p.firstFrame;
-    slot.secondFrame = p.secondFrame;
-    slot.firstCam1Line = p.cam1First;
-    slot.firstCam2Line = p.cam2First;
-    slot.secondCam1Line = p.cam1Second;
-    slot.secondCam2Line = p.cam2Second;
-    slot.inliers.clear();
-    slot.pivot[0] = x.at<double>(0);
-    slot.pivot[1] = x.at<double>(1);
-    slot.pivot[2] = x.at<double>(2);
-    slot.fitResidual = (float)residual;
+// The pivot of line pair p, written to `slot` when it passes the acceptance
+// windows (residual at most 10, along the axis 700 to 2000, distance 700 to 2800).
+inline void EvaluatePair(const LinePair& p, std::vector<CandidateAreaImage*> cam1Areas,
+                         const Camera& c1, std::vector<CandidateAreaImage*> cam2Areas,
+                         const Camera& c2, const ClubTrackerSetting& setting,
+                         const double* referencePoint, ClubSpinAxis3D& slot) {
+  cv::Mat n0, n1, n2, n3;
+  ImageLineToPlane(n0, cam1Areas, p.firstFrame, p.cam1First, c1.rayMatrix);
+  ImageLineToPlane(n1, cam1Areas, p.secondFrame, p.cam1Second, c1.rayMatrix);
+  ImageLineToPlane(n2, cam2Areas, p.firstFrame, p.cam2First, c2.rayMatrix);
+  ImageLineToPlane(n3, cam2Areas, p.secondFrame, p.cam2Second, c2.rayMatrix);
+  const cv::Mat* normals[4] = {&n0, &n1, &n2, &n3};
+  const cv::Mat* centers[4] = {&c1.center, &c1.center, &c2.center, &c2.center};
+  cv::Mat a(4, 3, CV_64F);
+  cv::Mat d(4, 1, CV_64F);
+  for (int i = 0; i < 4; ++i) {
+    for (int c = 0; c < 3; ++c) a.at<double>(i, c) = normals[i]->at<double>(c);
+    d.at<double>(i) = normals[i]->dot(*centers[i]);
   }
-
-  void operator()(const tbb::blocked_range<int>& range) const {
-    for (int c = range.begin(); c != range.end(); ++c) {
-      for (int t = 0; t < chunk; ++t) {
-        int g = chunk * c + start + t;
-        if (g >= count) continue;
-        Evaluate(g, slots[g - start]);
-      }
-    }
-  }
-};
+  cv::Mat x = a.inv(cv::DECOMP_SVD) * d;
+  cv::Mat r = a * x - d;
+  double residual = r.dot(r) / 4;
+  cv::Mat ref(3, 1, CV_64F, const_cast<double*>(referencePoint));
+  int axisIndex = setting.axisIndex;
+  double along = std::abs(x.at<double>(axisIndex) - referencePoint[axisIndex]);
+  double dist = cv::norm(x - ref);
+  if (residual > 10.0) return;
+  if (along < 700.0 || along > 2000.0) return;
+  if (dist < 700.0 || dist > 2800.0) return;
+  slot.id = 0;
+  slot.firstFrame = p.firstFrame;
+  slot.secondFrame = p.secondFrame;
+  slot.firstCam1Line = p.cam1First;
+  slot.firstCam2Line = p.cam2First;
+  slot.secondCam1Line = p.cam1Second;
+  slot.secondCam2Line = p.cam2Second;
+  slot.inliers.clear();
+  slot.pivot[0] = x.at<double>(0);
+  slot.pivot[1] = x.at<double>(1);
+  slot.pivot[2] = x.at<double>(2);
+  slot.fitResidual = (float)residual;
+}
 
 // Log lines go to `log` when it is given.
 inline int FindClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoint,
@@ -344,10 +273,12 @@ inline int FindClubSpinAxis(const ClubTrackerSetting& setting, double* reference
     int count = remaining <= batch ? remaining : batch;
     int chunk = count / 8;
     if (stats && b * batch < count) stats->evaluatedPairs += (size_t)chunk * 8;
-    EvaluateBody body{chunk,     b * batch, count,        pairs,     cam1Areas, c1.rayMatrix,
-                      c1.center, cam2Areas, c2.rayMatrix, c2.center, &setting,  referencePoint,
-                      slots,     10.0,      700.0,        2000.0,    700.0,     2800.0};
-    tbb::parallel_for(tbb::blocked_range<int>(0, 8, 1), body);
+    // Eight chunks of `chunk` pairs; the rest of the batch is dropped.
+    for (int i = 0; i < 8 * chunk; ++i) {
+      if (b * batch + i >= count) continue;
+      EvaluatePair(pairs[b * batch + i], cam1Areas, c1, cam2Areas, c2, setting, referencePoint,
+                   slots[i]);
+    }
     for (int s = 0; s < count; ++s) {
       if (slots[s].pivot[0] == 0 && slots[s].pivot[1] == 0 && slots[s].pivot[2] == 0) continue;
       ClubSpinAxis3D h = slots[s];

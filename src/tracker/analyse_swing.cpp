@@ -1,0 +1,173 @@
+#include "tracker/analyse_swing.h"
+
+#include <algorithm>
+
+#include <tbb/parallel_for.h>
+
+#include "analysis/analysis.h"
+#include "analysis/binary_morphology.h"
+#include "tracker/find_lines.h"
+
+namespace {
+
+// Takes the records that a stage appended to `made` into `owned`. Every record
+// is owned once this returns or throws.
+template <typename T>
+void Adopt(const std::vector<T*>& made, std::vector<std::unique_ptr<T>>& owned) {
+  try {
+    owned.reserve(owned.size() + made.size());
+  } catch (...) {
+    for (T* record : made) std::unique_ptr<T> release(record);
+    throw;
+  }
+  for (T* record : made) owned.emplace_back(record);  // capacity reserved: cannot throw
+}
+
+// The head size a camera's frames agree on: the element at two thirds of the
+// sorted positive sizes; 0 when no frame gave one.
+int AgreedHeadSize(const std::vector<int>& sizes) {
+  std::vector<int> positive;
+  positive.reserve(sizes.size());
+  for (const int size : sizes) {
+    if (size > 0) positive.push_back(size);
+  }
+  if (positive.empty()) return 0;
+  std::sort(positive.begin(), positive.end());
+  return positive[(2 * positive.size()) / 3];
+}
+
+// The refined masks of the presence test, as bit planes and unpacked. They
+// stay with the thread between calls, so a later swing of the same frame
+// size writes into pages already mapped.
+struct RefinedMasks {
+  std::vector<BitMask> packed;
+  std::vector<char> isPacked;
+  std::vector<cv::Mat> masks;
+};
+
+RefinedMasks& ThreadMasks(int camera) {
+  thread_local RefinedMasks masks[2];
+  return masks[camera];
+}
+
+}  // namespace
+
+bool AnalyseSwing(ClubTracker& tracker, const SwingStages& stages,
+                  const std::vector<ClubImage*>& pairs1, const std::vector<ClubImage*>& pairs2,
+                  ClubTrackerResult* result, const SwingHook& hook, SwingAnalysis& out) {
+  const auto reached = [&](SwingStage stage) { return !hook || hook(stage, out); };
+
+  const std::vector<ClubImage*>* pairs[2] = {&pairs1, &pairs2};
+  out.ownedPre.reserve(out.ownedPre.size() + pairs1.size() + pairs2.size());
+  for (int c = 0; c < 2; ++c) {
+    out.pre[c].reserve(pairs[c]->size());
+    for (ClubImage* frame : *pairs[c]) {
+      out.ownedPre.push_back(std::make_unique<PreprocessedImage>());
+      PreprocessedImage* record = out.ownedPre.back().get();
+      stages.preprocessing(tracker, frame, record);
+      out.pre[c].push_back(record);
+    }
+  }
+  if (!reached(SwingStage::kPreprocessed)) return false;
+
+  for (int c = 0; c < 2 && out.failedCamera == 0; ++c) {
+    int found = 0;
+    try {
+      found = stages.findCandidateArea(tracker, out.pre[c], out.cand[c]);
+    } catch (...) {
+      Adopt(out.cand[c], out.ownedCand);
+      throw;
+    }
+    Adopt(out.cand[c], out.ownedCand);
+    if (found == 0) out.failedCamera = c + 1;
+  }
+  if (!reached(SwingStage::kCandidateAreas) || out.failedCamera != 0) return false;
+  if (out.cand[0].size() != out.cand[1].size()) return false;
+  const int n = static_cast<int>(out.cand[0].size());
+
+  // Presence test, frames spread over the cores (each touches only its own
+  // slots).
+  // The refined masks stay packed until the head sizes need them.
+  RefinedMasks* refined[2] = {&ThreadMasks(0), &ThreadMasks(1)};
+  for (int c = 0; c < 2; ++c) {
+    refined[c]->packed.resize(static_cast<size_t>(n));
+    refined[c]->isPacked.assign(static_cast<size_t>(n), 0);
+    refined[c]->masks.resize(static_cast<size_t>(n));
+    out.refined[c] = &refined[c]->masks;
+    out.present[c].assign(static_cast<size_t>(n), 0);
+  }
+  tbb::parallel_for(0, n, [&](int k) {
+    for (int c = 0; c < 2; ++c) {
+      const cv::Mat& mask = out.cand[c][k]->image;
+      cv::Mat& unpacked = refined[c]->masks[k];
+      if (stages.presence != nullptr) {
+        out.present[c][k] = stages.presence(mask, unpacked);
+      } else {
+        refined[c]->isPacked[k] =
+            RefineCandidateMaskPacked(mask, &refined[c]->packed[k], unpacked, &out.present[c][k]);
+      }
+    }
+  });
+  out.bothPresent = 0;
+  for (int k = 0; k < n; ++k) {
+    if (out.present[0][k] == 1 && out.present[1][k] == 1) ++out.bothPresent;
+  }
+  if (!reached(SwingStage::kPresence)) return false;
+
+  // Driver-head size, measured in parallel over each camera's frames.
+  out.headValue[0] = out.headValue[1] = 0;
+  if (out.bothPresent > 10) {
+    tbb::parallel_for(0, n, [&](int k) {
+      for (int c = 0; c < 2; ++c) {
+        if (refined[c]->isPacked[k] != 0) refined[c]->packed[k].Unpack(refined[c]->masks[k]);
+      }
+    });
+    std::vector<int> sizes;
+    for (int c = 0; c < 2; ++c) {
+      MeasureHeadSizes(tracker, out.cand[c], *out.refined[c], sizes);
+      out.headValue[c] = AgreedHeadSize(sizes);
+    }
+    if (out.headValue[0] <= 0 || out.headValue[1] <= 0) return false;
+  }
+  for (int k = 0; k < n; ++k) {
+    for (int c = 0; c < 2; ++c) {
+      stages.deleteDriverHeadArea(tracker, out.cand[c][k], out.headValue[c]);
+    }
+  }
+  if (!reached(SwingStage::kHeadsDeleted)) return false;
+
+  // Adaptive line extraction. The masks stay as they are from here on, so
+  // each frame's edge map is made once and serves every pass.
+  {
+    LineExtractor extract;
+    if (stages.extractLines != nullptr) {
+      extract = [&](CandidateAreaImage* area, int threshold) {
+        stages.extractLines(tracker, area, threshold);
+      };
+    }
+    LinePasses passes(
+        [&](CandidateAreaImage* area, float lineSize) {
+          return stages.getLineThreshold(tracker, area, lineSize);
+        },
+        out.cand[0], out.cand[1], std::move(extract));
+    do {
+      passes.Extract();
+      out.pass = passes.pass();
+      out.foundPair = passes.foundPair();
+      for (int c = 0; c < 2; ++c) {
+        out.lineSize[c] = passes.lineSize(c);
+        out.lineCount[c] = passes.lineCount(c);
+      }
+      if (!reached(SwingStage::kLinePass)) return false;
+      passes.Decide();
+    } while (passes.Again());
+    out.foundPair = passes.foundPair();
+  }
+  if (!reached(SwingStage::kLinesDone)) return false;
+  if (out.foundPair < 3) return true;
+
+  out.axisFound = stages.findClubSpinAxis(tracker, out.cand[0], out.cand[1], out.axis);
+  if (!reached(SwingStage::kSpinAxis) || result == nullptr) return false;
+  stages.findShaftAndHead(tracker, out.cand[0], out.cand[1], out.axis, *result);
+  return reached(SwingStage::kShaftAndHead);
+}
