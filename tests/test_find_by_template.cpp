@@ -10,14 +10,11 @@
 #include <opencv2/imgproc.hpp>
 
 #include "support/access.h"
+#include "support/log_capture.h"
 #include "synth/swing.h"
 #include "template/head_tracker.h"
 
 namespace {
-
-void CaptureLog(std::wstring line, void* context) {
-  static_cast<std::vector<std::string>*>(context)->emplace_back(line.begin(), line.end());
-}
 
 synth::Recording& DefaultSwing() {
   static synth::Recording recording = synth::Render(synth::SwingScene{});
@@ -32,10 +29,7 @@ struct TemplateRun {
 
 TemplateRun RunTemplate(synth::Recording& recording) {
   TemplateRun run;
-  ClubTrackerSetting setting = recording.setting;
-  setting.logCallback = CaptureLog;
-  setting.logContext = &run.log;
-  ClubTracker tracker(setting);
+  ClubTracker tracker(LoggingInto(recording.setting, run.log));
   run.returned = tracker.FindbyTemplate(recording.Cam1(), recording.Cam2(), run.speed);
   return run;
 }
@@ -110,10 +104,7 @@ TEST(FindbyTemplate, FindFallsBackToItWhenTheLinesGiveNoSpeed) {
   scene.darkShaft = true;
   synth::Recording recording = synth::Render(scene);
   std::vector<std::string> log;
-  ClubTrackerSetting setting = recording.setting;
-  setting.logCallback = CaptureLog;
-  setting.logContext = &log;
-  ClubTracker tracker(setting);
+  ClubTracker tracker(LoggingInto(recording.setting, log));
   ClubTrackerResult result;
   tracker.Find(recording.Cam1(), recording.Cam2(), result, 0);
   const auto again = std::find(log.begin(), log.end(), "Calculate clubspeed again.");
@@ -134,10 +125,7 @@ TEST(FindHeadAndCalculate, SpeedAboutTheTrueAxis) {
   synth::Recording& recording = DefaultSwing();
   const synth::SwingTruth& truth = recording.truth;
   std::vector<std::string> log;
-  ClubTrackerSetting setting = recording.setting;
-  setting.logCallback = CaptureLog;
-  setting.logContext = &log;
-  ClubTracker tracker(setting);
+  ClubTracker tracker(LoggingInto(recording.setting, log));
   ClubTrackerResult result;
   for (int i = 0; i < 3; ++i) {
     result.axisPosition[i] = static_cast<float>(truth.pivot[i]);

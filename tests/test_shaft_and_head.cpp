@@ -13,13 +13,10 @@
 #include <vector>
 
 #include "support/access.h"
+#include "support/log_capture.h"
 #include "synth/swing.h"
 
 namespace {
-
-void CaptureLog(std::wstring line, void* context) {
-  static_cast<std::vector<std::string>*>(context)->emplace_back(line.begin(), line.end());
-}
 
 // Candidate areas of both cameras and a spin axis whose inliers carry the
 // exact shaft lines of the chosen frames.
@@ -27,9 +24,7 @@ class Swing {
  public:
   explicit Swing(const synth::SwingScene& scene = synth::SwingScene{})
       : truth(synth::MakeTruth(scene)) {
-    tracker.SetTrackerSetting(synth::MakeSetting(truth));
-    tracker.setting.logCallback = CaptureLog;
-    tracker.setting.logContext = &log;
+    tracker.SetTrackerSetting(LoggingInto(synth::MakeSetting(truth), log));
     for (int i = 0; i < 3; ++i) {
       tracker.referencePoint[i] = truth.ball[i];
       axis.pivot[i] = truth.pivot[i];

@@ -17,7 +17,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The replay reads back bit for bit what was rendered, in both image formats.
+// The replay reads back bit for bit what was rendered (the ball position
+// from the file names), in both image formats.
 TEST(SynthRecording, ReplayReadsWhatWasRendered) {
   synth::SwingScene scene;
   scene.seed = 61;
@@ -64,6 +65,7 @@ TEST(SynthRecording, ReplayReadsWhatWasRendered) {
         EXPECT_EQ(a.sensorOffsetX, b.sensorOffsetX);
         EXPECT_EQ(a.sensorOffsetY, b.sensorOffsetY);
         EXPECT_EQ(a.afterImpact, b.afterImpact);
+        EXPECT_EQ(std::make_pair(a.ballX, a.ballY), std::make_pair(b.ballX, b.ballY));
       }
       FreeFrames(frames);
     }
