@@ -47,48 +47,31 @@ CandidateAreaImage Area(int top, int rows) {
   return area;
 }
 
-// The plane of a line holds its image rays and is the literal version's, bit for bit.
+// The plane of a line holds its image rays and is the literal version's, bit
+// for bit (a vertical line x = rho taken through the area's rows top and
+// top + height).
 TEST(LinePlane, ContainsTheImageLine) {
   const Calibration c = MakeCalibration(kK, Rotation({0.2, 0.9, -0.1}), {40.0, -700.0, 2100.0});
   const CameraGeometry camera = MakeCameraGeometry(c.intrinsic, c.extrinsic);
-  CandidateAreaImage area = Area(362, 208);
-  std::vector<CandidateAreaImage*> areas{&area, &area};
-  for (const cv::Vec2f& line : {cv::Vec2f(700.0f, 0.0f), cv::Vec2f(512.5f, 0.35f),
-                               cv::Vec2f(-80.0f, 2.7f), cv::Vec2f(0.0f, 0.0001f)}) {
-    SCOPED_TRACE(::testing::Message() << line);
-    cv::Mat normal;
-    ImageLineToPlane(normal, areas, 1, line, camera);
-    EXPECT_NEAR(cv::norm(normal), 1.0, 1e-15);
-    cv::Mat literal;
-    reference::ImageLineToPlane(literal, areas, 1, line, camera.rayMatrix);
-    EXPECT_TRUE(SameBits(normal, literal));
-    const double rho = line[0];
-    const double theta = line[1];
-    for (const double y : {0.0, 362.0, 466.0, 570.0, 1500.0}) {
-      const double x = (rho - y * std::sin(theta)) / std::cos(theta);
-      const cv::Mat ray = camera.rayMatrix * (cv::Mat_<double>(3, 1) << x, y, 1.0);
-      EXPECT_LT(std::abs(normal.dot(ray)) / cv::norm(ray), 1e-9) << "y " << y;
-    }
-  }
-}
-
-// A vertical line x = rho is taken through the rows top and top + height.
-TEST(LinePlaneRows, VerticalLineUsesTheFrameRows) {
-  const Calibration c = MakeCalibration(kK, Rotation({-0.4, 0.3, 0.05}), {10.0, 20.0, 1800.0});
-  const CameraGeometry camera = MakeCameraGeometry(c.intrinsic, c.extrinsic);
-  for (const int top : {0, 871}) {
-    for (const int rows : {208, 480}) {
-      CandidateAreaImage area = Area(top, rows);
-      std::vector<CandidateAreaImage*> areas{&area};
-      const float rho = 655.5f;
+  for (const auto& [top, rows] : {std::pair{362, 208}, std::pair{0, 480}, std::pair{871, 208}}) {
+    CandidateAreaImage area = Area(top, rows);
+    std::vector<CandidateAreaImage*> areas{&area, &area};
+    for (const cv::Vec2f& line : {cv::Vec2f(700.0f, 0.0f), cv::Vec2f(512.5f, 0.35f),
+                                 cv::Vec2f(-80.0f, 2.7f), cv::Vec2f(0.0f, 0.0001f)}) {
+      SCOPED_TRACE(::testing::Message() << line << " top " << top << " rows " << rows);
       cv::Mat normal;
-      ImageLineToPlane(normal, areas, 0, cv::Vec2f(rho, 0.0f), camera);
-
-      const cv::Mat p1 = (cv::Mat_<double>(3, 1) << rho, top, 1.0);
-      const cv::Mat p2 = (cv::Mat_<double>(3, 1) << rho, top + rows, 1.0);
-      cv::Mat expected = (camera.rayMatrix * p1).cross(camera.rayMatrix * p2);
-      expected.convertTo(expected, -1, 1.0 / std::sqrt(expected.dot(expected)), 0.0);
-      EXPECT_TRUE(SameBits(normal, expected)) << "top " << top << " rows " << rows;
+      ImageLineToPlane(normal, areas, 1, line, camera);
+      EXPECT_NEAR(cv::norm(normal), 1.0, 1e-15);
+      cv::Mat literal;
+      reference::ImageLineToPlane(literal, areas, 1, line, camera.rayMatrix);
+      EXPECT_TRUE(SameBits(normal, literal));
+      const double rho = line[0];
+      const double theta = line[1];
+      for (const double y : {0.0, 362.0, 466.0, 570.0, 1500.0}) {
+        const double x = (rho - y * std::sin(theta)) / std::cos(theta);
+        const cv::Mat ray = camera.rayMatrix * (cv::Mat_<double>(3, 1) << x, y, 1.0);
+        EXPECT_LT(std::abs(normal.dot(ray)) / cv::norm(ray), 1e-9) << "y " << y;
+      }
     }
   }
 }

@@ -15,32 +15,24 @@ cv::Mat TexturedImage() {
   return image;
 }
 
-TEST(MakeGradientImages, ConstantFrameGivesAllZeroAndAppends) {
+// Appended to the list: a constant frame gives all zero; a strong impulse
+// gives 255 at its 4-neighbours and 180 at its diagonals, a weak one 2.55 -> 3
+// (truncation would give 2) and 1.80 -> 2.
+TEST(MakeGradientImages, ConstantFrameGivesZeroImpulsesAreStretchedAndRounded) {
+  cv::Mat frame(30, 30, CV_8U, cv::Scalar(0));
+  frame.at<uchar>(8, 8) = 100;
+  frame.at<uchar>(20, 20) = 1;
   std::vector<cv::Mat> gradients = {cv::Mat(1, 1, CV_8U, cv::Scalar(9))};
-  MakeGradientImages({cv::Mat(40, 60, CV_8U, cv::Scalar(77))}, gradients);
-  ASSERT_EQ(gradients.size(), 2u);
+  MakeGradientImages({cv::Mat(40, 60, CV_8U, cv::Scalar(77)), frame}, gradients);
+  ASSERT_EQ(gradients.size(), 3u);
   EXPECT_EQ(gradients[0].at<uchar>(0, 0), 9);
   EXPECT_EQ(gradients[1].type(), CV_8U);
   EXPECT_EQ(gradients[1].size(), cv::Size(60, 40));
   EXPECT_EQ(cv::countNonZero(gradients[1]), 0);
-}
-
-TEST(MakeGradientImages, ImpulsesAreStretchedAndRounded) {
-  // Strong impulse: 4-neighbours 255, diagonals 180. Weak impulse: 2.55 -> 3
-  // (truncation would give 2), diagonals 1.80 -> 2.
-  cv::Mat frame(30, 30, CV_8U, cv::Scalar(0));
-  frame.at<uchar>(8, 8) = 100;
-  frame.at<uchar>(20, 20) = 1;
-  std::vector<cv::Mat> gradients;
-  MakeGradientImages({frame}, gradients);
-  ASSERT_EQ(gradients.size(), 1u);
-  const cv::Mat& g = gradients[0];
-  EXPECT_EQ(g.at<uchar>(8, 7), 255);
-  EXPECT_EQ(g.at<uchar>(7, 8), 255);
-  EXPECT_EQ(g.at<uchar>(7, 7), 180);
-  EXPECT_EQ(g.at<uchar>(8, 8), 0);
-  EXPECT_EQ(g.at<uchar>(20, 21), 3);
-  EXPECT_EQ(g.at<uchar>(21, 21), 2);
+  const cv::Mat& g = gradients[2];
+  EXPECT_EQ((std::vector<int>{g.at<uchar>(8, 7), g.at<uchar>(7, 8), g.at<uchar>(7, 7),
+                              g.at<uchar>(8, 8), g.at<uchar>(20, 21), g.at<uchar>(21, 21)}),
+            (std::vector<int>{255, 255, 180, 0, 3, 2}));
 }
 
 // The window is clipped to the image in place; a template must fit strictly;
