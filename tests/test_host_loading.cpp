@@ -36,21 +36,11 @@ void ExpectDefaults(const ClubTrackerSetting& s) {
   EXPECT_EQ(s.logCallback, nullptr);
 }
 
+// Every byte set (no padding in the record), and the log callback.
 ClubTrackerSetting Patterned() {
   ClubTrackerSetting s;
-  std::memset(&s, 0, sizeof s);
-  s.roiX = -3;
-  s.roiY = 7;
-  s.roiWidth = 320;
-  s.roiHeight = 200;
-  s.timeStampIntervalBeforeImpact = 1234;
-  s.timeStampIntervalAfterImpact = -5;
-  s.axisIndex = 0;
-  s.axisNormIndex = 1;
-  for (int i = 0; i < 9; ++i) s.cam1Intrinsic[i] = 1.0 / (i + 3);
-  for (int i = 0; i < 12; ++i) s.cam1Extrinsic[i] = -2.5e-7 * (i + 1);
-  for (int i = 0; i < 9; ++i) s.cam2Intrinsic[i] = 1e300 / (i + 1);
-  for (int i = 0; i < 12; ++i) s.cam2Extrinsic[i] = 0.1 * i;
+  auto* bytes = reinterpret_cast<unsigned char*>(&s);
+  for (size_t i = 0; i < sizeof s; ++i) bytes[i] = static_cast<unsigned char>(i * 37 + 11);
   s.logCallback = &Collect;
   s.logContext = &s;  // any pointer will do
   return s;
