@@ -161,9 +161,7 @@ TEST(FindbyTemplate, DefaultSwingWithinOnePercent) {
 }
 
 TEST(FindbyTemplate, NoClubGivesZeroAndSaysWhy) {
-  synth::SwingScene scene;
-  scene.noClub = true;
-  synth::Recording recording = synth::Render(scene);
+  synth::Recording recording = synth::Render({.noClub = true});
   const TemplateRun run = RunTemplate(recording);
   EXPECT_EQ(run.returned, 0);
   EXPECT_EQ(run.speed, 0.0);
@@ -177,9 +175,7 @@ TEST(FindbyTemplate, NoClubGivesZeroAndSaysWhy) {
 
 TEST(FindbyTemplate, FindFallsBackToItWhenTheLinesGiveNoSpeed) {
   // A dark shaft leaves the line stage without a speed.
-  synth::SwingScene scene;
-  scene.darkShaft = true;
-  synth::Recording recording = synth::Render(scene);
+  synth::Recording recording = synth::Render({.darkShaft = true});
   std::vector<std::string> log;
   ClubTracker tracker(LoggingInto(recording.setting, log));
   ClubTrackerResult result;

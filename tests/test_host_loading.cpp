@@ -7,7 +7,6 @@
 #include <cmath>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <regex>
@@ -22,20 +21,13 @@
 #include "clubtracker/ClubTracker.h"
 #include "clubtracker/clubtracker_c.h"
 #include "clubtracker/measure.h"
+#include "support/log_capture.h"
 #include "support/run_command.h"
 #include "synth/swing.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-struct LogSink {
-  std::vector<std::wstring> lines;
-};
-
-void Collect(std::wstring line, void* context) {
-  static_cast<LogSink*>(context)->lines.push_back(std::move(line));
-}
 
 // The defaults: ROI 0, both intervals 2000, axis indices 1 and 2, calibration
 // zero, no log callback.
@@ -54,7 +46,7 @@ ClubTrackerSetting Patterned() {
   ClubTrackerSetting s;
   auto* bytes = reinterpret_cast<unsigned char*>(&s);
   for (size_t i = 0; i < sizeof s; ++i) bytes[i] = static_cast<unsigned char>(i * 37 + 11);
-  s.logCallback = &Collect;
+  s.logCallback = &CaptureLog;
   s.logContext = &s;  // any pointer will do
   return s;
 }
@@ -73,9 +65,9 @@ TEST(HostLoading, FactoryTrackerSettingsAndCopies) {
   EXPECT_EQ(std::vector<double>(tracker->referencePoint, tracker->referencePoint + 3),
             std::vector<double>(3, 0.0));
 
-  LogSink sink;
+  std::vector<std::string> log;
   ClubTrackerSetting s = Patterned();
-  s.logContext = &sink;
+  s.logContext = &log;
   tracker->referencePoint[1] = 21.35;
   tracker->SetTrackerSetting(s);
   EXPECT_EQ(std::memcmp(&tracker->setting, &s, sizeof s), 0);
@@ -90,7 +82,7 @@ TEST(HostLoading, FactoryTrackerSettingsAndCopies) {
   ClubTrackerResult result;
   copy.Find({}, {}, result, 0);
   tracker->Find({}, {}, result, 0);
-  EXPECT_EQ(sink.lines, (std::vector<std::wstring>(2, L"ClubTracker::Find start")));
+  EXPECT_EQ(log, (std::vector<std::string>(2, "ClubTracker::Find start")));
   EXPECT_EQ(result.frameCount, 0);
   EXPECT_EQ(result.frames, nullptr);
   tracker.reset();
@@ -175,18 +167,25 @@ clubtracker_frame ToFrame(const ClubImage& image) {
           image.ballX,         image.ballY,         image.ballRadius};
 }
 
-TEST(CApi, FromCAsTheToolMeasuresAndFromFramesAsFromTheRecording) {
-  TempFolder temp("clubtracker-capi");
-  synth::SwingScene scene;
-  scene.frames = 16;
-  scene.impactIndex = 10;
-  const fs::path swing = temp.path / "swing";
-  synth::WriteRecording(synth::Render(scene), swing);
+// A short swing, enough for a line-based speed, written once for the suite.
+struct ShortSwing {
+  TempFolder folder{"clubtracker-host"};
+  synth::Recording recording = synth::Render({.frames = 16, .impactIndex = 10});
+  fs::path path = folder.path / "swing";
+  ShortSwing() { synth::WriteRecording(recording, path); }
+};
 
-  const fs::path jsonFile = temp.path / "run.json";
-  ASSERT_EQ(RunCommand(Quote(CLUBTRACK_TOOL_PATH) + " run " + Quote(swing.string()) +
-                       " --quiet --json " + Quote(jsonFile.string())).status, 0);
-  const nlohmann::json tool = nlohmann::json::parse(std::ifstream(jsonFile));
+const ShortSwing& Short() {
+  static const ShortSwing swing;
+  return swing;
+}
+
+TEST(CApi, FromCAsTheToolMeasuresAndFromFramesAsFromTheRecording) {
+  const fs::path& swing = Short().path;
+  const CommandRun run =
+      RunCommand(Quote(CLUBTRACK_TOOL_PATH) + " run " + Quote(swing.string()) + " --quiet --json -");
+  ASSERT_EQ(run.status, 0) << run.err;
+  const nlohmann::json tool = nlohmann::json::parse(run.out);
   std::map<std::string, std::string> c = KeyValues(std::string(C_API_HOST_PATH) + " " +
                                                    CLUBTRACKER_LIBRARY_PATH + " '" +
                                                    swing.string() + "'");
@@ -327,13 +326,8 @@ TEST(InstallPackage, HostBuildsAgainstTheInstalledPackageAndRuns) {
                                                               << output;
   EXPECT_EQ(output.find("libimageprocess"), std::string::npos) << output;
 
-  // A short synthetic swing, enough for a line-based speed.
-  synth::SwingScene scene;
-  scene.frames = 16;
-  scene.impactIndex = 10;
-  const synth::Recording recording = synth::Render(scene);
-  const fs::path swing = temp.path / "swing";
-  synth::WriteRecording(recording, swing);
+  const synth::Recording& recording = Short().recording;
+  const fs::path& swing = Short().path;
 
   const int status = Shell(Quote((hostBuild / "clubtracker_host").string()) + " " +
                                Quote(swing.string()) + " " + Quote(library.string()),

@@ -201,12 +201,8 @@ TEST(RecordingFiles, CameraFolderFrames) {
 // The replay reads back bit for bit what was rendered (the ball position
 // from the file names), in both image formats.
 TEST(RecordingFiles, SynthRecordingReadsBackAsRendered) {
-  synth::SwingScene scene;
-  scene.seed = 61;
-  scene.dropFrame = true;
-  scene.frames = 14;
-  scene.impactIndex = 6;
-  const synth::Recording rec = synth::Render(scene);
+  const synth::Recording rec =
+      synth::Render({.seed = 61, .frames = 14, .impactIndex = 6, .dropFrame = true});
   EXPECT_EQ(rec.images[1].size(), rec.images[0].size() - 1);
   for (const bool png : {false, true}) {
     SCOPED_TRACE(png ? "png" : "bmp");
