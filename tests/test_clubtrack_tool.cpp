@@ -12,6 +12,7 @@
 
 #include "synth/swing.h"
 #include "support/run_command.h"
+#include "support/written_swing.h"
 
 namespace fs = std::filesystem;
 
@@ -25,22 +26,10 @@ CommandRun RunTool(const std::string& arguments, const fs::path& workDir,
                     " " + arguments);
 }
 
-// The default swing written once for the suite.
-struct DefaultRecording {
-  TempFolder folder;
-  synth::SwingTruth truth;
-  fs::path recording;
-  DefaultRecording() {
-    const synth::Recording rendered = synth::Render(synth::SwingScene{});
-    truth = rendered.truth;
-    recording = folder.path / "swing";
-    synth::WriteRecording(rendered, recording);
-  }
-};
-
-const DefaultRecording& Default() {
-  static const DefaultRecording recording;
-  return recording;
+// The default swing written once.
+const WrittenSwing& Default() {
+  static const WrittenSwing swing(synth::SwingScene{});
+  return swing;
 }
 
 }  // namespace
@@ -48,9 +37,9 @@ const DefaultRecording& Default() {
 // One run: the JSON on standard output, the summary and log on standard
 // error, the annotated frames and the sheet on disk.
 TEST(ClubtrackRun, JsonSummaryAnnotatedFramesAndSheet) {
-  const DefaultRecording& rec = Default();
+  const WrittenSwing& rec = Default();
   TempFolder out;
-  const CommandRun run = RunTool("run " + Quote((rec.recording / "run.ini").string()) +
+  const CommandRun run = RunTool("run " + Quote((rec.path / "run.ini").string()) +
                                      " --json - --annotated frames --sheet sheet.png",
                                  out.path);
   ASSERT_EQ(run.status, 0) << run.err;
@@ -73,12 +62,12 @@ TEST(ClubtrackRun, JsonSummaryAnnotatedFramesAndSheet) {
                    json["headTrackingSpeed"].get<double>() * 1000.0);
   // Line-based speed: off by tens of percent (docs/accuracy.md), bounded by a factor of 2.
   EXPECT_GT(speed, 0.0);
-  EXPECT_LT(std::fabs(speed / rec.truth.clubHeadSpeed - 1.0), 1.0)
-      << "measured " << speed << ", truth " << rec.truth.clubHeadSpeed;
+  EXPECT_LT(std::fabs(speed / rec.recording.truth.clubHeadSpeed - 1.0), 1.0)
+      << "measured " << speed << ", truth " << rec.recording.truth.clubHeadSpeed;
   // Head-tracking speed: within 2 % on the default swing.
   const double headSpeed = json["headTrackingSpeed"];
-  EXPECT_LT(std::fabs(headSpeed / rec.truth.clubHeadSpeed - 1.0), 0.02)
-      << "head tracking " << headSpeed << ", truth " << rec.truth.clubHeadSpeed;
+  EXPECT_LT(std::fabs(headSpeed / rec.recording.truth.clubHeadSpeed - 1.0), 0.02)
+      << "head tracking " << headSpeed << ", truth " << rec.recording.truth.clubHeadSpeed;
   EXPECT_NE(run.err.find("Club-head speed"), std::string::npos) << run.err;
   EXPECT_NE(run.err.find("  ClubTracker::Find start"), std::string::npos) << run.err;
 
@@ -116,7 +105,7 @@ TEST_P(ClubtrackBadRecordings, OneClearLine) {
   const bool dropRoot =
       ::geteuid() == 0 && std::string(row.prepare).find("chmod") != std::string::npos;
   TempFolder work;
-  fs::copy(Default().recording, work.path / "rec", fs::copy_options::recursive);
+  fs::copy(Default().path, work.path / "rec", fs::copy_options::recursive);
   const std::string prepare = "cd " + Quote(work.path.string()) + " && export CLUBTRACK=" +
                               Quote(CLUBTRACK_TOOL_PATH) + " && " + row.prepare;
   ASSERT_EQ(std::system(prepare.c_str()), 0) << prepare;

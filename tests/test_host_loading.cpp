@@ -23,6 +23,7 @@
 #include "clubtracker/measure.h"
 #include "support/log_capture.h"
 #include "support/run_command.h"
+#include "support/written_swing.h"
 #include "synth/swing.h"
 
 namespace fs = std::filesystem;
@@ -167,16 +168,9 @@ clubtracker_frame ToFrame(const ClubImage& image) {
           image.ballX,         image.ballY,         image.ballRadius};
 }
 
-// A short swing, enough for a line-based speed, written once for the suite.
-struct ShortSwing {
-  TempFolder folder{"clubtracker-host"};
-  synth::Recording recording = synth::Render({.frames = 16, .impactIndex = 10});
-  fs::path path = folder.path / "swing";
-  ShortSwing() { synth::WriteRecording(recording, path); }
-};
-
-const ShortSwing& Short() {
-  static const ShortSwing swing;
+// A short swing, enough for a line-based speed, written once.
+const WrittenSwing& Short() {
+  static const WrittenSwing swing({.frames = 16, .impactIndex = 10});
   return swing;
 }
 
