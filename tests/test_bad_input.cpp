@@ -13,6 +13,7 @@
 
 #include "clubtracker/measure.h"
 #include "clubtracker/validation.h"
+#include "support/log_capture.h"
 #include "synth/swing.h"
 
 namespace {
@@ -38,15 +39,6 @@ struct BadInput {
   const char* line;  // the problem Find logs after "ClubTracker::Find: " (a prefix of it)
   Outcome outcome;
 };
-
-void CaptureLog(std::wstring line, void* context) {
-  static_cast<std::vector<std::string>*>(context)->emplace_back(line.begin(), line.end());
-}
-
-bool HasLineStarting(const std::vector<std::string>& lines, const std::string& start) {
-  return std::any_of(lines.begin(), lines.end(),
-                     [&](const std::string& line) { return line.rfind(start, 0) == 0; });
-}
 
 TEST(BadInput, FindNamesEveryProblemAndKeepsItsOutcome) {
   const synth::Recording rec = synth::Render(synth::SwingScene{});
@@ -97,8 +89,7 @@ TEST(BadInput, FindNamesEveryProblemAndKeepsItsOutcome) {
     swing.setting = rec.setting;
     row.spoil(swing);
     std::vector<std::string> log;
-    swing.setting.logCallback = CaptureLog;
-    swing.setting.logContext = &log;
+    swing.setting = LoggingInto(swing.setting, log);
 
     ClubTracker tracker(swing.setting);
     ClubTrackerResult result;

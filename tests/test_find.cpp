@@ -8,7 +8,6 @@
 #include <functional>
 #include <limits>
 #include <new>
-#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -66,10 +65,11 @@ std::vector<uint64_t> Stamps(size_t count, uint64_t first = 1000) {
   return stamps;
 }
 
-// A tracker whose template path records its calls.
+// A tracker (of `base`'s setting, if any) whose template path records its calls.
 class TemplateSpy : public ClubTracker {
  public:
-  explicit TemplateSpy(LogCapture& log) {
+  explicit TemplateSpy(LogCapture& log, const ClubTrackerSetting* base = nullptr) {
+    if (base != nullptr) SetTrackerSetting(*base);
     setting.logCallback = CaptureLog;
     setting.logContext = &log;
   }
@@ -113,52 +113,45 @@ std::vector<std::string> WithoutEnd(std::vector<std::string> lines) {
   return lines;
 }
 
-struct PairingCase {
-  const char* name;
-  std::vector<uint64_t> cam1, cam2;
-  std::vector<std::pair<int, int>> pairs;  // (camera-1 index, camera-2 index)
-};
-
-void PrintTo(const PairingCase& c, std::ostream* os) { *os << c.name; }
-
-class Pairing : public ::testing::TestWithParam<PairingCase> {};
-
-TEST_P(Pairing, HandsThePairedFramesToTheStagesInOrder) {
-  const PairingCase& c = GetParam();
-  Frames cam1(c.cam1), cam2(c.cam2);
-  LogCapture log;
-  TemplateSpy tracker(log);
-  ClubTrackerResult result;
-  EXPECT_EQ(tracker.Find(cam1.List(), cam2.List(), result, 0), 0);
-  ASSERT_EQ(tracker.calls, 1);
-  std::vector<ClubImage*> expected1, expected2;
-  for (const auto& [i, j] : c.pairs) {
-    expected1.push_back(cam1.List()[i]);
-    expected2.push_back(cam2.List()[j]);
-  }
-  EXPECT_EQ(tracker.seen1, expected1);
-  EXPECT_EQ(tracker.seen2, expected2);
-  // Too few lines: ten passes with growing line size, then the fall-back.
-  EXPECT_EQ(WithoutEnd(log.lines), NoLineLog());
-  ASSERT_FALSE(log.lines.empty());
-  EXPECT_TRUE(IsEndLine(log.lines.back()));
-}
-
 constexpr uint64_t kMax = std::numeric_limits<uint64_t>::max();
 
-INSTANTIATE_TEST_SUITE_P(
-    Find, Pairing,
-    ::testing::Values(
-        PairingCase{"TenApartPaired", {1000}, {1010}, {{0, 0}}},
-        PairingCase{"TenBeforePaired", {1000}, {990}, {{0, 0}}},
-        PairingCase{"ElevenApartNotPaired", {1011}, {1000}, {}},
-        PairingCase{"EarlierFrameDropped", {1000, 1500}, {1011, 1500}, {{1, 1}}},
-        PairingCase{"CameraTwoStartsLater", {0, 500, 1000, 1500, 2000}, {1003, 1502, 2001, 2500},
-                    {{2, 0}, {3, 1}, {4, 2}}},
-        PairingCase{"UnequalCounts", {0, 500, 1000}, {2, 501, 999, 1500, 2000},
-                    {{0, 0}, {1, 1}, {2, 2}}},
-        PairingCase{"SignedDifferenceAcrossWrap", {5}, {kMax}, {{0, 0}}}),
-    [](const ::testing::TestParamInfo<PairingCase>& info) { return info.param.name; });
+// Frames pair when their time stamps lie at most 10 apart (signed, across the
+// wrap-around); the stages get the pairs in order.
+TEST(Find, HandsThePairedFramesToTheStagesInOrder) {
+  const struct {
+    const char* name;
+    std::vector<uint64_t> cam1, cam2;
+    std::vector<std::pair<int, int>> pairs;  // (camera-1 index, camera-2 index)
+  } cases[] = {
+      {"ten apart", {1000}, {1010}, {{0, 0}}},
+      {"ten before", {1000}, {990}, {{0, 0}}},
+      {"eleven apart", {1011}, {1000}, {}},
+      {"earlier frame dropped", {1000, 1500}, {1011, 1500}, {{1, 1}}},
+      {"camera 2 starts later", {0, 500, 1000, 1500, 2000}, {1003, 1502, 2001, 2500},
+       {{2, 0}, {3, 1}, {4, 2}}},
+      {"unequal counts", {0, 500, 1000}, {2, 501, 999, 1500, 2000}, {{0, 0}, {1, 1}, {2, 2}}},
+      {"signed difference across the wrap", {5}, {kMax}, {{0, 0}}}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Frames cam1(c.cam1), cam2(c.cam2);
+    LogCapture log;
+    TemplateSpy tracker(log);
+    ClubTrackerResult result;
+    EXPECT_EQ(tracker.Find(cam1.List(), cam2.List(), result, 0), 0);
+    ASSERT_EQ(tracker.calls, 1);
+    std::vector<ClubImage*> expected1, expected2;
+    for (const auto& [i, j] : c.pairs) {
+      expected1.push_back(cam1.List()[i]);
+      expected2.push_back(cam2.List()[j]);
+    }
+    EXPECT_EQ(tracker.seen1, expected1);
+    EXPECT_EQ(tracker.seen2, expected2);
+    // Too few lines: ten passes with growing line size, then the fall-back.
+    EXPECT_EQ(WithoutEnd(log.lines), NoLineLog());
+    ASSERT_FALSE(log.lines.empty());
+    EXPECT_TRUE(IsEndLine(log.lines.back()));
+  }
+}
 
 // The template path runs only when the lines gave no speed, a NaN speed is
 // zeroed; an empty camera list returns at once with only the start line.
@@ -273,24 +266,6 @@ TEST(Find, FailuresAreCaughtAtTheBoundaryAndLogged) {
   }
 }
 
-class WholeSwing : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() { recording_ = new synth::Recording(synth::Render(synth::SwingScene{})); }
-  static void TearDownTestSuite() {
-    delete recording_;
-    recording_ = nullptr;
-  }
-  static void Configure(TemplateSpy& tracker, LogCapture& log) {
-    ClubTrackerSetting setting = recording_->setting;
-    setting.logCallback = CaptureLog;
-    setting.logContext = &log;
-    tracker.SetTrackerSetting(setting);
-  }
-  static synth::Recording* recording_;
-};
-
-synth::Recording* WholeSwing::recording_ = nullptr;
-
 // Everything Find writes, the log without its timing line included.
 std::vector<std::vector<uint8_t>> Outcome(const ClubTrackerResult& result, const LogCapture& log) {
   std::vector<std::vector<uint8_t>> out;
@@ -312,22 +287,22 @@ std::vector<std::vector<uint8_t>> Outcome(const ClubTrackerResult& result, const
 
 // Run 2 is a second Find into run 1's result: the sanitizer run checks that the
 // first call's arrays and buffers are freed.
-TEST_F(WholeSwing, SameOutcomeOnOneAndTwoThreadsAndIntoAnEarlierResult) {
+TEST(Find, SameOutcomeOnOneAndTwoThreadsAndIntoAnEarlierResult) {
+  synth::Recording recording = synth::Render(synth::SwingScene{});
   std::vector<std::vector<uint8_t>> outcomes[3];
   ClubTrackerResult reused;
   for (int run = 0; run < 3; ++run) {
     const tbb::global_control threads(tbb::global_control::max_allowed_parallelism,
                                       run == 0 ? 1 : 2);
     LogCapture log;
-    TemplateSpy tracker(log);
-    Configure(tracker, log);
+    TemplateSpy tracker(log, &recording.setting);
     ClubTrackerResult fresh;
     ClubTrackerResult& result = run == 2 ? reused : fresh;  // run 2: buffers of run 1's sizes
     if (run == 1) {
-      tracker.Find(recording_->Cam1(), recording_->Cam2(), reused, 0);
+      tracker.Find(recording.Cam1(), recording.Cam2(), reused, 0);
       log.lines.clear();
     }
-    tracker.Find(recording_->Cam1(), recording_->Cam2(), result, 0);
+    tracker.Find(recording.Cam1(), recording.Cam2(), result, 0);
     ASSERT_GT(result.clubHeadSpeed, 0.0);
     EXPECT_EQ(tracker.calls, 0);
     ASSERT_EQ(result.frameCount, 48);

@@ -18,19 +18,13 @@
 #include "harness/offline.h"
 #include "support/access.h"
 #include "support/loaded_tester.h"
+#include "support/log_capture.h"
 #include "support/temp_folder.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
-
-// Lines that carry their own line break are recorded without it.
-void CaptureLog(std::wstring line, void* context) {
-  std::string narrow(line.begin(), line.end());
-  if (!narrow.empty() && narrow.back() == '\n') narrow.pop_back();
-  static_cast<std::vector<std::string>*>(context)->push_back(narrow);
-}
 
 // One run's outputs, in the shape of the expected outputs, against them.
 void ExpectGolden(const json& got, const json& want) {
@@ -109,12 +103,12 @@ TEST_P(Golden, InMemoryAndThroughTheReplay) {
   {
     SCOPED_TRACE("in memory");
     std::vector<std::string> log;
-    ClubTrackerSetting setting = recording.setting;
-    setting.logCallback = CaptureLog;
-    setting.logContext = &log;
-    ClubTracker tracker(setting);
+    ClubTracker tracker(LoggingInto(recording.setting, log));
     ClubTrackerResult result;
     EXPECT_EQ(tracker.Find(recording.cam1, recording.cam2, result, 0), 0);
+    for (std::string& line : log) {  // lines that carry their own line break, without it
+      if (!line.empty() && line.back() == '\n') line.pop_back();
+    }
     json got = Outputs(result, log);
     got["pairedFrames"] = result.frameCount / 2;
     got["referencePoint"] = std::vector<double>(tracker.referencePoint, tracker.referencePoint + 3);

@@ -1,20 +1,25 @@
 // A recording on disk: the run and camera option files (sections, keys,
 // defaults, text-to-number conversions), the frame file names, the camera
-// folders loaded in name order with the impact flag.
+// folders loaded in name order with the impact flag; a synthetic recording
+// read back as it was rendered.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <cwchar>
 #include <filesystem>
 #include <fstream>
 #include <limits>
 #include <opencv2/imgcodecs.hpp>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "harness/offline.h"
 #include "harness/profile.h"
 #include "support/temp_folder.h"
+#include "synth/swing.h"
 
 namespace fs = std::filesystem;
 
@@ -142,8 +147,7 @@ TEST(RecordingFiles, CameraFolderFrames) {
   WriteFile(folder / "MasterOption.ini", "[IntrinsicCal]\n11=1\n");
   WriteFile(folder / "broken_1_2_3_4.png", "not an image at all");
   for (int k = 0; k < 12; ++k) {
-    cv::Mat frame(6, 8, CV_8UC1, cv::Scalar(10 * k));
-    frame.at<unsigned char>(1, 2) = 255;
+    const cv::Mat frame(6, 8, CV_8UC1, cv::Scalar(10 * k));
     const std::string name =
         std::to_string(100000000 + 500 * k) + "_30_40_12.5_7.25" + (k % 2 == 0 ? ".png" : ".bmp");
     ASSERT_TRUE(cv::imwrite((folder / name).string(), frame));
@@ -154,18 +158,8 @@ TEST(RecordingFiles, CameraFolderFrames) {
 
   std::vector<ClubImage*> frames = LoadCameraFrames(folder, 10);
   ASSERT_EQ(frames.size(), 13u);
-  for (size_t k = 0; k < 12; ++k) {
-    SCOPED_TRACE(k);
-    const ClubImage& f = *frames[k];
-    EXPECT_EQ(f.timeStamp, 100000000u + 500u * k);
-    EXPECT_EQ(f.afterImpact, k >= 10 ? 1u : 0u);
-    EXPECT_EQ((std::vector<uint32_t>{f.width, f.height, f.bytesPerChannel, f.channels}),
-              (std::vector<uint32_t>{8, 6, 1, 1}));
-    EXPECT_EQ(std::make_pair(f.sensorOffsetX, f.sensorOffsetY), std::make_pair(30, 40));
-    EXPECT_EQ(std::make_pair(f.ballX, f.ballY), std::make_pair(12.5f, 7.25f));
-    EXPECT_EQ(f.pixels[0], 10 * k);
-    EXPECT_EQ(f.pixels[1 * 8 + 2], 255);
-  }
+  // (Each frame's metadata and pixels: the synthetic recording's read-back.)
+  for (size_t k = 0; k < 12; ++k) EXPECT_EQ(frames[k]->timeStamp, 100000000u + 500u * k);
   EXPECT_EQ(frames[12]->timeStamp, 200000000u);
   EXPECT_EQ(frames[12]->channels, 1u);
   FreeFrames(frames);
@@ -191,4 +185,60 @@ TEST(RecordingFiles, CameraFolderFrames) {
   EXPECT_NE(warnings[0].find("0_broken.bmp does not decode"), std::string::npos) << warnings[0];
   EXPECT_NE(warnings[1].find("time stamp 99, below"), std::string::npos) << warnings[1];
   FreeFrames(frames);
+}
+
+// The replay reads back bit for bit what was rendered (the ball position
+// from the file names), in both image formats.
+TEST(RecordingFiles, SynthRecordingReadsBackAsRendered) {
+  const synth::Recording rec =
+      synth::Render({.seed = 61, .frames = 14, .impactIndex = 6, .dropFrame = true});
+  EXPECT_EQ(rec.images[1].size(), rec.images[0].size() - 1);
+  for (const bool png : {false, true}) {
+    SCOPED_TRACE(png ? "png" : "bmp");
+    TempFolder dir("synth");
+    std::string error;
+    ASSERT_TRUE(synth::WriteRecording(rec, dir.path, png, error)) << error;
+
+    const RunOptions options = ReadRunOptions(dir.path / "run.ini");
+    EXPECT_EQ(options.folderPath, L".");
+    EXPECT_EQ(options.impactIndex, 6);
+    ASSERT_FALSE(options.folder.empty());
+    EXPECT_TRUE(fs::equivalent(options.folder, dir.path));
+
+    double calibration[2][21];  // each camera's 9 intrinsic and 12 extrinsic values
+    ReadCalibrationFile(CameraOptionFile(options.folder, 0), calibration[0]);
+    ReadCalibrationFile(CameraOptionFile(options.folder, 1), calibration[1]);
+    EXPECT_EQ(std::memcmp(calibration, rec.setting.cam1Intrinsic, sizeof calibration), 0);
+
+    for (int c = 0; c < 2; ++c) {
+      const fs::path folder = CameraFolder(options.folder, c);
+      const auto isFrame = [&](const fs::directory_entry& f) {
+        return f.path().extension() == (png ? ".png" : ".bmp");
+      };
+      EXPECT_EQ(std::count_if(fs::directory_iterator(folder), {}, isFrame),
+                static_cast<long>(rec.images[c].size()));
+      std::vector<ClubImage*> frames = LoadCameraFrames(folder, options.impactIndex);
+      ASSERT_EQ(frames.size(), rec.images[c].size());
+      for (size_t k = 0; k < frames.size(); ++k) {
+        const ClubImage& a = rec.images[c][k];
+        const ClubImage& b = *frames[k];
+        ASSERT_EQ(a.width, b.width);
+        ASSERT_EQ(a.height, b.height);
+        EXPECT_EQ(std::make_pair(b.bytesPerChannel, b.channels), std::make_pair(1u, 1u));
+        EXPECT_EQ(std::memcmp(a.pixels, b.pixels, static_cast<size_t>(a.width) * a.height), 0)
+            << "camera " << c << " frame " << k;
+        EXPECT_EQ(a.timeStamp, b.timeStamp);
+        EXPECT_EQ(a.sensorOffsetX, b.sensorOffsetX);
+        EXPECT_EQ(a.sensorOffsetY, b.sensorOffsetY);
+        EXPECT_EQ(a.afterImpact, b.afterImpact);
+        EXPECT_EQ(std::make_pair(a.ballX, a.ballY), std::make_pair(b.ballX, b.ballY));
+      }
+      FreeFrames(frames);
+    }
+
+    std::ifstream file(dir.path / "truth.json");
+    const nlohmann::json truth = nlohmann::json::parse(file);
+    EXPECT_EQ(truth["club_head_speed_mps"].get<double>(), rec.truth.clubHeadSpeedMps);
+    EXPECT_EQ(truth["dropped_frame"].get<int>(), rec.truth.droppedFrame);
+  }
 }

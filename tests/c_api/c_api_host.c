@@ -1,6 +1,6 @@
 /* A C host of the C interface: loads the library with dlopen, resolves every
  * function with dlsym, measures RECORDING and a few bad calls, and prints one
- * "key value" line per result for test_c_api to compare with `clubtrack run`.
+ * "key value" line per result for test_host_loading to compare with `clubtrack run`.
  *   c_api_host LIBRARY RECORDING */
 #include <dlfcn.h>
 #include <stdio.h>
