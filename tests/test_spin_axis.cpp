@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "reconstruction/plane_cache.h"
 #include "reconstruction/spin_axis.h"
 #include "support/access.h"
 #include "support/find_stages.h"
@@ -293,6 +294,28 @@ TEST(SpinAxis, InlierRules) {
     axes.clear();
     EXPECT_EQ(Access::SelectSpinAxisInliers(tracker, areas.cam[0], areas.cam[1], axes), 1);
     EXPECT_TRUE(axes.empty());
+  }
+}
+
+// The inlier bits without the distances agree with those of the distances:
+// at 10 and one step either side, NaN, zero, tiny, huge and infinite lengths.
+TEST(SpinAxis, InlierBitsWithoutDistances) {
+  const double inf = INFINITY, ten = 10.0, up = std::nextafter(ten, inf);
+  const double down = std::nextafter(ten, 0.0);
+  std::vector<double> nx{ten, up, down, -ten, 30.0, 3 * down, NAN, 1.0, 0.0, 1e-199, 1e201,
+                         1.0, inf, -9.99, 9.0, 11.0};
+  std::vector<double> len{1.0, 1.0, 1.0, 1.0, 3.0, 3.0, 1.0, 0.0, 0.0, 1e-200, 1e200, inf, 1.0,
+                          -1.0, 1.0, 1.0};
+  const std::vector<double> zeros(nx.size(), 0.0);
+  const PlaneColumns planes{nx.data(), zeros.data(), zeros.data(), zeros.data(), len.data()};
+  const double x[3] = {1.0, 0.0, 0.0};
+  double out[16];
+  uint64_t bits[2] = {0, 0};
+  for (int count : {16, 15}) {
+    SelectPlaneDistances(MatRounding::Get(), false)(planes, count, x, out, &bits[0]);
+    SelectPlaneDistances(MatRounding::Get(), true)(planes, count, x, out, &bits[1]);
+    EXPECT_EQ(bits[0], bits[1]);
+    EXPECT_EQ(bits[0] & 0xF, 0b0100u);
   }
 }
 
