@@ -1,5 +1,6 @@
 #include "reconstruction/plane_cache.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -319,7 +320,29 @@ InlierScanner::InlierScanner(const PlaneCache& cam1, const PlaneCache& cam2)
       cam2_(cam2),
       frames_(cam1.FrameCount()),
       distances_(SelectPlaneDistances(MatRounding::Get(), false)),
-      within_(SelectPlaneDistances(MatRounding::Get(), true)) {}
+      within_(SelectPlaneDistances(MatRounding::Get(), true)) {
+  for (int j = 0; j < frames_ && j < cam2_.FrameCount(); ++j) {
+    bits_.push_back({MakeRun(cam1_.FirstPlane(j), cam1_.LineCount(j)),
+                     MakeRun(cam2_.FirstPlane(j), cam2_.LineCount(j))});
+  }
+}
+
+InlierScanner::Run InlierScanner::MakeRun(int first, int count) {
+  Run run{first, count, 0, 0, 0, 0};
+  if (count == 0 || count > 64) return run;
+  // Bits first .. first + count - 1: the first word from `first` on, the rest
+  // (if any) at the bottom of the next.
+  const int offset = first & 63;
+  run.word0 = first >> 6;
+  run.word1 = run.word0;
+  const int inFirst = std::min(count, 64 - offset);
+  run.mask0 = (inFirst == 64 ? ~uint64_t{0} : (uint64_t{1} << inFirst) - 1) << offset;
+  if (count > inFirst) {
+    run.word1 = run.word0 + 1;
+    run.mask1 = (uint64_t{1} << (count - inFirst)) - 1;
+  }
+  return run;
+}
 
 void InlierScanner::Measure(const double* x, Scratch& scratch, bool bitsOnly) const {
   const PlaneDistancesFn measure = bitsOnly ? within_ : distances_;

@@ -117,21 +117,31 @@ class InlierScanner {
   // without the nearest lines: as soon as each camera has one line within
   // the inlier distance.
   bool Touches(int frame, const Scratch& scratch) const {
-    return frame < cam2_.FrameCount() &&
-           AnyBit(scratch.within1, cam1_.FirstPlane(frame), cam1_.LineCount(frame)) &&
-           AnyBit(scratch.within2, cam2_.FirstPlane(frame), cam2_.LineCount(frame));
+    if (frame >= cam2_.FrameCount()) return false;
+    const FrameBits& b = bits_[static_cast<size_t>(frame)];
+    return Any(b.cam1, scratch.within1) && Any(b.cam2, scratch.within2);
   }
 
  private:
-  // Whether any of bits [first, first + count) is set.
-  static bool AnyBit(const std::vector<uint64_t>& bits, int first, int count) {
-    while (count > 0) {
-      const int offset = first & 63;
-      const int take = count < 64 - offset ? count : 64 - offset;
-      const uint64_t mask = (take == 64 ? ~uint64_t{0} : (uint64_t{1} << take) - 1) << offset;
-      if ((bits[static_cast<size_t>(first >> 6)] & mask) != 0) return true;
-      first += take;
-      count -= take;
+  // A frame's planes of one camera as bits of at most two words (runs of
+  // more than 64 planes are read bit by bit).
+  struct Run {
+    int first, count;
+    int word0, word1;
+    uint64_t mask0, mask1;
+  };
+  struct FrameBits {
+    Run cam1, cam2;
+  };
+  static Run MakeRun(int first, int count);
+  static bool Any(const Run& run, const std::vector<uint64_t>& bits) {
+    if (run.count == 0) return false;
+    if (run.count <= 64) {
+      return ((bits[static_cast<size_t>(run.word0)] & run.mask0) |
+              (bits[static_cast<size_t>(run.word1)] & run.mask1)) != 0;
+    }
+    for (int k = run.first; k < run.first + run.count; ++k) {
+      if ((bits[static_cast<size_t>(k >> 6)] >> (k & 63)) & 1) return true;
     }
     return false;
   }
@@ -141,6 +151,7 @@ class InlierScanner {
   int frames_;
   PlaneDistancesFn distances_;
   PlaneDistancesFn within_;
+  std::vector<FrameBits> bits_;  // of the frames both cameras have
 };
 
 
