@@ -303,7 +303,8 @@ TEST(SpinAxis, InlierBitsWithoutDistances) {
   const double ten = 10.0, up = std::nextafter(ten, INFINITY), down = std::nextafter(ten, 0.0);
   std::vector<double> n{ten, up, down, -ten, 30, 3 * down, NAN, 1, 0, 1e-199, 1e201, 1, INFINITY,
                         -9.99, 9};
-  std::vector<double> len{1, 1, 1, 1, 3, 3, 1, 0, 0, 1e-200, 1e200, INFINITY, 1, -1, 1}, z(15), out(15);
+  std::vector<double> len{1, 1, 1, 1, 3, 3, 1, 0, 0, 1e-200, 1e200, INFINITY, 1, -1, 1};
+  std::vector<double> z(15), out(15);
   const PlaneColumns planes{n.data(), z.data(), z.data(), z.data(), len.data()};
   const double x[3] = {1.0, 0.0, 0.0};
   uint64_t bits[2];
