@@ -18,6 +18,7 @@
 
 #include "analysis/analysis.h"
 #include "analysis/binary_morphology.h"
+#include "reconstruction/spin_axis.h"
 #include "support/access.h"
 #include "support/literal_presence.h"
 #include "support/reference_spin_axis.h"
@@ -177,8 +178,9 @@ void BM_AnalyseSwing(benchmark::State& state, Scene scene) {
   static constexpr const char* kNames[] = {"pre", "cand", "presence", "heads", "lines", "",
                                            "spin", "shaft"};
   double seconds[std::size(kNames)] = {};
+  SwingAnalysis analysis;
   for (auto _ : state) {
-    SwingAnalysis analysis;
+    analysis = SwingAnalysis();
     std::clock_t last = std::clock();
     reference::AnalyseUpTo(tracker, p.frames[0], p.frames[1], SwingStage::kShaftAndHead, analysis,
                            [&](SwingStage stage, const SwingAnalysis&) {
@@ -197,6 +199,15 @@ void BM_AnalyseSwing(benchmark::State& state, Scene scene) {
     state.counters[std::string(kNames[k]) + "_ms"] =
         benchmark::Counter(seconds[k] * 1000.0, benchmark::Counter::kAvgIterations);
   }
+  // What the spin-axis search of the last pass's lines went through.
+  SpinAxisSearchStats stats;
+  double point[3] = {0.0, 0.0, 0.0};
+  ClubSpinAxis3D axis;
+  SearchClubSpinAxis(p.recording.setting, point, analysis.cand[0], analysis.cand[1], axis, &stats);
+  state.counters["pairs"] = static_cast<double>(stats.linePairs);
+  state.counters["rejected"] = static_cast<double>(stats.pairsSurelyRejected);
+  state.counters["hypotheses"] = static_cast<double>(stats.hypotheses);
+  state.counters["refits"] = static_cast<double>(stats.refits + stats.refitsSurelyWorse);
 }
 
 #define FIND_BENCHMARKS(scene, name)                                                        \

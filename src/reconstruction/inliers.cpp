@@ -65,12 +65,10 @@ struct CountBody {
     InlierScanner::Scratch scratch;
     for (int index = range.begin(); index != range.end(); ++index) {
       const PairHypothesis& h = hypotheses[index];
-      scanner.Measure(h.pivot, scratch);
+      scanner.Measure(h.pivot, scratch, true);
       uint32_t count = 0;
       for (int j = 0; j < scanner.FrameCount(); ++j) {
-        int k1 = 0;
-        int k2 = 0;
-        if (j == h.firstFrame || j == h.secondFrame || scanner.Supports(j, scratch, k1, k2)) {
+        if (j == h.firstFrame || j == h.secondFrame || scanner.Touches(j, scratch)) {
           ++count;
         }
       }

@@ -1,5 +1,6 @@
 #include "reconstruction/plane_cache.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -41,6 +42,7 @@ void PlaneCache::Build(const std::vector<CandidateAreaImage*>& areas,
         refit = normal * (1.0 / cv::norm(normal));
         for (int i = 0; i < 3; ++i) plane.refitNormal[i] = refit.at<double>(i);
         plane.refitOffset = refit.dot(camera.center);
+        plane.terms = NormalTerms(plane.normal, plane.offset);
         planes_.push_back(plane);
         nx_.push_back(plane.normal[0]);
         ny_.push_back(plane.normal[1]);
@@ -72,23 +74,51 @@ inline double LibraryDot3(const double* a, const double* b) {
   return ma.dot(mb);
 }
 
+// Bit k of `within` for the distance out[k] (the word already holds the bits
+// below k).
+inline void SetWithin(const double* out, int k, uint64_t* within) {
+  within[k >> 6] |= static_cast<uint64_t>(kInlierDistance > out[k]) << (k & 63);
+}
+
+inline void ClearWithin(int count, uint64_t* within) {
+  for (int w = 0; w < (count + 63) / 64; ++w) within[w] = 0;
+}
+
 template <double (*Dot)(const double*, const double*)>
-inline void Distances(const PlaneColumns& planes, int count, const double* x, double* out) {
+inline void Distances(const PlaneColumns& planes, int count, const double* x, double* out,
+                      uint64_t* within) {
+  ClearWithin(count, within);
   for (int k = 0; k < count; ++k) {
     const double normal[3] = {planes.nx[k], planes.ny[k], planes.nz[k]};
     out[k] = std::fabs((Dot(normal, x) - planes.offset[k]) / planes.length[k]);
+    SetWithin(out, k, within);
   }
 }
 
-void DistancesFused(const PlaneColumns& planes, int count, const double* x, double* out) {
-  Distances<FusedDot3>(planes, count, x, out);
+void DistancesFused(const PlaneColumns& planes, int count, const double* x, double* out,
+                    uint64_t* within) {
+  Distances<FusedDot3>(planes, count, x, out, within);
 }
 
 #if defined(__x86_64__) || defined(__i386__)
 // Four planes at a time: every lane is the same fused multiply-adds,
 // subtraction, division and sign clearing as the one-plane form.
-__attribute__((target("avx2,fma"))) void DistancesFusedAvx2(const PlaneColumns& planes, int count,
-                                                            const double* x, double* out) {
+//
+// kBitsOnly: only the bits, dividing only where the product test leaves a
+// doubt. For |len| in [1e-100, 1e100], |num| < 10 |len| (1 - 1e-12), rounded
+// as it is, still means fl(|num| / |len|) < 10, and |num| > 10 |len|
+// (1 + 1e-12) means fl(|num| / |len|) > 10 (both margins exceed the three
+// roundings by orders of magnitude). NaN leaves both in doubt.
+template <bool kBitsOnly>
+__attribute__((target("avx2,fma"))) void FusedAvx2(const PlaneColumns& planes, int count,
+                                                   const double* x, double* out,
+                                                   uint64_t* within) {
+  ClearWithin(count, within);
+  const __m256d limit = _mm256_set1_pd(static_cast<double>(kInlierDistance));
+  const __m256d below = _mm256_set1_pd(1.0 - 1e-12);
+  const __m256d above = _mm256_set1_pd(1.0 + 1e-12);
+  const __m256d smallest = _mm256_set1_pd(1e-100);
+  const __m256d largest = _mm256_set1_pd(1e100);
   const __m256d x0 = _mm256_set1_pd(x[0]);
   const __m256d x1 = _mm256_set1_pd(x[1]);
   const __m256d x2 = _mm256_set1_pd(x[2]);
@@ -99,25 +129,55 @@ __attribute__((target("avx2,fma"))) void DistancesFusedAvx2(const PlaneColumns& 
         _mm256_fmadd_pd(_mm256_loadu_pd(planes.nz + k), x2,
                         _mm256_fmadd_pd(_mm256_loadu_pd(planes.ny + k), x1,
                                         _mm256_mul_pd(_mm256_loadu_pd(planes.nx + k), x0)));
-    const __m256d distance =
-        _mm256_and_pd(_mm256_div_pd(_mm256_sub_pd(dot, _mm256_loadu_pd(planes.offset + k)),
-                                    _mm256_loadu_pd(planes.length + k)),
-                      signless);
-    _mm256_storeu_pd(out + k, distance);
+    const __m256d num = _mm256_sub_pd(dot, _mm256_loadu_pd(planes.offset + k));
+    const __m256d len = _mm256_loadu_pd(planes.length + k);
+    int bits = 0;
+    bool sure = false;
+    if (kBitsOnly) {
+      const __m256d t = _mm256_and_pd(num, signless);
+      const __m256d l = _mm256_and_pd(len, signless);
+      const __m256d p = _mm256_mul_pd(limit, l);
+      const __m256d scaled = _mm256_and_pd(_mm256_cmp_pd(l, smallest, _CMP_GE_OQ),
+                                           _mm256_cmp_pd(l, largest, _CMP_LE_OQ));
+      const __m256d lt = _mm256_cmp_pd(t, _mm256_mul_pd(p, below), _CMP_LT_OQ);
+      const __m256d gt = _mm256_cmp_pd(t, _mm256_mul_pd(p, above), _CMP_GT_OQ);
+      bits = _mm256_movemask_pd(_mm256_and_pd(scaled, lt));
+      sure = (bits | _mm256_movemask_pd(_mm256_and_pd(scaled, gt))) == 0xF;
+    }
+    if (!sure) {
+      const __m256d distance = _mm256_and_pd(_mm256_div_pd(num, len), signless);
+      if (!kBitsOnly) _mm256_storeu_pd(out + k, distance);
+      // limit > distance, false for NaN.
+      bits = _mm256_movemask_pd(_mm256_cmp_pd(limit, distance, _CMP_GT_OQ));
+    }
+    within[k >> 6] |= static_cast<uint64_t>(bits) << (k & 63);  // never straddles a word
   }
   for (; k < count; ++k) {
     const double normal[3] = {planes.nx[k], planes.ny[k], planes.nz[k]};
     out[k] = std::fabs((FusedDot3(normal, x) - planes.offset[k]) / planes.length[k]);
+    SetWithin(out, k, within);
   }
+}
+
+void DistancesFusedAvx2(const PlaneColumns& planes, int count, const double* x, double* out,
+                        uint64_t* within) {
+  FusedAvx2<false>(planes, count, x, out, within);
+}
+
+void WithinFusedAvx2(const PlaneColumns& planes, int count, const double* x, double* out,
+                     uint64_t* within) {
+  FusedAvx2<true>(planes, count, x, out, within);
 }
 #endif
 
-void DistancesPlain(const PlaneColumns& planes, int count, const double* x, double* out) {
-  Distances<PlainDot3>(planes, count, x, out);
+void DistancesPlain(const PlaneColumns& planes, int count, const double* x, double* out,
+                    uint64_t* within) {
+  Distances<PlainDot3>(planes, count, x, out, within);
 }
 
-void DistancesLibrary(const PlaneColumns& planes, int count, const double* x, double* out) {
-  Distances<LibraryDot3>(planes, count, x, out);
+void DistancesLibrary(const PlaneColumns& planes, int count, const double* x, double* out,
+                      uint64_t* within) {
+  Distances<LibraryDot3>(planes, count, x, out, within);
 }
 
 // The nearest of `count` distances: the first of equal ones; the largest
@@ -195,12 +255,12 @@ const MatRounding& MatRounding::Get() {
   return rounding;
 }
 
-PlaneDistancesFn SelectPlaneDistances(const MatRounding& rounding) {
+PlaneDistancesFn SelectPlaneDistances(const MatRounding& rounding, bool bitsOnly) {
   switch (rounding.dot3) {
     case MatRounding::Dot3::kFused:
 #if defined(__x86_64__) || defined(__i386__)
       if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) {
-        return DistancesFusedAvx2;
+        return bitsOnly ? WithinFusedAvx2 : DistancesFusedAvx2;
       }
 #endif
       return DistancesFused;
@@ -259,19 +319,45 @@ InlierScanner::InlierScanner(const PlaneCache& cam1, const PlaneCache& cam2)
     : cam1_(cam1),
       cam2_(cam2),
       frames_(cam1.FrameCount()),
-      distances_(SelectPlaneDistances(MatRounding::Get())) {}
+      distances_(SelectPlaneDistances(MatRounding::Get(), false)),
+      within_(SelectPlaneDistances(MatRounding::Get(), true)) {
+  for (int j = 0; j < frames_ && j < cam2_.FrameCount(); ++j) {
+    bits_.push_back({MakeRun(cam1_.FirstPlane(j), cam1_.LineCount(j)),
+                     MakeRun(cam2_.FirstPlane(j), cam2_.LineCount(j))});
+  }
+}
 
-void InlierScanner::Measure(const double* x, Scratch& scratch) const {
-  scratch.cam1.resize(static_cast<size_t>(cam1_.PlaneCount()));
-  scratch.cam2.resize(static_cast<size_t>(cam2_.PlaneCount()));
-  if (cam1_.PlaneCount() > 0)
-    distances_(cam1_.Columns(0), cam1_.PlaneCount(), x, scratch.cam1.data());
-  if (cam2_.PlaneCount() > 0)
-    distances_(cam2_.Columns(0), cam2_.PlaneCount(), x, scratch.cam2.data());
+InlierScanner::Run InlierScanner::MakeRun(int first, int count) {
+  Run run{first, count, 0, 0, 0, 0};
+  if (count == 0 || count > 64) return run;
+  // Bits first .. first + count - 1: the first word from `first` on, the rest
+  // (if any) at the bottom of the next.
+  const int offset = first & 63;
+  run.word0 = first >> 6;
+  run.word1 = run.word0;
+  const int inFirst = std::min(count, 64 - offset);
+  run.mask0 = (inFirst == 64 ? ~uint64_t{0} : (uint64_t{1} << inFirst) - 1) << offset;
+  if (count > inFirst) {
+    run.word1 = run.word0 + 1;
+    run.mask1 = (uint64_t{1} << (count - inFirst)) - 1;
+  }
+  return run;
+}
+
+void InlierScanner::Measure(const double* x, Scratch& scratch, bool bitsOnly) const {
+  const PlaneDistancesFn measure = bitsOnly ? within_ : distances_;
+  const int count1 = cam1_.PlaneCount();
+  const int count2 = cam2_.PlaneCount();
+  scratch.cam1.resize(static_cast<size_t>(count1));
+  scratch.cam2.resize(static_cast<size_t>(count2));
+  scratch.within1.resize(static_cast<size_t>(count1 + 63) / 64);
+  scratch.within2.resize(static_cast<size_t>(count2 + 63) / 64);
+  if (count1 > 0) measure(cam1_.Columns(0), count1, x, scratch.cam1.data(), scratch.within1.data());
+  if (count2 > 0) measure(cam2_.Columns(0), count2, x, scratch.cam2.data(), scratch.within2.data());
 }
 
 bool InlierScanner::Supports(int frame, const Scratch& scratch, int& k1, int& k2) const {
-  if (frame >= cam2_.FrameCount()) return false;
+  if (!Touches(frame, scratch)) return false;
   double best1 = 0.0;
   k1 = Nearest(scratch.cam1.data() + cam1_.FirstPlane(frame), cam1_.LineCount(frame), best1);
   if (!(kInlierDistance > best1)) return false;
@@ -279,3 +365,4 @@ bool InlierScanner::Supports(int frame, const Scratch& scratch, int& k1, int& k2
   k2 = Nearest(scratch.cam2.data() + cam2_.FirstPlane(frame), cam2_.LineCount(frame), best2);
   return kInlierDistance > best2;
 }
+

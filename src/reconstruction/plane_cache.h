@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "reconstruction/geometry.h"
+#include "reconstruction/plane_solve.h"
 #include "tracker/records.h"
 
 // The plane that one image line sweeps from its camera centre, with every
@@ -18,6 +19,7 @@ struct LinePlane {
   double length;          // sqrt(normal . normal)
   double refitNormal[3];  // normal * (1.0 / cv::norm(normal)), as the refit stores it
   double refitOffset;     // refitNormal . centre
+  PlaneNormalTerms terms;  // of normal and offset
 };
 
 // The inlier test's values of a run of planes, one array per value.
@@ -52,6 +54,9 @@ class PlaneCache {
   std::vector<int> start_{0};  // planes of frame j: [start_[j], start_[j + 1])
 };
 
+// The inlier distance, compared as a double.
+constexpr int kInlierDistance = 10;
+
 // How this OpenCV build rounds the products that the hot loops form by hand.
 // Found once per process by comparing the library's own results on probe
 // values with the candidate formulas; anything that matches none of them is
@@ -67,10 +72,13 @@ struct MatRounding {
 };
 
 // Distances from a point to `count` planes, as the inlier test forms them:
-// out[k] = |(normal_k . x - offset_k) / length_k|.
+// out[k] = |(normal_k . x - offset_k) / length_k|, and bit k of `within`
+// ((count + 63) / 64 words, all written) set when out[k] lies strictly within
+// the inlier distance.
 using PlaneDistancesFn = void (*)(const PlaneColumns& planes, int count, const double* x,
-                                  double* out);
-PlaneDistancesFn SelectPlaneDistances(const MatRounding& rounding);
+                                  double* out, uint64_t* within);
+// With `bitsOnly`, a function whose `out` may be left partly unwritten.
+PlaneDistancesFn SelectPlaneDistances(const MatRounding& rounding, bool bitsOnly);
 
 // r = A x - d for `rows` rows of A (row-major, 3 columns), as cv::gemm forms it.
 void PlaneResiduals(const MatRounding& rounding, const double* a, const double* x, const double* d,
@@ -92,22 +100,58 @@ class InlierScanner {
   struct Scratch {
     std::vector<double> cam1;
     std::vector<double> cam2;
+    // Bit k: plane k lies strictly within the inlier distance.
+    std::vector<uint64_t> within1;
+    std::vector<uint64_t> within2;
   };
 
   int FrameCount() const { return frames_; }
   // Measures every plane's distance from x into `scratch`, for Supports.
-  void Measure(const double* x, Scratch& scratch) const;
+  // With `bitsOnly`, only Touches may follow.
+  void Measure(const double* x, Scratch& scratch, bool bitsOnly = false) const;
   // True when frame j supports the point last measured into `scratch`; k1,
   // k2 are then its nearest lines in each camera (the first of equal
   // distances).
   bool Supports(int frame, const Scratch& scratch, int& k1, int& k2) const;
+  // Whether frame j supports the point last measured, as Supports decides,
+  // without the nearest lines: as soon as each camera has one line within
+  // the inlier distance.
+  bool Touches(int frame, const Scratch& scratch) const {
+    if (frame >= cam2_.FrameCount()) return false;
+    const FrameBits& b = bits_[static_cast<size_t>(frame)];
+    return Any(b.cam1, scratch.within1) && Any(b.cam2, scratch.within2);
+  }
 
  private:
+  // A frame's planes of one camera as bits of at most two words (runs of
+  // more than 64 planes are read bit by bit).
+  struct Run {
+    int first, count;
+    int word0, word1;
+    uint64_t mask0, mask1;
+  };
+  struct FrameBits {
+    Run cam1, cam2;
+  };
+  static Run MakeRun(int first, int count);
+  static bool Any(const Run& run, const std::vector<uint64_t>& bits) {
+    if (run.count == 0) return false;
+    if (run.count <= 64) {
+      return ((bits[static_cast<size_t>(run.word0)] & run.mask0) |
+              (bits[static_cast<size_t>(run.word1)] & run.mask1)) != 0;
+    }
+    for (int k = run.first; k < run.first + run.count; ++k) {
+      if ((bits[static_cast<size_t>(k >> 6)] >> (k & 63)) & 1) return true;
+    }
+    return false;
+  }
+
   const PlaneCache& cam1_;
   const PlaneCache& cam2_;
   int frames_;
   PlaneDistancesFn distances_;
+  PlaneDistancesFn within_;
+  std::vector<FrameBits> bits_;  // of the frames both cameras have
 };
 
-// The inlier distance, compared as a double.
-constexpr int kInlierDistance = 10;
+

@@ -239,20 +239,17 @@ bool JacobiSolveMatchesLibrary() {
 
 namespace {
 
-// The normal-equation solution of a well-conditioned system of unit planes:
-// condition number at most about 1000. False for anything else.
-bool NormalEquationPoint(const double* a, const double* d, int rows, double* x) {
-  double m[3][3] = {{0.0, 0.0, 0.0}, {0.0, 0.0, 0.0}, {0.0, 0.0, 0.0}};
-  double b[3] = {0.0, 0.0, 0.0};
-  for (int i = 0; i < rows; ++i) {
-    const double* n = a + 3 * i;
-    const double norm = n[0] * n[0] + n[1] * n[1] + n[2] * n[2];
-    if (!(std::abs(norm - 1.0) <= 1e-9) || !std::isfinite(d[i])) return false;
-    for (int r = 0; r < 3; ++r) {
-      for (int c = r; c < 3; ++c) m[r][c] += n[r] * n[c];
-      b[r] += n[r] * d[i];
-    }
-  }
+bool UnitPlane(const double* n, double d) {
+  const double norm = n[0] * n[0] + n[1] * n[1] + n[2] * n[2];
+  return std::abs(norm - 1.0) <= 1e-9 && std::isfinite(d);
+}
+
+// The normal-equation solution from the summed terms (m: upper triangle of
+// A^T A as in PlaneNormalTerms, b = A^T d) of a well-conditioned system of
+// `rows` unit planes: condition number at most about 1000. False for
+// anything else.
+bool SolveNormalEquations(const double* m6, const double* b, int rows, double* x) {
+  const double m[3][3] = {{m6[0], m6[1], m6[2]}, {0.0, m6[3], m6[4]}, {0.0, 0.0, m6[5]}};
   const double c00 = m[1][1] * m[2][2] - m[1][2] * m[1][2];
   const double c01 = m[0][2] * m[1][2] - m[0][1] * m[2][2];
   const double c02 = m[0][1] * m[1][2] - m[0][2] * m[1][1];
@@ -270,12 +267,47 @@ bool NormalEquationPoint(const double* a, const double* d, int rows, double* x) 
   return std::isfinite(x[0]) && std::isfinite(x[1]) && std::isfinite(x[2]);
 }
 
+// The same from the rows themselves.
+bool NormalEquationPoint(const double* a, const double* d, int rows, double* x) {
+  double m[6] = {0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
+  double b[3] = {0.0, 0.0, 0.0};
+  for (int i = 0; i < rows; ++i) {
+    const PlaneNormalTerms t = NormalTerms(a + 3 * i, d[i]);
+    if (!t.usable) return false;
+    for (int k = 0; k < 6; ++k) m[k] += t.nn[k];
+    for (int r = 0; r < 3; ++r) b[r] += t.nd[r];
+  }
+  return SolveNormalEquations(m, b, rows, x);
+}
+
 }  // namespace
 
-bool PairSurelyRejected(const double* a, const double* d, const double* reference, int axisIndex,
-                        const PairWindows& windows) {
+PlaneNormalTerms NormalTerms(const double* n, double d) {
+  PlaneNormalTerms t;
+  int k = 0;
+  for (int r = 0; r < 3; ++r) {
+    for (int c = r; c < 3; ++c) t.nn[k++] = n[r] * n[c];
+    t.nd[r] = n[r] * d;
+  }
+  t.usable = UnitPlane(n, d);
+  return t;
+}
+
+bool PairSurelyRejected(const double* a, const double* d, const PlaneNormalTerms* const* terms,
+                        const double* reference, int axisIndex, const PairWindows& windows) {
+  if (!(terms[0]->usable && terms[1]->usable && terms[2]->usable && terms[3]->usable)) {
+    return false;
+  }
+  double m[6];
+  double b[3];
+  for (int k = 0; k < 6; ++k) {
+    m[k] = ((terms[0]->nn[k] + terms[1]->nn[k]) + terms[2]->nn[k]) + terms[3]->nn[k];
+  }
+  for (int r = 0; r < 3; ++r) {
+    b[r] = ((terms[0]->nd[r] + terms[1]->nd[r]) + terms[2]->nd[r]) + terms[3]->nd[r];
+  }
   double x[3];
-  if (!NormalEquationPoint(a, d, 4, x)) return false;
+  if (!SolveNormalEquations(m, b, 4, x)) return false;
   double residual = 0.0;
   for (int i = 0; i < 4; ++i) {
     const double* n = a + 3 * i;

@@ -30,6 +30,17 @@ struct PairWindows {
   double maxDistance;
 };
 
+// One plane's share of the normal equations A^T A x = A^T d: the upper
+// triangle of n n^T (00, 01, 02, 11, 12, 22) and n d, and whether the plane
+// may enter them (unit normal, finite offset).
+struct PlaneNormalTerms {
+  double nn[6];
+  double nd[3];
+  bool usable;
+};
+
+PlaneNormalTerms NormalTerms(const double* normal, double offset);
+
 // True only when the least-squares point of the four planes (rows of a, unit
 // normals; offsets d) certainly fails the windows around `reference`, whatever
 // the last bits of its solution: decided on the normal equations of a
@@ -37,8 +48,9 @@ struct PairWindows {
 // that solution and the library's. False whenever in doubt (nearly parallel
 // planes, values that are not finite, a point near a bound); the caller then
 // solves the system exactly and decides on that.
-bool PairSurelyRejected(const double* a, const double* d, const double* reference, int axisIndex,
-                        const PairWindows& windows);
+// `terms` are the four planes' NormalTerms, in the order of the rows.
+bool PairSurelyRejected(const double* a, const double* d, const PlaneNormalTerms* const* terms,
+                        const double* reference, int axisIndex, const PairWindows& windows);
 
 // True only when the least-squares residual (r . r) / rows of the planes
 // (rows of a, unit normals; offsets d) is certainly at least `bound`, however

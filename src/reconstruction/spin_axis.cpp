@@ -189,7 +189,9 @@ struct EvaluateLinePairs {
           d[i] = planes[i]->offset;
         }
         // Pairs whose point is far outside the windows need no exact solution.
-        if (PairSurelyRejected(a, d, referencePoint, axisIndex, kPairWindows)) {
+        const PlaneNormalTerms* terms[4] = {&planes[0]->terms, &planes[1]->terms,
+                                            &planes[2]->terms, &planes[3]->terms};
+        if (PairSurelyRejected(a, d, terms, referencePoint, axisIndex, kPairWindows)) {
           ++path.surelyRejected;
           continue;
         }
@@ -392,6 +394,7 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
   double best = kInitialBestRefit;
   std::vector<char> visited(accepted.size(), 0);
   std::unordered_set<std::vector<InlierLines>, InlierListHash> solved;
+  solved.reserve(accepted.size());
   std::vector<InlierLines> inliers;
   InlierScanner::Scratch scratch;
   cv::Mat matA;
