@@ -307,8 +307,9 @@ void ExpectClubOnlyInTheChangeMasks(const synth::Recording& rec, int c,
     EXPECT_EQ(cv::countNonZero(cleaned & ~near), 0);
     const cv::Vec2d head = m.ProjectToWindow(t.HeadCentre(t.FrameTime(c, i)));
     const cv::Rect core(cv::Point(head) - cv::Point(8, 8), cv::Size(17, 17));
-    if ((core & cv::Rect(0, 0, m.width, m.height)) == core)
+    if ((core & cv::Rect(0, 0, m.width, m.height)) == core) {
       EXPECT_GT(cv::countNonZero(mask(core)), 17 * 17 * 3 / 4);
+    }
   }
 }
 
@@ -340,7 +341,9 @@ TEST(Synth, TruthFramesAndWhatTheTrackerSees) {
       ExpectBallInEveryFrame(rec, c);
       ExpectClubOnlyInTheChangeMasks(rec, c, masks[c]);
     }
-    if (scene.placement == synth::Placement::kNear) EXPECT_GT(BothPresent(masks), 10);
+    if (scene.placement == synth::Placement::kNear) {
+      EXPECT_GT(BothPresent(masks), 10);
+    }
   }
 }
 

@@ -7,7 +7,7 @@
 #include "analysis/analysis.h"
 #include "analysis/binary_morphology.h"
 #include "support/literal_presence.h"
-#include "support/swing_masks.h"
+#include "support/change_masks.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include "analysis/analysis.h"
 #include "analysis/hough.h"
-#include "support/swing_masks.h"
+#include "support/change_masks.h"
 
 namespace {
 

@@ -1,5 +1,7 @@
-// One camera's candidate-area masks (change masks) of a recording, from the
-// tracker's own first two stages.
+// Candidate-area masks (change masks) from the tracker's own first two
+// stages: of one camera of a recording, and of both cameras of the near and
+// the far synthetic swing (rendered once per test binary; real inputs for the
+// identity tests of the exact image operations).
 #pragma once
 
 #include <memory>
@@ -26,5 +28,19 @@ inline std::vector<cv::Mat> CameraChangeMasks(synth::Recording& recording, int c
     const std::unique_ptr<CandidateAreaImage> release(area);
     masks.push_back(area->image);
   }
+  return masks;
+}
+
+inline const std::vector<cv::Mat>& SwingChangeMasks() {
+  static const std::vector<cv::Mat> masks = [] {
+    std::vector<cv::Mat> out;
+    for (const synth::Placement placement : {synth::Placement::kNear, synth::Placement::kFar}) {
+      synth::Recording recording = synth::Render({.placement = placement});
+      for (int camera = 0; camera < 2; ++camera) {
+        for (cv::Mat& mask : CameraChangeMasks(recording, camera)) out.push_back(mask);
+      }
+    }
+    return out;
+  }();
   return masks;
 }
