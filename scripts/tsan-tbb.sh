@@ -16,11 +16,11 @@ orig=onetbb_${version}.orig.tar.xz
 orig_sha=7e9111b8bb59c8800bf6d0b06afe7b0891937443d2dae1ee1101c8e2ede6a7ef
 deb=onetbb_${version}-${debian_rev}.debian.tar.xz
 deb_sha=b83a270205b38cdf66972fa1467c3e29493b88b92ecacf4f3672e87d67199df5
-stamp=$prefix/.onetbb-${version}-${debian_rev}-tsan
 
-[ -f "$stamp" ] && exit 0
 mkdir -p "$prefix"
 prefix=$(cd "$prefix" && pwd)
+stamp=$prefix/.onetbb-${version}-${debian_rev}-tsan
+[ -f "$stamp" ] && exit 0
 work=$prefix/src
 rm -rf "$work"
 mkdir -p "$work"
