@@ -3,6 +3,7 @@
 // candidate areas, presence test, head sizes with head deletion, line passes,
 // spin axis, shaft and head.
 #include <algorithm>
+#include <chrono>
 #include <ctime>
 #include <iterator>
 #include <cstring>
@@ -169,7 +170,7 @@ void BM_FindLiteral(benchmark::State& state, Scene scene) {
 }
 
 // Find's analysis alone, with the process CPU time of each stage (all
-// threads) as counters; what BM_Find spends beyond their sum is the driver's
+// threads) and its wall time as counters; what BM_Find spends beyond their sum is the driver's
 // own work (checks, pairing, the raw copies, the log).
 void BM_AnalyseSwing(benchmark::State& state, Scene scene) {
   Pipeline& p = PipelineOf(scene);
@@ -178,10 +179,12 @@ void BM_AnalyseSwing(benchmark::State& state, Scene scene) {
   static constexpr const char* kNames[] = {"pre", "cand", "presence", "heads", "lines", "",
                                            "spin", "shaft"};
   double seconds[std::size(kNames)] = {};
+  double wallSeconds[std::size(kNames)] = {};
   SwingAnalysis analysis;
   for (auto _ : state) {
     analysis = SwingAnalysis();
     std::clock_t last = std::clock();
+    auto lastWall = std::chrono::steady_clock::now();
     reference::AnalyseUpTo(tracker, p.frames[0], p.frames[1], SwingStage::kShaftAndHead, analysis,
                            [&](SwingStage stage, const SwingAnalysis&) {
                              const std::clock_t now = std::clock();
@@ -191,6 +194,10 @@ void BM_AnalyseSwing(benchmark::State& state, Scene scene) {
                                                       : static_cast<size_t>(stage);
                              seconds[index] += double(now - last) / CLOCKS_PER_SEC;
                              last = now;
+                             const auto nowWall = std::chrono::steady_clock::now();
+                             wallSeconds[index] +=
+                                 std::chrono::duration<double>(nowWall - lastWall).count();
+                             lastWall = nowWall;
                            },
                            &result);
   }
@@ -198,6 +205,8 @@ void BM_AnalyseSwing(benchmark::State& state, Scene scene) {
     if (kNames[k][0] == '\0') continue;
     state.counters[std::string(kNames[k]) + "_ms"] =
         benchmark::Counter(seconds[k] * 1000.0, benchmark::Counter::kAvgIterations);
+    state.counters[std::string(kNames[k]) + "_wall"] =
+        benchmark::Counter(wallSeconds[k] * 1000.0, benchmark::Counter::kAvgIterations);
   }
   // What the spin-axis search of the last pass's lines went through.
   SpinAxisSearchStats stats;

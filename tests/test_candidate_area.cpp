@@ -11,6 +11,7 @@
 #include <opencv2/imgproc.hpp>
 #include <vector>
 
+#include "analysis/analysis.h"
 #include "support/access.h"
 
 namespace {
@@ -144,6 +145,49 @@ TEST(CandidateArea, FramesOfAnotherWindowOrSizeAreNeverReferences) {
   pairs = ReferencesOf(run, 2);
   ASSERT_EQ(pairs.size(), 1u);
   EXPECT_EQ(pairs[0], std::make_pair(0, 4));
+}
+
+// The fused change mask against the two thresholded differences of the
+// first version, over widths around the vector length, views into larger
+// matrices, differences at the threshold (1 and 2) and saturating values.
+TEST(CandidateArea, ChangeMaskIsTheLiteralExpression) {
+  const auto literal = [](const cv::Mat& image, const cv::Mat& reference) {
+    cv::Mat changed;
+    cv::threshold(cv::abs(image - reference), changed, 1.0, 255.0, cv::THRESH_BINARY);
+    return changed;
+  };
+  cv::RNG rng(20261124);
+  const cv::Size sizes[] = {{1, 1}, {15, 1}, {16, 3}, {17, 2}, {33, 7}, {64, 48}, {100, 13}};
+  for (const cv::Size size : sizes) {
+    for (const int spread : {1, 3, 256}) {
+      for (const bool view : {false, true}) {
+        // A view leaves a margin of 5 columns and 2 rows in its parent.
+        cv::Mat planes[3];
+        for (cv::Mat& plane : planes) {
+          plane.create(size.height + (view ? 4 : 0), size.width + (view ? 10 : 0), CV_8UC1);
+          rng.fill(plane, cv::RNG::UNIFORM, 0, 256);
+        }
+        if (spread < 256) {  // references within `spread` of the frame, clamped
+          for (int k = 1; k < 3; ++k) {
+            cv::Mat offset(planes[0].size(), CV_16SC1);
+            rng.fill(offset, cv::RNG::UNIFORM, -spread, spread + 1);
+            cv::Mat sum;
+            cv::add(planes[0], offset, sum, cv::noArray(), CV_16SC1);
+            sum.convertTo(planes[k], CV_8UC1);
+          }
+        }
+        if (view) {
+          for (cv::Mat& plane : planes) plane = plane(cv::Rect(cv::Point(5, 2), size));
+        }
+        SCOPED_TRACE(testing::Message() << size << " spread " << spread << " view " << view);
+        cv::Mat mask;
+        const int64_t count = ChangeMask(planes[0], planes[1], planes[2], mask);
+        const cv::Mat expected = literal(planes[0], planes[1]) & literal(planes[0], planes[2]);
+        EXPECT_TRUE(SameMask(mask, expected));
+        EXPECT_EQ(count, static_cast<int64_t>(cv::sum(expected)[0] / 255.0));
+      }
+    }
+  }
 }
 
 TEST(CandidateArea, ThreeQuartersChangedIsKeptOneMorePixelIsCompensatedAndBlanked) {

@@ -2,6 +2,7 @@
 // stages that the Find driver calls directly.
 #pragma once
 
+#include <cstdint>
 #include <vector>
 
 #include <opencv2/core.hpp>
@@ -35,6 +36,12 @@ void ComputeShaftVotes(const cv::Mat& mask, HoughVotes& votes);
 // same lines in the same order.
 int ExtractCandidatesFromVotes(CandidateAreaImage* candidate, const HoughVotes& votes,
                                int voteThreshold);
+
+// The change mask of a frame against its two references (8-bit grey, one
+// size): 255 where the frame differs from both by 2 grey levels or more, else
+// 0, written into `mask`. Returns the number of set pixels.
+int64_t ChangeMask(const cv::Mat& image, const cv::Mat& earlier, const cv::Mat& later,
+                   cv::Mat& mask);
 
 class BitMask;
 

@@ -61,13 +61,18 @@ bool AnalyseSwing(ClubTracker& tracker, const SwingStages& stages,
   out.ownedPre.reserve(out.ownedPre.size() + pairs1.size() + pairs2.size());
   for (int c = 0; c < 2; ++c) {
     out.pre[c].reserve(pairs[c]->size());
-    for (ClubImage* frame : *pairs[c]) {
+    for (size_t k = 0; k < pairs[c]->size(); ++k) {
       out.ownedPre.push_back(std::make_unique<PreprocessedImage>());
-      PreprocessedImage* record = out.ownedPre.back().get();
-      stages.preprocessing(tracker, frame, record);
-      out.pre[c].push_back(record);
+      out.pre[c].push_back(out.ownedPre.back().get());
     }
   }
+  // Frames spread over the cores: each writes only its own record.
+  const int frames1 = static_cast<int>(pairs1.size());
+  tbb::parallel_for(0, frames1 + static_cast<int>(pairs2.size()), [&](int k) {
+    const int c = k < frames1 ? 0 : 1;
+    const size_t i = static_cast<size_t>(c == 0 ? k : k - frames1);
+    stages.preprocessing(tracker, (*pairs[c])[i], out.pre[c][i]);
+  });
   if (!reached(SwingStage::kPreprocessed)) return false;
 
   for (int c = 0; c < 2 && out.failedCamera == 0; ++c) {
