@@ -149,7 +149,8 @@ TEST(CandidateArea, FramesOfAnotherWindowOrSizeAreNeverReferences) {
 
 // The fused change mask against the two thresholded differences of the
 // first version, over widths around the vector length, views into larger
-// matrices, differences at the threshold (1 and 2) and saturating values.
+// matrices, rows of more than 255 vectors, differences at the threshold (1
+// and 2) and saturating values.
 TEST(CandidateArea, ChangeMaskIsTheLiteralExpression) {
   const auto literal = [](const cv::Mat& image, const cv::Mat& reference) {
     cv::Mat changed;
@@ -157,7 +158,7 @@ TEST(CandidateArea, ChangeMaskIsTheLiteralExpression) {
     return changed;
   };
   cv::RNG rng(20261124);
-  const cv::Size sizes[] = {{1, 1}, {15, 1}, {16, 3}, {17, 2}, {33, 7}, {64, 48}, {100, 13}};
+  const cv::Size sizes[] = {{1, 1}, {15, 1}, {16, 3}, {17, 2}, {33, 7}, {64, 48}, {100, 13}, {4100, 2}};
   for (const cv::Size size : sizes) {
     for (const int spread : {1, 3, 256}) {
       for (const bool view : {false, true}) {

@@ -1,6 +1,5 @@
 // Candidate-area masks: the pixels of each frame that changed against an
 // earlier and against a later reference frame of the same camera.
-#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <memory>
@@ -144,16 +143,29 @@ int64_t ChangeMask(const cv::Mat& image, const cv::Mat& earlier, const cv::Mat& 
     uchar* m = mask.ptr<uchar>(r);
     int c = 0;
 #if CV_SIMD128
-    // Set where the smaller of the two differences exceeds 1.
+    // Set where the smaller of the two differences exceeds 1. Each lane of
+    // `tally` counts its set pixels (a set byte is -1) for up to 255 vectors.
     const cv::v_uint8x16 one = cv::v_setall_u8(1);
-    for (; c + 16 <= image.cols; c += 16) {
+    cv::v_uint8x16 tally = cv::v_setzero_u8();
+    const auto flush = [&] {
+      cv::v_uint16x8 low, high;
+      cv::v_expand(tally, low, high);
+      count += cv::v_reduce_sum(low + high);
+      tally = cv::v_setzero_u8();
+    };
+    for (int pending = 0; c + 16 <= image.cols; c += 16) {
       const cv::v_uint8x16 pixel = cv::v_load(a + c);
       const cv::v_uint8x16 least = cv::v_min(cv::v_absdiff(pixel, cv::v_load(e + c)),
                                              cv::v_absdiff(pixel, cv::v_load(l + c)));
       const cv::v_uint8x16 set = least > one;
       cv::v_store(m + c, set);
-      count += std::popcount(static_cast<unsigned>(cv::v_signmask(set)));
+      tally = cv::v_sub_wrap(tally, set);
+      if (++pending == 255) {
+        flush();
+        pending = 0;
+      }
     }
+    flush();
 #endif
     for (; c < image.cols; ++c) {
       const int de = a[c] > e[c] ? a[c] - e[c] : e[c] - a[c];

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
+#include <limits>
 #include <cstdint>
 #include <cstring>
 #include <opencv2/core.hpp>
@@ -334,10 +335,11 @@ bool PairSurelyRejected(const double* a, const double* d, const PlaneNormalTerms
   return distance + margin < windows.minDistance || distance - margin > windows.maxDistance;
 }
 
-bool ResidualSurelyAtLeast(const double* a, const double* d, int rows, double bound) {
-  if (rows < 3) return false;
+double ResidualSurelyAbove(const double* a, const double* d, int rows) {
+  constexpr double kNone = std::numeric_limits<double>::quiet_NaN();
+  if (rows < 3) return kNone;
   double x[3];
-  if (!NormalEquationPoint(a, d, rows, x)) return false;
+  if (!NormalEquationPoint(a, d, rows, x)) return kNone;
   double residual = 0.0;
   for (int i = 0; i < rows; ++i) {
     const double* n = a + 3 * i;
@@ -345,10 +347,14 @@ bool ResidualSurelyAtLeast(const double* a, const double* d, int rows, double bo
     residual += r * r;
   }
   residual /= rows;
-  if (!std::isfinite(residual)) return false;
+  if (!std::isfinite(residual)) return kNone;
   // Any point's residual is at least the minimum; the library's solution lies
   // within `margin` of the minimising point, which moves the mean squared
   // residual by less than margin^2 (A^T A / rows has norm at most 1).
   const double margin = 1e-2 + 1e-6 * (std::abs(x[0]) + std::abs(x[1]) + std::abs(x[2]));
-  return residual - (margin * margin + 1e-6 * (1.0 + residual)) >= bound;
+  return residual - (margin * margin + 1e-6 * (1.0 + residual));
+}
+
+bool ResidualSurelyAtLeast(const double* a, const double* d, int rows, double bound) {
+  return ResidualSurelyAbove(a, d, rows) >= bound;  // NaN: in doubt
 }

@@ -57,3 +57,6 @@ bool PairSurelyRejected(const double* a, const double* d, const PlaneNormalTerms
 // its last bits come out; decided as PairSurelyRejected decides. False
 // whenever in doubt.
 bool ResidualSurelyAtLeast(const double* a, const double* d, int rows, double bound);
+// The value ResidualSurelyAtLeast compares with its bound: the residual is
+// surely at least any bound not above it. NaN when in doubt.
+double ResidualSurelyAbove(const double* a, const double* d, int rows);

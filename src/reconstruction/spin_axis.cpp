@@ -277,6 +277,80 @@ struct SortEntry {
   double magnitude;    // |pivot[axisIndex]|
 };
 
+// Refit blocks: the first holds this many hypotheses, each next one twice as
+// many up to the last size; a task prepares at least kRefitGrain of them.
+constexpr size_t kFirstRefitBlock = 64;
+constexpr size_t kLastRefitBlock = 2048;
+constexpr size_t kRefitGrain = 16;
+
+// A hypothesis of the refit loop and what the loop needs of it.
+struct RefitCandidate {
+  const SortEntry* entry = nullptr;
+  std::vector<InlierLines> inliers;
+  int usable = 0;          // inliers whose frames are before the impact in both cameras
+  bool first = false;      // the first hypothesis with these inlier lines
+  const std::vector<InlierLines>* solvedLines = nullptr;  // its lines, once first
+  double surelyAbove = 0.0;  // ResidualSurelyAbove of the inliers' planes, once first
+};
+
+// Task body: the inlier lines and their usable count of block[i] for each i
+// of its range.
+struct ListRefitInliers {
+  const InlierScanner& scanner;
+  const std::vector<PairHypothesis>& accepted;
+  const std::vector<CandidateAreaImage*>& cam1Areas;
+  const std::vector<CandidateAreaImage*>& cam2Areas;
+  std::vector<RefitCandidate>& block;
+
+  void operator()(const tbb::blocked_range<size_t>& range) const {
+    thread_local InlierScanner::Scratch scratch;
+    for (size_t i = range.begin(); i != range.end(); ++i) {
+      RefitCandidate& candidate = block[i];
+      ListSpinAxisInliers(scanner, accepted[candidate.entry->hypothesis], scratch,
+                          candidate.inliers);
+      candidate.usable = 0;
+      for (const InlierLines& in : candidate.inliers) {
+        const CandidateAreaImage* a1 = cam1Areas[in.frame];
+        const CandidateAreaImage* a2 = cam2Areas[in.frame];
+        if (a1 != nullptr && a2 != nullptr && a1->afterImpact == 0 && a2->afterImpact == 0) {
+          ++candidate.usable;
+        }
+      }
+    }
+  }
+};
+
+// Task body: the residual bound of block[i]'s planes (every inlier's two
+// planes, camera 1's rows first) for each first hypothesis i of its range.
+struct BoundRefitResiduals {
+  const PlaneCache& planes1;
+  const PlaneCache& planes2;
+  std::vector<RefitCandidate>& block;
+
+  void operator()(const tbb::blocked_range<size_t>& range) const {
+    thread_local std::vector<double> a, d;
+    for (size_t i = range.begin(); i != range.end(); ++i) {
+      RefitCandidate& candidate = block[i];
+      if (!candidate.first) continue;
+      const std::vector<InlierLines>& inliers = *candidate.solvedLines;
+      const size_t m = inliers.size();
+      a.resize(6 * m);
+      d.resize(2 * m);
+      for (size_t k = 0; k < m; ++k) {
+        const LinePlane& p1 = planes1.At(inliers[k].frame, inliers[k].cam1);
+        const LinePlane& p2 = planes2.At(inliers[k].frame, inliers[k].cam2);
+        for (size_t j = 0; j < 3; ++j) {
+          a[3 * k + j] = p1.refitNormal[j];
+          a[3 * (m + k) + j] = p2.refitNormal[j];
+        }
+        d[k] = p1.refitOffset;
+        d[m + k] = p2.refitOffset;
+      }
+      candidate.surelyAbove = ResidualSurelyAbove(a.data(), d.data(), static_cast<int>(2 * m));
+    }
+  }
+};
+
 }  // namespace
 
 void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoint,
@@ -391,94 +465,116 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
   // Refit over the hypotheses in rank order. A hypothesis whose inliers name
   // the same lines as one already refitted gives the same residual, which can
   // neither beat the best nor stop the search any more: it is skipped.
+  // What a hypothesis needs before the loop decides on it (its inlier lines,
+  // how many are usable, how low its residual can be) depends on nothing the
+  // loop changes; it is prepared in parallel for a block of hypotheses at a
+  // time, the blocks growing from a few (the search may stop at once).
   double best = kInitialBestRefit;
   std::vector<char> visited(accepted.size(), 0);
   std::unordered_set<std::vector<InlierLines>, InlierListHash> solved;
   solved.reserve(accepted.size());
-  std::vector<InlierLines> inliers;
-  InlierScanner::Scratch scratch;
+  std::vector<RefitCandidate> block;
   cv::Mat matA;
   cv::Mat matD;
   double solution[3];
   cv::Mat matX(3, 1, CV_64F, solution);
   cv::Mat matR;
-  for (const SortEntry& entry : list) {
-    if (entry.inliers < kMinInliers) continue;
-    if (visited[entry.hypothesis] != 0) continue;
-    visited[entry.hypothesis] = 1;
-    const PairHypothesis& h = accepted[entry.hypothesis];
-    ListSpinAxisInliers(scanner, h, scratch, inliers);
-    int usable = 0;
-    for (const InlierLines& in : inliers) {
-      const CandidateAreaImage* a1 = cam1Areas[in.frame];
-      const CandidateAreaImage* a2 = cam2Areas[in.frame];
-      if (a1 != nullptr && a2 != nullptr && a1->afterImpact == 0 && a2->afterImpact == 0) {
-        ++usable;
-      }
+  size_t next = 0;
+  size_t blockSize = kFirstRefitBlock;
+  bool stop = false;
+  while (!stop && next < list.size()) {
+    size_t used = 0;
+    while (next < list.size() && used < blockSize) {
+      const SortEntry& entry = list[next++];
+      if (entry.inliers < kMinInliers) continue;
+      if (visited[entry.hypothesis] != 0) continue;
+      visited[entry.hypothesis] = 1;
+      if (block.size() == used) block.emplace_back();
+      block[used++].entry = &entry;
     }
-    if (usable < kMinUsableInliers) continue;
-    if (!solved.insert(inliers).second) continue;
+    blockSize = std::min(2 * blockSize, kLastRefitBlock);
+    tbb::parallel_for(tbb::blocked_range<size_t>(0, used, kRefitGrain),
+                      ListRefitInliers{scanner, accepted, cam1Areas, cam2Areas, block});
+    // Which hypotheses are the first with their lines does not depend on the
+    // refits either: the set takes the whole block before any is decided.
+    for (size_t c = 0; c < used; ++c) {
+      RefitCandidate& candidate = block[c];
+      candidate.first = false;
+      if (candidate.usable < kMinUsableInliers) continue;
+      const auto [at, inserted] = solved.insert(std::move(candidate.inliers));
+      candidate.first = inserted;
+      candidate.solvedLines = &*at;
+    }
+    tbb::parallel_for(tbb::blocked_range<size_t>(0, used, kRefitGrain),
+                      BoundRefitResiduals{planes1, planes2, block});
 
-    // Every inlier's planes, camera 1's rows first; the usable count above
-    // only gates the refit.
-    const int m = static_cast<int>(inliers.size());
-    matA.create(2 * m, 3, CV_64F);
-    matD.create(2 * m, 1, CV_64F);
-    for (int k = 0; k < m; ++k) {
-      const LinePlane& p1 = planes1.At(inliers[k].frame, inliers[k].cam1);
-      const LinePlane& p2 = planes2.At(inliers[k].frame, inliers[k].cam2);
-      double* row1 = matA.ptr<double>(k);
-      double* row2 = matA.ptr<double>(m + k);
-      for (int i = 0; i < 3; ++i) {
-        row1[i] = p1.refitNormal[i];
-        row2[i] = p2.refitNormal[i];
+    for (size_t c = 0; c < used && !stop; ++c) {
+      const RefitCandidate& candidate = block[c];
+      if (!candidate.first) continue;
+      const std::vector<InlierLines>& inliers = *candidate.solvedLines;
+      const SortEntry& entry = *candidate.entry;
+      const PairHypothesis& h = accepted[entry.hypothesis];
+      // A refit certainly no better than the best so far and not below the
+      // early-stop residual changes nothing: it is not solved.
+      if (candidate.surelyAbove >= std::max(best, kEarlyStopRefit)) {
+        ++stats->refitsSurelyWorse;
+        continue;
       }
-      matD.at<double>(k) = p1.refitOffset;
-      matD.at<double>(m + k) = p2.refitOffset;
-    }
-    // A refit certainly no better than the best so far and not below the
-    // early-stop residual changes nothing: it is not solved.
-    if (ResidualSurelyAtLeast(matA.ptr<double>(), matD.ptr<double>(), 2 * m,
-                              std::max(best, kEarlyStopRefit))) {
-      ++stats->refitsSurelyWorse;
-      continue;
-    }
-    if (!(jacobi && SolvePlanesJacobi(matA.ptr<double>(), matD.ptr<double>(), 2 * m, solution))) {
-      ++stats->refitsSolvedByLibrary;
-      cv::solve(matA, matD, matX, cv::DECOMP_SVD);
-      if (matX.data != reinterpret_cast<uchar*>(solution)) {
-        for (int i = 0; i < 3; ++i) solution[i] = matX.at<double>(i);
-        matX = cv::Mat(3, 1, CV_64F, solution);
-      }
-    }
-    cv::gemm(matA, matX, 1.0, matD, -1.0, matR);
-    const double residual = matR.dot(matR) / matR.rows;
-    ++stats->refits;
 
-    if (residual < best) {
-      best = residual;
-      ClubSpinAxis3D chosen;
-      chosen.id = entry.position;
-      chosen.firstFrame = h.firstFrame;
-      chosen.secondFrame = h.secondFrame;
-      chosen.firstCam1Line = cam1Areas[h.firstFrame]->lines[h.firstCam1];
-      chosen.firstCam2Line = cam2Areas[h.firstFrame]->lines[h.firstCam2];
-      chosen.secondCam1Line = cam1Areas[h.secondFrame]->lines[h.secondCam1];
-      chosen.secondCam2Line = cam2Areas[h.secondFrame]->lines[h.secondCam2];
-      chosen.inliers.reserve(inliers.size());
-      for (const InlierLines& in : inliers) {
-        SpinAxisInlier inlier;
-        inlier.frame = in.frame;
-        inlier.cam1Line = cam1Areas[in.frame]->lines[in.cam1];
-        inlier.cam2Line = cam2Areas[in.frame]->lines[in.cam2];
-        chosen.inliers.push_back(inlier);
+      // Every inlier's planes, camera 1's rows first; the usable count above
+      // only gates the refit.
+      const int m = static_cast<int>(inliers.size());
+      matA.create(2 * m, 3, CV_64F);
+      matD.create(2 * m, 1, CV_64F);
+      for (int k = 0; k < m; ++k) {
+        const LinePlane& p1 = planes1.At(inliers[k].frame, inliers[k].cam1);
+        const LinePlane& p2 = planes2.At(inliers[k].frame, inliers[k].cam2);
+        double* row1 = matA.ptr<double>(k);
+        double* row2 = matA.ptr<double>(m + k);
+        for (int i = 0; i < 3; ++i) {
+          row1[i] = p1.refitNormal[i];
+          row2[i] = p2.refitNormal[i];
+        }
+        matD.at<double>(k) = p1.refitOffset;
+        matD.at<double>(m + k) = p2.refitOffset;
       }
-      for (int i = 0; i < 3; ++i) chosen.pivot[i] = matX.at<double>(i);
-      chosen.fitResidual = h.fitResidual;
-      axis = std::move(chosen);
-      stats->refitResidual = residual;
+      if (!(jacobi && SolvePlanesJacobi(matA.ptr<double>(), matD.ptr<double>(), 2 * m, solution))) {
+        ++stats->refitsSolvedByLibrary;
+        cv::solve(matA, matD, matX, cv::DECOMP_SVD);
+        if (matX.data != reinterpret_cast<uchar*>(solution)) {
+          for (int i = 0; i < 3; ++i) solution[i] = matX.at<double>(i);
+          matX = cv::Mat(3, 1, CV_64F, solution);
+        }
+      }
+      cv::gemm(matA, matX, 1.0, matD, -1.0, matR);
+      const double residual = matR.dot(matR) / matR.rows;
+      ++stats->refits;
+
+      if (residual < best) {
+        best = residual;
+        ClubSpinAxis3D chosen;
+        chosen.id = entry.position;
+        chosen.firstFrame = h.firstFrame;
+        chosen.secondFrame = h.secondFrame;
+        chosen.firstCam1Line = cam1Areas[h.firstFrame]->lines[h.firstCam1];
+        chosen.firstCam2Line = cam2Areas[h.firstFrame]->lines[h.firstCam2];
+        chosen.secondCam1Line = cam1Areas[h.secondFrame]->lines[h.secondCam1];
+        chosen.secondCam2Line = cam2Areas[h.secondFrame]->lines[h.secondCam2];
+        chosen.inliers.reserve(inliers.size());
+        for (const InlierLines& in : inliers) {
+          SpinAxisInlier inlier;
+          inlier.frame = in.frame;
+          inlier.cam1Line = cam1Areas[in.frame]->lines[in.cam1];
+          inlier.cam2Line = cam2Areas[in.frame]->lines[in.cam2];
+          chosen.inliers.push_back(inlier);
+        }
+        for (int i = 0; i < 3; ++i) chosen.pivot[i] = matX.at<double>(i);
+        chosen.fitResidual = h.fitResidual;
+        axis = std::move(chosen);
+        stats->refitResidual = residual;
+      }
+      if (residual < kEarlyStopRefit) stop = true;
     }
-    if (residual < kEarlyStopRefit) break;
   }
 }
 
