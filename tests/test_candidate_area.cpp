@@ -307,9 +307,10 @@ struct Frame {
 bool SameBits(float a, float b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
 TEST(Preprocessing, GreyMedianAndMetadataForEveryChannelCount) {
-  for (const int channels : {1, 3, 4}) {
-    SCOPED_TRACE(channels);
-    Frame frame(64, 48, channels);
+  for (const auto& [channels, width, height] :
+       {std::tuple{1, 64, 48}, {3, 64, 48}, {4, 64, 48}, {1, 1, 1}, {3, 17, 3}, {1, 5, 2}}) {
+    SCOPED_TRACE(testing::Message() << channels << " channels, " << width << " x " << height);
+    Frame frame(width, height, channels);
     ClubTracker tracker;
     PreprocessedImage out;
     ASSERT_EQ(ClubTrackerTestAccess::Preprocessing(tracker, &frame.image, &out), 1);

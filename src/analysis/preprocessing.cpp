@@ -11,8 +11,25 @@
 int ClubTracker::Preprocessing(ClubImage* source, PreprocessedImage* target) {
   if (source == nullptr || target == nullptr) return 0;
   const ClubTrackerSetting copy = setting;
-  if (ConvertClubImage(source, &copy, target->image) == 0) return 0;
-  cv::medianBlur(target->image, target->image, 3);
+  const int channels = static_cast<int>(source->channels);
+  if (source->pixels != nullptr && source->bytesPerChannel == 1 && source->width > 0 &&
+      source->height > 0 && (channels == 1 || channels == 3 || channels == 4) &&
+      (copy.roiWidth == 0 || copy.roiHeight == 0)) {
+    // The whole frame, read where it lies: the filters write their own
+    // output, as they do when they run in place on a copy.
+    const cv::Mat frame(static_cast<int>(source->height), static_cast<int>(source->width),
+                        CV_8UC(channels), source->pixels);
+    if (channels == 1) {
+      cv::medianBlur(frame, target->image, 3);
+    } else {
+      thread_local cv::Mat grey;
+      cv::cvtColor(frame, grey, cv::COLOR_BGR2GRAY);
+      cv::medianBlur(grey, target->image, 3);
+    }
+  } else {
+    if (ConvertClubImage(source, &copy, target->image) == 0) return 0;
+    cv::medianBlur(target->image, target->image, 3);
+  }
   CopyMetadata(*target, *source);
   return 1;
 }
