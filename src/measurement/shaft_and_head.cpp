@@ -14,6 +14,7 @@
 
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
+#include <tbb/parallel_for.h>
 
 #include "reconstruction/geometry.h"
 #include "tracker/records.h"
@@ -196,17 +197,18 @@ int ClubTracker::FindShaftAndHead(const std::vector<CandidateAreaImage*>& cam1,
   result.ReleaseFrames();
   result.frames = new ClubFrameResult[count1 + count2];
   result.frameCount = static_cast<int32_t>(count1 + count2);
-  for (size_t j = 0; j < count1; ++j) {
-    ClubFrameResult& entry = result.frames[j];
-    entry.frameNumber = static_cast<int32_t>(j);
-    CopyFrameImage(*cam1[j], entry, kept, j);
-  }
-  for (size_t j = 0; j < count2; ++j) {
-    ClubFrameResult& entry = result.frames[count1 + j];
-    entry.camera = 1;
-    entry.frameNumber = static_cast<int32_t>(count1 + j);
-    CopyFrameImage(*cam2[j], entry, kept, count1 + j);
-  }
+  // Entries spread over the cores: each touches only its own entry and kept
+  // buffers.
+  tbb::parallel_for(size_t{0}, count1 + count2, [&](size_t e) {
+    ClubFrameResult& entry = result.frames[e];
+    entry.frameNumber = static_cast<int32_t>(e);
+    if (e < count1) {
+      CopyFrameImage(*cam1[e], entry, kept, e);
+    } else {
+      entry.camera = 1;
+      CopyFrameImage(*cam2[e - count1], entry, kept, e);
+    }
+  });
 
   // Step 3: one shaft direction per inlier.
   const std::vector<SpinAxisInlier>& inliers = axis.inliers;

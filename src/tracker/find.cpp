@@ -12,6 +12,7 @@
 #include <vector>
 
 #include <opencv2/core.hpp>
+#include <tbb/parallel_for.h>
 
 #include "tracker/analyse_swing.h"
 #include "tracker/frame_pairing.h"
@@ -134,7 +135,8 @@ int ClubTracker::Find(std::vector<ClubImage*> cam1Images, std::vector<ClubImage*
     // Raw pixels of every paired frame whose size matches its entry, camera
     // 1's frames first.
     if (result.frames != nullptr && result.frameCount > 0) {
-      for (int e = 0; e < result.frameCount; ++e) {
+      // Entries spread over the cores: each touches only its own buffer.
+      tbb::parallel_for(0, result.frameCount, [&](int e) {
         const size_t index = static_cast<size_t>(e);
         ClubImage* source = nullptr;
         if (index < pairs1.size()) {
@@ -155,7 +157,7 @@ int ClubTracker::Find(std::vector<ClubImage*> cam1Images, std::vector<ClubImage*
           delete[] entry.rawPixels;
           entry.rawPixels = nullptr;
         }
-      }
+      });
     }
 
     const double elapsedMs =
