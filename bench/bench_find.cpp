@@ -15,7 +15,9 @@
 #include <vector>
 
 #include <benchmark/benchmark.h>
+#include <opencv2/core/utility.hpp>
 #include <opencv2/imgproc.hpp>
+#include <tbb/global_control.h>
 
 #include "analysis/analysis.h"
 #include "analysis/binary_morphology.h"
@@ -150,6 +152,24 @@ void BM_Find(benchmark::State& state, Scene scene) {
   state.counters["speed_mps"] = result.clubHeadSpeed * 1000.0;
 }
 
+// Find on one thread (TBB's and OpenCV's): the work of the call without the
+// waits and the spinning of the workers, the steadier figure on a shared
+// machine.
+void BM_FindOneThread(benchmark::State& state, Scene scene) {
+  Pipeline& p = PipelineOf(scene);
+  ClubTracker tracker(p.recording.setting);
+  ClubTrackerResult result;
+  const tbb::global_control one(tbb::global_control::max_allowed_parallelism, 1);
+  const int threads = cv::getNumThreads();
+  cv::setNumThreads(1);
+  tracker.Find(p.frames[0], p.frames[1], result, 0);
+  for (auto _ : state) {
+    tracker.Find(p.frames[0], p.frames[1], result, 0);
+    benchmark::DoNotOptimize(result.frames);
+  }
+  cv::setNumThreads(threads);
+}
+
 void BM_FindLiteral(benchmark::State& state, Scene scene) {
   Pipeline& p = PipelineOf(scene);
   ClubTracker tracker(p.recording.setting);
@@ -221,6 +241,7 @@ void BM_AnalyseSwing(benchmark::State& state, Scene scene) {
 
 #define FIND_BENCHMARKS(scene, name)                                                        \
   BENCHMARK_CAPTURE(BM_Find, name, scene)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime(); \
+  BENCHMARK_CAPTURE(BM_FindOneThread, name, scene)->Unit(benchmark::kMillisecond); \
   BENCHMARK_CAPTURE(BM_FindLiteral, name, scene)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime(); \
   BENCHMARK_CAPTURE(BM_AnalyseSwing, name, scene)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()
 
