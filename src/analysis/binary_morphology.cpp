@@ -31,8 +31,6 @@ constexpr std::array<uint64_t, 256> MakeSpread() {
 }
 constexpr std::array<uint64_t, 256> kSpread = MakeSpread();
 
-inline uint64_t Combine(uint64_t a, uint64_t b, bool erode) { return erode ? (a & b) : (a | b); }
-
 }  // namespace
 
 bool BitMask::Pack(const cv::Mat& mask) {
@@ -170,56 +168,76 @@ void BitMask::FixPadding(uint64_t* plane, bool fill) const {
 
 namespace {
 
-// BitMask::ShiftCombine for one operation: the words whose reads lie inside
-// the row run in a plain loop, the few at its ends read the border.
+// The three plane operations of Morph, each over n words:
+//  kShift: dst[i] = src[i] op (the 64 bits starting d bits after word i's
+//    first): a plane of rows laid end to end, shifted as one row. src must be
+//    readable from |d| / 64 + 1 words before its start to as many after its
+//    end; dst must not overlap it.
+//  kRows: dst[i] = dst[i] op src[i]; src and dst must not overlap.
+//  kAhead: dst[i] = dst[i] op dst[i + d] (d > 0, in place).
+enum class PlaneOp { kShift, kRows, kAhead };
+
 template <bool kErode>
-void ShiftCombineRow(const uint64_t* src, uint64_t* dst, int n, int d) {
-  const uint64_t fill = kErode ? kOnes : 0;
-  const int q = d >= 0 ? d / 64 : -((-d + 63) / 64);
-  const int r = d - 64 * q;
-  const auto op = [](uint64_t a, uint64_t b) { return kErode ? (a & b) : (a | b); };
-  const auto word = [&](int i) { return (i >= 0 && i < n) ? src[i] : fill; };
-  const auto edge = [&](int w) {
-    uint64_t shifted = word(w + q) >> r;
-    if (r != 0) shifted |= word(w + q + 1) << (64 - r);
-    dst[w] = op(src[w], shifted);
-  };
-  // Words w whose reads w + q and w + q + 1 both lie inside the row.
-  const int inFirst = std::max(0, -q), inLast = std::min(n - 1, n - 2 - q);
-  // In place (src == dst) each word is written after the words it reads:
-  // a shift to the left reads higher words, one to the right lower ones.
-  if (d >= 0) {
-    int w = 0;
-    for (; w < n && w < inFirst; ++w) edge(w);
-    if (r == 0) {
-      for (; w <= inLast; ++w) dst[w] = op(src[w], src[w + q]);
-    } else {
-      for (; w <= inLast; ++w) dst[w] = op(src[w], (src[w + q] >> r) | (src[w + q + 1] << (64 - r)));
-    }
-    for (; w < n; ++w) edge(w);
-  } else {
-    int w = n - 1;
-    for (; w >= 0 && w > inLast; --w) edge(w);
-    if (r == 0) {
-      for (; w >= inFirst; --w) dst[w] = op(src[w], src[w + q]);
-    } else {
-      for (; w >= inFirst; --w) {
-        dst[w] = op(src[w], (src[w + q] >> r) | (src[w + q + 1] << (64 - r)));
-      }
-    }
-    for (; w >= 0; --w) edge(w);
+inline uint64_t Op(uint64_t a, uint64_t b) {
+  return kErode ? (a & b) : (a | b);
+}
+
+template <bool kErode>
+inline void PlaneStepOf(PlaneOp op, const uint64_t* __restrict src, uint64_t* __restrict dst,
+                        size_t n, int d) {
+  if (op == PlaneOp::kRows) {
+    for (size_t i = 0; i < n; ++i) dst[i] = Op<kErode>(dst[i], src[i]);
+    return;
   }
+  if (op == PlaneOp::kAhead) {
+    uint64_t* a = dst;  // reads ahead of the writes: vectorised with a runtime check
+    const size_t k = static_cast<size_t>(d);
+    for (size_t i = 0; i < n; ++i) a[i] = Op<kErode>(a[i], a[i + k]);
+    return;
+  }
+  const std::ptrdiff_t q = d >= 0 ? d / 64 : -((-d + 63) / 64);
+  const int r = d - 64 * static_cast<int>(q);
+  const uint64_t* at = src + q;
+  if (r == 0) {
+    for (size_t i = 0; i < n; ++i) dst[i] = Op<kErode>(src[i], at[i]);
+  } else {
+    const int l = 64 - r;
+    for (size_t i = 0; i < n; ++i) dst[i] = Op<kErode>(src[i], (at[i] >> r) | (at[i + 1] << l));
+  }
+}
+
+void PlaneStepPortable(PlaneOp op, const uint64_t* src, uint64_t* dst, size_t n, int d,
+                       bool erode) {
+  if (erode) {
+    PlaneStepOf<true>(op, src, dst, n, d);
+  } else {
+    PlaneStepOf<false>(op, src, dst, n, d);
+  }
+}
+
+#if defined(__x86_64__)
+__attribute__((target("avx2"))) void PlaneStepAvx2(PlaneOp op, const uint64_t* src, uint64_t* dst,
+                                                   size_t n, int d, bool erode) {
+  if (erode) {
+    PlaneStepOf<true>(op, src, dst, n, d);
+  } else {
+    PlaneStepOf<false>(op, src, dst, n, d);
+  }
+}
+#endif
+
+void PlaneStep(PlaneOp op, const uint64_t* src, uint64_t* dst, size_t n, int d, bool erode) {
+#if defined(__x86_64__)
+  static const bool avx2 = __builtin_cpu_supports("avx2") != 0;
+  if (avx2) {
+    PlaneStepAvx2(op, src, dst, n, d, erode);
+    return;
+  }
+#endif
+  PlaneStepPortable(op, src, dst, n, d, erode);
 }
 
 }  // namespace
-
-void BitMask::ShiftCombine(const uint64_t* src, uint64_t* dst, int n, int d, bool erode) {
-  if (erode) {
-    ShiftCombineRow<true>(src, dst, n, d);
-  } else {
-    ShiftCombineRow<false>(src, dst, n, d);
-  }
-}
 
 void BitMask::Morph(const Kernel& kernel, bool erode) {
   const uint64_t identity = erode ? kOnes : 0;
@@ -228,42 +246,45 @@ void BitMask::Morph(const Kernel& kernel, bool erode) {
 
   // Horizontal runs, each grown from the one before by doubling. A run's value
   // just outside the image depends on the pixels inside, so each row carries
-  // margin words on both sides, wide enough that beyond them every run reads
-  // only the border.
+  // margin words on both sides, wide enough that every pixel's run reads only
+  // its own row: its image words, then the border. The rows lie end to end
+  // and each doubling shifts the whole plane as one row; what reaches across
+  // into a neighbouring row lands only in margin words, which no image pixel
+  // reads. Planes alternate between buffers (a doubling does not run in
+  // place); each buffer has `pad` words of the border before and after it.
   int farthest = 0;
   for (int k = 0; k < runs; ++k) farthest = std::max({farthest, kernel.hi[k], -kernel.lo[k]});
   const int margin = (farthest + 63) / 64;
   const int stride = words_ + 2 * margin;
   const size_t planeWords = static_cast<size_t>(rows_) * stride;
-  planes_.resize(planeWords * static_cast<size_t>(runs));
-  FixPadding(bits_.data(), erode);
-  // A row of the image that is all 0 or all 1 gives that same row for every
-  // run (each run holds the pixel itself), so such rows are not grown.
-  constantRow_.assign(static_cast<size_t>(rows_), 0);
-  for (int y = 0; y < rows_; ++y) {
-    const uint64_t* row = bits_.data() + static_cast<size_t>(y) * words_;
-    const uint64_t value = (row[0] & 1) == 0 ? 0 : kOnes;  // its first pixel's value
-    bool constant = true;
-    for (int w = 0; w < words_ && constant; ++w) {
-      const uint64_t used = w == words_ - 1 ? ~pad_ : kOnes;  // the image's columns
-      constant = ((row[w] ^ value) & used) == 0;
-    }
-    if (constant) constantRow_[static_cast<size_t>(y)] = value == 0 ? 1 : 2;
+  const size_t pad = static_cast<size_t>(margin) + 1;
+  const size_t bufferWords = planeWords + 2 * pad;
+  const int buffers = runs + 2;  // the image, one per run, one spare
+  planes_.resize(bufferWords * static_cast<size_t>(buffers));
+  const auto buffer = [&](int index) {
+    return planes_.data() + bufferWords * static_cast<size_t>(index) + pad;
+  };
+  // A doubling writes every word of its plane; the pads are only read.
+  for (int index = 0; index < buffers; ++index) {
+    std::fill(buffer(index) - pad, buffer(index), identity);
+    std::fill(buffer(index) + planeWords, buffer(index) + planeWords + pad, identity);
   }
+  FixPadding(bits_.data(), erode);
+  for (int y = 0; y < rows_; ++y) {
+    uint64_t* row = buffer(0) + static_cast<size_t>(y) * stride;
+    std::fill(row, row + margin, identity);
+    std::memcpy(row + margin, bits_.data() + static_cast<size_t>(y) * words_,
+                static_cast<size_t>(words_) * sizeof(uint64_t));
+    std::fill(row + margin + words_, row + stride, identity);
+  }
+  runPlane_.assign(static_cast<size_t>(runs), 0);
+  std::vector<int>& free = freeBuffers_;
+  free.clear();
+  for (int index = buffers - 1; index >= 1; --index) free.push_back(index);
+  int current = 0;  // the buffer holding the window [a, b]
+  bool temporary = false;  // whether it is neither the image nor a finished run
   int a = 0, b = 0;
   for (int k = 0; k < runs; ++k) {
-    uint64_t* plane = planes_.data() + planeWords * static_cast<size_t>(k);
-    // The first step of a later run reads the run before it.
-    const uint64_t* from = plane - planeWords;
-    if (k == 0) {
-      for (int y = 0; y < rows_; ++y) {
-        uint64_t* row = plane + static_cast<size_t>(y) * stride;
-        std::fill(row, row + stride, identity);
-        std::memcpy(row + margin, bits_.data() + static_cast<size_t>(y) * words_,
-                    static_cast<size_t>(words_) * sizeof(uint64_t));
-      }
-      from = plane;
-    }
     while (b < kernel.hi[k] || a > kernel.lo[k]) {
       const int width = b - a + 1;
       int d;
@@ -274,22 +295,19 @@ void BitMask::Morph(const Kernel& kernel, bool erode) {
         d = -std::min(a - kernel.lo[k], width);
         a += d;
       }
-      for (int y = 0; y < rows_; ++y) {
-        const size_t at = static_cast<size_t>(y) * stride;
-        const char constant = constantRow_[static_cast<size_t>(y)];
-        if (constant == 0) {
-          ShiftCombine(from + at, plane + at, stride, d, erode);
-        } else if (from != plane) {
-          std::fill(plane + at + margin, plane + at + margin + words_,
-                    constant == 1 ? uint64_t{0} : kOnes);
-        }
-      }
-      from = plane;
+      const int target = free.back();
+      free.pop_back();
+      PlaneStep(PlaneOp::kShift, buffer(current), buffer(target), planeWords, d, erode);
+      if (temporary) free.push_back(current);
+      current = target;
+      temporary = true;
     }
+    runPlane_[static_cast<size_t>(k)] = current;
+    temporary = false;
   }
+
   const auto runRow = [&](int run, int y) {
-    return planes_.data() + planeWords * static_cast<size_t>(run) + static_cast<size_t>(y) * stride +
-           margin;
+    return buffer(runPlane_[static_cast<size_t>(run)]) + static_cast<size_t>(y) * stride + margin;
   };
 
   if (kernel.uniform) {
@@ -297,7 +315,8 @@ void BitMask::Morph(const Kernel& kernel, bool erode) {
     // holds the window starting at image row p - reach; rows before the first
     // and past the last are the border, the identity.
     const int total = rows_ + reach;
-    column_.assign(static_cast<size_t>(total) * words_, identity);
+    column_.resize(static_cast<size_t>(total + kernel.size) * words_);
+    std::fill(column_.begin(), column_.end(), identity);
     for (int y = 0; y < rows_; ++y) {
       std::memcpy(column_.data() + static_cast<size_t>(y + reach) * words_, runRow(0, y),
                   static_cast<size_t>(words_) * sizeof(uint64_t));
@@ -305,45 +324,31 @@ void BitMask::Morph(const Kernel& kernel, bool erode) {
     int length = 1;
     while (length < kernel.size) {
       const int e = std::min(kernel.size - length, length);
-      for (int p = 0; p + e < total; ++p) {
-        uint64_t* row = column_.data() + static_cast<size_t>(p) * words_;
-        const uint64_t* below = row + static_cast<size_t>(e) * words_;
-        for (int w = 0; w < words_; ++w) row[w] = Combine(row[w], below[w], erode);
-      }
+      PlaneStep(PlaneOp::kAhead, nullptr, column_.data(), static_cast<size_t>(total - e) * words_,
+                e * words_, erode);
       length += e;
     }
     std::memcpy(bits_.data(), column_.data(),
                 static_cast<size_t>(rows_) * words_ * sizeof(uint64_t));
   } else {
-    // An all-0 row of the image stays 0 under an erosion (the kernel holds
-    // the pixel itself); a dilation gives 0 where every row within reach is
-    // all 0. Such rows are written without combining.
-    mixedBefore_.resize(static_cast<size_t>(rows_) + 1);
-    mixedBefore_[0] = 0;
-    for (int y = 0; y < rows_; ++y) {
-      mixedBefore_[static_cast<size_t>(y) + 1] =
-          mixedBefore_[static_cast<size_t>(y)] + (constantRow_[static_cast<size_t>(y)] != 1 ? 1 : 0);
+    // Rows: the run plane of each kernel row, shifted by the row's offset,
+    // combined into the result plane at once; a row beyond the image is the
+    // border, the identity, and leaves the result as it is.
+    vertical_.resize(planeWords);
+    std::fill(vertical_.begin(), vertical_.end(), identity);
+    for (int i = 0; i < kernel.size; ++i) {
+      const int run = kernel.run[static_cast<size_t>(i)];
+      const int dy = i - reach;
+      const int first = std::max(0, -dy), end = std::min(rows_, rows_ - dy);
+      if (run < 0 || first >= end) continue;
+      PlaneStep(PlaneOp::kRows, runRow(run, first + dy) - margin,
+                vertical_.data() + static_cast<size_t>(first) * stride,
+                static_cast<size_t>(end - first) * stride, 0, erode);
     }
-    const auto noneSet = [&](int from, int to) {  // rows from..to, clipped to the image
-      from = std::max(from, 0);
-      to = std::min(to, rows_ - 1);
-      return mixedBefore_[static_cast<size_t>(to) + 1] == mixedBefore_[static_cast<size_t>(from)];
-    };
     for (int y = 0; y < rows_; ++y) {
-      uint64_t* out = bits_.data() + static_cast<size_t>(y) * words_;
-      const bool zero = erode ? noneSet(y, y) : noneSet(y - reach, y + reach);
-      if (zero) {
-        std::fill(out, out + words_, uint64_t{0});
-        continue;
-      }
-      std::fill(out, out + words_, identity);
-      for (int i = 0; i < kernel.size; ++i) {
-        const int yy = y + i - reach;
-        const int run = kernel.run[static_cast<size_t>(i)];
-        if (run < 0 || yy < 0 || yy >= rows_) continue;
-        const uint64_t* in = runRow(run, yy);
-        for (int w = 0; w < words_; ++w) out[w] = Combine(out[w], in[w], erode);
-      }
+      std::memcpy(bits_.data() + static_cast<size_t>(y) * words_,
+                  vertical_.data() + static_cast<size_t>(y) * stride + margin,
+                  static_cast<size_t>(words_) * sizeof(uint64_t));
     }
   }
   FixPadding(bits_.data(), false);

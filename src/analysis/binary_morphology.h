@@ -57,9 +57,6 @@ class BitMask {
 
   const Kernel& KernelOf(int shape, int size);
   void Morph(const Kernel& kernel, bool erode);
-  // dst(x) = src(x) op src(x + d) along one row of n words, src reading the
-  // border value beyond the row; dst may be src.
-  static void ShiftCombine(const uint64_t* src, uint64_t* dst, int n, int d, bool erode);
   void FixPadding(uint64_t* plane, bool fill) const;
 
   int rows_ = 0;
@@ -67,10 +64,11 @@ class BitMask {
   int words_ = 0;     // words a row
   uint64_t pad_ = 0;  // bits of a row's last word beyond the last column
   std::vector<uint64_t> bits_;
-  std::vector<uint64_t> planes_;  // horizontal runs, one plane each
-  std::vector<uint64_t> column_;  // row windows of a uniform kernel
-  std::vector<char> constantRow_;  // per row: 0 mixed, 1 all 0, 2 all 1
-  std::vector<int> mixedBefore_;   // rows not all 0 above each row
+  std::vector<uint64_t> planes_;  // buffers of the horizontal runs' planes
+  std::vector<int> runPlane_;      // per run: its buffer
+  std::vector<int> freeBuffers_;
+  std::vector<uint64_t> column_;    // row windows of a uniform kernel
+  std::vector<uint64_t> vertical_;  // the result of the rows of another kernel
   std::vector<Kernel> kernels_;
 };
 
