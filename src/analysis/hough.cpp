@@ -105,10 +105,9 @@ void HoughVotes::Vote(const cv::Mat& edges, cv::Point offset, cv::Size frame) {
   int* a = accumulator.cells.data();
   const Tables& trig = Trig();
 
-  // The rho index range any pixel of the part can vote for, at each angle
-  // and at any: the rounded sum is monotone in x and in y, so the part's
-  // corners bound it.
-  int lowest = stride, highest = -1;
+  // The rho index range any pixel of the part can vote for at each angle:
+  // the rounded sum is monotone in x and in y, so the part's corners bound
+  // it.
   int rowLow[kAngles], rowHigh[kAngles];
   std::fill(rowLow, rowLow + kAngles, stride);
   std::fill(rowHigh, rowHigh + kAngles, -1);
@@ -120,8 +119,6 @@ void HoughVotes::Vote(const cv::Mat& edges, cv::Point offset, cv::Size frame) {
       const int r = cvRound(x * trig.cos[n] + y * trig.sin[n]) + shift;
       rowLow[n] = std::min(rowLow[n], r);
       rowHigh[n] = std::max(rowHigh[n], r);
-      lowest = std::min(lowest, r);
-      highest = std::max(highest, r);
     }
   }
 
@@ -217,8 +214,10 @@ void HoughVotes::Vote(const cv::Mat& edges, cv::Point offset, cv::Size frame) {
   for (const int cell : votes_) cells_[static_cast<size_t>(start[static_cast<size_t>(most - a[cell])]++)] = cell;
   for (size_t k = 0; k < cells_.size(); ++k) votes_[k] = a[cells_[k]];
 
-  for (int n = 1; n <= kAngles; ++n) {  // back to zero for the next frame
-    std::fill(a + n * stride + lowest + 1, a + n * stride + highest + 2, 0);
+  // Back to zero for the next frame: an angle's votes lie within its rho range.
+  for (int n = 0; n < kAngles; ++n) {
+    int* row = a + (n + 1) * stride + 1;
+    std::fill(row + rowLow[n], row + rowHigh[n] + 1, 0);
   }
 }
 

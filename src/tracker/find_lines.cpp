@@ -19,12 +19,14 @@ LinePasses::LinePasses(LineThreshold threshold, const std::vector<CandidateAreaI
     : threshold_(std::move(threshold)), extract_(std::move(extract)), areas_{&cam1, &cam2} {
   frames_ = static_cast<int>(cam1.size());
   if (extract_) return;
-  for (int c = 0; c < 2; ++c) {
-    const std::vector<CandidateAreaImage*>& areas = *areas_[c];
-    votes_[c].resize(areas.size());
-    tbb::parallel_for(size_t{0}, areas.size(),
-                      [&](size_t k) { ComputeShaftVotes(areas[k]->image, votes_[c][k]); });
-  }
+  for (int c = 0; c < 2; ++c) votes_[c].resize(areas_[c]->size());
+  // Both cameras' frames in one loop over the cores.
+  const size_t first = cam1.size();
+  tbb::parallel_for(size_t{0}, first + cam2.size(), [&](size_t k) {
+    const int c = k < first ? 0 : 1;
+    const size_t i = c == 0 ? k : k - first;
+    ComputeShaftVotes((*areas_[c])[i]->image, votes_[c][i]);
+  });
 }
 
 void LinePasses::Extract() {
