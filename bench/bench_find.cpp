@@ -168,6 +168,7 @@ void BM_FindOneThread(benchmark::State& state, Scene scene) {
     benchmark::DoNotOptimize(result.frames);
   }
   cv::setNumThreads(threads);
+  state.counters["speed_mps"] = result.clubHeadSpeed * 1000.0;
 }
 
 void BM_FindLiteral(benchmark::State& state, Scene scene) {
