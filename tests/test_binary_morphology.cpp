@@ -64,6 +64,10 @@ TEST(BinaryMorphology, SameAsMorphologyExOnRandomMasks) {
         mask.setTo(255, noise < 3 * trial);
         mask.setTo(0, noise > 97);
       }
+      // The box of the set pixels, of the mask and of a view into it.
+      EXPECT_EQ(MaskBounds(mask), cv::boundingRect(mask)) << size << " trial " << trial;
+      const cv::Rect inner(size.width / 3, size.height / 4, (size.width + 1) / 2, (size.height + 1) / 2);
+      EXPECT_EQ(MaskBounds(mask(inner)), cv::boundingRect(mask(inner))) << size << " trial " << trial;
       for (const MorphStep& step : kSteps) {
         EXPECT_TRUE(Same(Packed(mask, step), Literal(mask, step)))
             << size << " trial " << trial << " op " << step.op << " shape " << step.shape
@@ -81,6 +85,16 @@ TEST(BinaryMorphology, SameAsMorphologyExOnRandomMasks) {
     wide.at<uchar>(1, column) = 128;
     EXPECT_FALSE(bits.Pack(wide)) << column;
   }
+  for (const cv::Size size : sizes) {  // no pixel, and one pixel in the last row or column
+    cv::Mat one = cv::Mat::zeros(size, CV_8UC1);
+    EXPECT_EQ(MaskBounds(one), cv::boundingRect(one)) << size;
+    for (const cv::Point at : {cv::Point(size.width - 1, size.height / 2),
+                               cv::Point(size.width / 2, size.height - 1)}) {
+      one.setTo(0);
+      one.at<uchar>(at) = 1;
+      EXPECT_EQ(MaskBounds(one), cv::boundingRect(one)) << size << " at " << at;
+    }
+  }
   const cv::Mat grey = (cv::Mat_<uchar>(3, 3) << 0, 7, 255, 9, 255, 0, 255, 255, 3);
   cv::Mat chained;
   MorphologyChain(grey, chained, {kSteps[0], kSteps[1]});
@@ -97,6 +111,7 @@ TEST(BinaryMorphology, SameAsMorphologyExOnSwingChangeMasks) {
   int present = 0;
   for (size_t k = 0; k < masks.size(); ++k) {
     const cv::Mat& mask = masks[k];
+    EXPECT_EQ(MaskBounds(mask), cv::boundingRect(mask)) << "mask " << k;
     cv::Mat fast, literal;
     MorphologyChain(mask, fast, {kSteps[4], kSteps[1], kSteps[2]});
     MorphologyChainLiteral(mask, literal, {kSteps[4], kSteps[1], kSteps[2]});

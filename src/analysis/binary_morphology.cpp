@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstring>
 
 #include <opencv2/imgproc.hpp>
@@ -402,6 +403,18 @@ bool BitMask::Any() const {
                      [](uint64_t w) { return w != 0; });
 }
 
+void BitMask::SetPixels(std::vector<cv::Point>& points) const {
+  points.clear();
+  for (int y = 0; y < rows_; ++y) {
+    const uint64_t* row = bits_.data() + static_cast<size_t>(y) * words_;
+    for (int w = 0; w < words_; ++w) {
+      for (uint64_t word = row[w]; word != 0; word &= word - 1) {
+        points.emplace_back(64 * w + std::countr_zero(word), y);
+      }
+    }
+  }
+}
+
 bool BitMask::Supports(const MorphStep& step) {
   if (step.op != cv::MORPH_ERODE && step.op != cv::MORPH_DILATE && step.op != cv::MORPH_OPEN &&
       step.op != cv::MORPH_CLOSE) {
@@ -437,4 +450,56 @@ void MorphologyChain(const cv::Mat& src, cv::Mat& dst, std::initializer_list<Mor
   }
   for (const MorphStep& step : steps) mask.Apply(step);
   mask.Unpack(dst);
+}
+
+cv::Rect MaskBounds(const cv::Mat& mask) {
+  if (mask.type() != CV_8UC1 || mask.dims != 2 || std::endian::native != std::endian::little) {
+    return cv::boundingRect(mask);
+  }
+  const int cols = mask.cols;
+  int xmin = cols, xmax = -1, ymin = -1, ymax = -1;
+  for (int y = 0; y < mask.rows; ++y) {
+    const uchar* p = mask.ptr<uchar>(y);
+    // The first nonzero pixel of the row, eight at a time (pixel j + k is
+    // byte k of the word read at j).
+    int first = -1;
+    int j = 0;
+    for (; j + 8 <= cols; j += 8) {
+      uint64_t word;
+      std::memcpy(&word, p + j, 8);
+      if (word != 0) {
+        first = j + std::countr_zero(word) / 8;
+        break;
+      }
+    }
+    for (; first < 0 && j < cols; ++j) {
+      if (p[j] != 0) first = j;
+    }
+    if (first < 0) continue;
+    // The last one, from the end of the row.
+    int last = first;
+    int end = cols;
+    for (; end - 8 >= first; end -= 8) {
+      uint64_t word;
+      std::memcpy(&word, p + end - 8, 8);
+      if (word != 0) {
+        last = end - 8 + (63 - std::countl_zero(word)) / 8;
+        break;
+      }
+    }
+    if (end - 8 < first) {
+      for (int k = end - 1; k > first; --k) {
+        if (p[k] != 0) {
+          last = k;
+          break;
+        }
+      }
+    }
+    if (ymin < 0) ymin = y;
+    ymax = y;
+    xmin = std::min(xmin, first);
+    xmax = std::max(xmax, last);
+  }
+  if (xmin >= cols) xmin = ymin = 0;
+  return cv::Rect(xmin, ymin, xmax - xmin + 1, ymax - ymin + 1);
 }

@@ -38,6 +38,8 @@ class BitMask {
   // Sets the outermost row and column on every side to 0.
   void ClearFrame();
   bool Any() const;
+  // The set pixels, row by row and left to right (cv::findNonZero's order).
+  void SetPixels(std::vector<cv::Point>& points) const;
 
   int rows() const { return rows_; }
   int cols() const { return cols_; }
@@ -80,6 +82,10 @@ void MorphologyChain(const cv::Mat& src, cv::Mat& dst, std::initializer_list<Mor
 // The same chain through cv::morphologyEx, step by step.
 void MorphologyChainLiteral(const cv::Mat& src, cv::Mat& dst,
                             std::initializer_list<MorphStep> steps);
+
+// cv::boundingRect of a mask: the box of its nonzero pixels, Rect(0, 0, 0, 0)
+// when there is none. CV_8UC1 masks are scanned eight pixels at a time.
+cv::Rect MaskBounds(const cv::Mat& mask);
 
 // The thread's bit plane arena (also used for the presence test).
 BitMask& ThreadBitMask();

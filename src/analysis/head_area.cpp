@@ -70,8 +70,9 @@ void MeasureHeadSizes(ClubTracker& tracker, const std::vector<CandidateAreaImage
 int ClubTracker::ExtractDriverHeadArea(CandidateAreaImage* candidate, int& thickness) {
   if (candidate == nullptr) return 0;
 
-  // The working copy; it becomes the first of the two erosion buffers.
-  cv::Mat a = candidate->image.clone();
+  // The mask, read only: the working copy is its part around the blob, cut
+  // below before the first erosion.
+  cv::Mat a = candidate->image;
   if (a.empty()) {
     // What the erosion loop gives for a mask without a pixel.
     thickness = 2;
@@ -86,7 +87,7 @@ int ClubTracker::ExtractDriverHeadArea(CandidateAreaImage* candidate, int& thick
   if (count > static_cast<uint32_t>(limit)) return 0;  // too full for a blob
 
   // Nothing to erode: the erosion loop would stop at once.
-  cv::Rect blob = cv::boundingRect(a);
+  cv::Rect blob = MaskBounds(a);
   if (blob.area() == 0) {
     thickness = 2;
     candidate->headX = 0;
@@ -110,12 +111,13 @@ int ClubTracker::ExtractDriverHeadArea(CandidateAreaImage* candidate, int& thick
   BitMask& bits = ThreadBitMask();
   thread_local BitMask survivor;
   const bool packed = bits.Supports(erosion) && bits.Pack(a);
+  std::vector<cv::Point> points;  // the core
   while (packed) {
     thickness += 2;
     bits.CopyTo(survivor);
     bits.Apply(erosion);
     if (!bits.Any()) {
-      survivor.Unpack(a);
+      survivor.SetPixels(points);
       break;
     }
   }
@@ -127,7 +129,7 @@ int ClubTracker::ExtractDriverHeadArea(CandidateAreaImage* candidate, int& thick
     thickness += 2;
     cv::morphologyEx(a, b, cv::MORPH_ERODE, kernel, cv::Point(-1, -1), 1, cv::BORDER_CONSTANT,
                      cv::morphologyDefaultBorderValue());
-    blob = cv::boundingRect(b);
+    blob = MaskBounds(b);
     if (blob.area() == 0) break;  // the erosion emptied the blob
     // b is the new surviving blob; the old one's buffer takes the next erosion.
     cv::swap(a, b);
@@ -137,8 +139,7 @@ int ClubTracker::ExtractDriverHeadArea(CandidateAreaImage* candidate, int& thick
   }
 
   // Core: the last non-empty erosion result, scanned row by row.
-  std::vector<cv::Point> points;
-  cv::findNonZero(a, points);
+  if (!packed) cv::findNonZero(a, points);
   if (points.empty()) {
     candidate->headX = 0;
     candidate->headY = 0;

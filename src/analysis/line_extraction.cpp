@@ -70,7 +70,7 @@ cv::Rect ComputeShaftEdgeBox(const cv::Mat& mask, cv::Mat& edges) {
   }
   thread_local cv::Mat work, part;
   MorphologyChain(mask, work, kCleanSteps);
-  cv::Rect box = cv::boundingRect(work);
+  cv::Rect box = MaskBounds(work);
   if (box.empty()) {
     edges.release();
     return cv::Rect();
