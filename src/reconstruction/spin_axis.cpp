@@ -13,7 +13,6 @@
 #include <opencv2/core.hpp>
 #include <stdexcept>
 #include <string>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -256,17 +255,49 @@ void LocateBall(const CameraGeometry& camera1, const CameraGeometry& camera2,
   }
 }
 
-struct InlierListHash {
-  size_t operator()(const std::vector<InlierLines>& list) const {
-    uint64_t h = 1469598103934665603ull;
-    for (const InlierLines& in : list) {
-      for (const int32_t v : {in.frame, in.cam1, in.cam2}) {
-        h ^= static_cast<uint32_t>(v);
-        h *= 1099511628211ull;
-      }
+uint64_t InlierListHash(const std::vector<InlierLines>& list) {
+  uint64_t h = 1469598103934665603ull;
+  for (const InlierLines& in : list) {
+    for (const int32_t v : {in.frame, in.cam1, in.cam2}) {
+      h ^= static_cast<uint32_t>(v);
+      h *= 1099511628211ull;
     }
-    return static_cast<size_t>(h);
   }
+  return h;
+}
+
+// The distinct inlier lists met so far, each kept once (an open-addressing
+// table of their positions, sized for every hypothesis at the start).
+class InlierListSet {
+ public:
+  explicit InlierListSet(size_t most) {
+    size_t size = 16;
+    while (size < 2 * most) size *= 2;
+    slots_.assign(size, 0);
+    lists_.reserve(most);
+    hashes_.reserve(most);
+  }
+  // Adds `list` (moved in) unless an equal one is there; returns the kept
+  // list and whether it was added.
+  std::pair<const std::vector<InlierLines>*, bool> Insert(std::vector<InlierLines>& list,
+                                                          uint64_t hash) {
+    const size_t mask = slots_.size() - 1;
+    for (size_t i = static_cast<size_t>(hash) & mask;; i = (i + 1) & mask) {
+      const uint32_t slot = slots_[i];
+      if (slot == 0) {
+        lists_.push_back(std::move(list));  // capacity reserved: the kept lists stay put
+        hashes_.push_back(hash);
+        slots_[i] = static_cast<uint32_t>(lists_.size());
+        return {&lists_.back(), true};
+      }
+      if (hashes_[slot - 1] == hash && lists_[slot - 1] == list) return {&lists_[slot - 1], false};
+    }
+  }
+
+ private:
+  std::vector<uint32_t> slots_;  // position in lists_ + 1; 0 for an empty slot
+  std::vector<std::vector<InlierLines>> lists_;
+  std::vector<uint64_t> hashes_;
 };
 
 // One entry of the hypothesis list as the sort sees it.
@@ -288,6 +319,7 @@ struct RefitCandidate {
   const SortEntry* entry = nullptr;
   std::vector<InlierLines> inliers;
   int usable = 0;          // inliers whose frames are before the impact in both cameras
+  uint64_t hash = 0;       // InlierListHash of the inliers
   bool first = false;      // the first hypothesis with these inlier lines
   const std::vector<InlierLines>* solvedLines = nullptr;  // its lines, once first
   double surelyAbove = 0.0;  // ResidualSurelyAbove of the inliers' planes, once first
@@ -316,6 +348,7 @@ struct ListRefitInliers {
           ++candidate.usable;
         }
       }
+      candidate.hash = InlierListHash(candidate.inliers);
     }
   }
 };
@@ -471,8 +504,7 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
   // time, the blocks growing from a few (the search may stop at once).
   double best = kInitialBestRefit;
   std::vector<char> visited(accepted.size(), 0);
-  std::unordered_set<std::vector<InlierLines>, InlierListHash> solved;
-  solved.reserve(accepted.size());
+  InlierListSet solved(accepted.size());
   std::vector<RefitCandidate> block;
   cv::Mat matA;
   cv::Mat matD;
@@ -501,9 +533,9 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
       RefitCandidate& candidate = block[c];
       candidate.first = false;
       if (candidate.usable < kMinUsableInliers) continue;
-      const auto [at, inserted] = solved.insert(std::move(candidate.inliers));
+      const auto [kept, inserted] = solved.Insert(candidate.inliers, candidate.hash);
       candidate.first = inserted;
-      candidate.solvedLines = &*at;
+      candidate.solvedLines = kept;
     }
     tbb::parallel_for(tbb::blocked_range<size_t>(0, used, kRefitGrain),
                       BoundRefitResiduals{planes1, planes2, block});
