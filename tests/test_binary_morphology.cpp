@@ -68,6 +68,15 @@ TEST(BinaryMorphology, SameAsMorphologyExOnRandomMasks) {
       EXPECT_EQ(MaskBounds(mask), cv::boundingRect(mask)) << size << " trial " << trial;
       const cv::Rect inner(size.width / 3, size.height / 4, (size.width + 1) / 2, (size.height + 1) / 2);
       EXPECT_EQ(MaskBounds(mask(inner)), cv::boundingRect(mask(inner))) << size << " trial " << trial;
+      BitMask bits;  // the box of the set bits, and a part of the plane unpacked
+      ASSERT_TRUE(bits.Pack(mask));
+      EXPECT_EQ(bits.Bounds(), cv::boundingRect(mask)) << size << " trial " << trial;
+      const int x1 = std::min(1, size.width - 1);  // parts starting at every bit of a byte
+      for (const cv::Rect part : {inner, cv::Rect(x1, 0, size.width - x1, size.height)}) {
+        cv::Mat unpacked;
+        bits.Unpack(unpacked, part);
+        EXPECT_TRUE(Same(unpacked, mask(part))) << size << " trial " << trial << " " << part;
+      }
       for (const MorphStep& step : kSteps) {
         EXPECT_TRUE(Same(Packed(mask, step), Literal(mask, step)))
             << size << " trial " << trial << " op " << step.op << " shape " << step.shape

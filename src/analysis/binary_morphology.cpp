@@ -101,6 +101,47 @@ void BitMask::Unpack(cv::Mat& mask) const {
   }
 }
 
+void BitMask::Unpack(cv::Mat& mask, const cv::Rect& box) const {
+  CV_Assert((box & cv::Rect(0, 0, cols_, rows_)) == box);
+  mask.create(box.height, box.width, CV_8UC1);
+  for (int y = 0; y < box.height; ++y) {
+    uchar* p = mask.ptr<uchar>(y);
+    const uint64_t* in = bits_.data() + static_cast<size_t>(box.y + y) * words_;
+    int x = 0;
+    for (; x + 8 <= box.width; x += 8) {  // eight pixels from the bits at column box.x + x on
+      const int column = box.x + x;
+      const int w = column >> 6, o = column & 63;
+      uint64_t v = in[w] >> o;
+      if (o > 56) v |= in[w + 1] << (64 - o);  // the eight end in the next word
+      std::memcpy(p + x, &kSpread[v & 0xFF], 8);
+    }
+    for (; x < box.width; ++x) {
+      const int column = box.x + x;
+      p[x] = ((in[column >> 6] >> (column & 63)) & 1) != 0 ? 255 : 0;
+    }
+  }
+}
+
+cv::Rect BitMask::Bounds() const {
+  int xmin = cols_, xmax = -1, ymin = -1, ymax = -1;
+  for (int y = 0; y < rows_; ++y) {
+    const uint64_t* row = bits_.data() + static_cast<size_t>(y) * words_;
+    int first = -1, last = -1;
+    for (int w = 0; w < words_; ++w) {
+      if (row[w] == 0) continue;
+      if (first < 0) first = 64 * w + std::countr_zero(row[w]);
+      last = 64 * w + 63 - std::countl_zero(row[w]);
+    }
+    if (first < 0) continue;
+    if (ymin < 0) ymin = y;
+    ymax = y;
+    xmin = std::min(xmin, first);
+    xmax = std::max(xmax, last);
+  }
+  if (xmin >= cols_) xmin = ymin = 0;
+  return cv::Rect(xmin, ymin, xmax - xmin + 1, ymax - ymin + 1);
+}
+
 const BitMask::Kernel& BitMask::KernelOf(int shape, int size) {
   for (const Kernel& kernel : kernels_) {
     if (kernel.shape == shape && kernel.size == size) return kernel;

@@ -28,6 +28,10 @@ class BitMask {
   // Writes the plane as a 0/255 CV_8UC1 matrix (reallocated only when its
   // size or type differs).
   void Unpack(cv::Mat& mask) const;
+  // The same for the part `box` of the plane (a rectangle inside it).
+  void Unpack(cv::Mat& mask, const cv::Rect& box) const;
+  // The box of the set pixels: what MaskBounds gives for the unpacked plane.
+  cv::Rect Bounds() const;
 
   // Whether Apply runs `step` exactly (known operation, odd size, kernel of
   // nested row runs holding the centre).

@@ -69,8 +69,20 @@ cv::Rect ComputeShaftEdgeBox(const cv::Mat& mask, cv::Mat& edges) {
     return cv::Rect();
   }
   thread_local cv::Mat work, part;
-  MorphologyChain(mask, work, kCleanSteps);
-  cv::Rect box = MaskBounds(work);
+  // A 0/255 mask is cleaned on bit planes and only the part Canny needs is
+  // unpacked.
+  BitMask& bits = ThreadBitMask();
+  bool packed = true;
+  for (const MorphStep& step : kCleanSteps) packed = packed && bits.Supports(step);
+  packed = packed && bits.Pack(mask);
+  cv::Rect box;
+  if (packed) {
+    for (const MorphStep& step : kCleanSteps) bits.Apply(step);
+    box = bits.Bounds();
+  } else {
+    MorphologyChainLiteral(mask, work, kCleanSteps);
+    box = MaskBounds(work);
+  }
   if (box.empty()) {
     edges.release();
     return cv::Rect();
@@ -79,8 +91,12 @@ cv::Rect ComputeShaftEdgeBox(const cv::Mat& mask, cv::Mat& edges) {
   // its edges; inside, Canny sees what it sees on the whole frame.
   box = cv::Rect(box.x - kEdgeMargin, box.y - kEdgeMargin, box.width + 2 * kEdgeMargin,
                  box.height + 2 * kEdgeMargin) &
-        cv::Rect(0, 0, work.cols, work.rows);
-  work(box).copyTo(part);
+        cv::Rect(0, 0, mask.cols, mask.rows);
+  if (packed) {
+    bits.Unpack(part, box);
+  } else {
+    work(box).copyTo(part);
+  }
   Canny(part, edges);
   return box;
 }
