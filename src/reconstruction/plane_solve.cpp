@@ -33,8 +33,13 @@ inline double ScaledHypot(double a, double b) {
 
 }  // namespace
 
-bool SolvePlanesJacobi(const double* a, const double* d, int rows, double* x) {
-  const int m = rows;
+namespace {
+
+// The solve for `rows` rows; kRows > 0 fixes the count at compile time (the
+// same operations in the same order, unrolled).
+template <int kRows>
+bool SolveJacobi(const double* a, const double* d, int rows, double* x) {
+  const int m = kRows > 0 ? kRows : rows;
   const int n = kColumns;
   if (m < n || m > kJacobiSolveMaxRows) return false;
   for (int i = 0; i < m * n; ++i) {
@@ -169,6 +174,13 @@ bool SolvePlanesJacobi(const double* a, const double* d, int rows, double* x) {
   return true;
 }
 
+}  // namespace
+
+bool SolvePlanesJacobi(const double* a, const double* d, int rows, double* x) {
+  // Four rows: the planes of a line pair.
+  return rows == 4 ? SolveJacobi<4>(a, d, rows, x) : SolveJacobi<0>(a, d, rows, x);
+}
+
 namespace {
 
 struct ProbeRandom {
@@ -190,8 +202,8 @@ bool ProbeMatches() {
   ProbeRandom random;
   for (const int rows : {3, 4, 5, 8, 12, 24}) {
     for (int sample = 0; sample < 96; ++sample) {
-      double a[kJacobiSolveMaxRows * 3];
-      double d[kJacobiSolveMaxRows];
+      double a[kJacobiSolveMaxRows * 3] = {};
+      double d[kJacobiSolveMaxRows] = {};
       const int kind = sample % 6;
       for (int r = 0; r < rows; ++r) {
         UnitRow(random, a + 3 * r, kind == 4 && r > 0 ? a : nullptr, kind == 4 ? 0.01 : 1.0);
