@@ -52,4 +52,34 @@ TEST(HoughVotes, SameEdgesAndLinesAsCannyAndHoughLinesOnSwingAndBorderMasks) {
   EXPECT_GT(lines, 1000u);
 }
 
+// The Canny edges of 0/255 masks against cv::Canny: random masks down to one
+// pixel or one row, all set, checkerboards and diagonal bars.
+TEST(HoughVotes, BinaryCannyIsCanny) {
+  cv::RNG rng(20261124);
+  const cv::Size sizes[] = {{1, 1}, {1, 7}, {7, 1}, {2, 2}, {3, 5}, {17, 9}, {64, 33}, {131, 70}};
+  for (const cv::Size size : sizes) {
+    for (int kind = 0; kind < 5; ++kind) {
+      cv::Mat mask(size, CV_8UC1);
+      if (kind == 0) mask.setTo(255);
+      if (kind == 1) {
+        for (int y = 0; y < size.height; ++y)
+          for (int x = 0; x < size.width; ++x) mask.at<uchar>(y, x) = ((x + y) % 2) * 255;
+      }
+      if (kind == 2) {
+        mask.setTo(0);
+        cv::line(mask, {0, 0}, {size.width, size.height}, cv::Scalar(255), 1 + size.width / 8);
+      }
+      if (kind >= 3) {
+        rng.fill(mask, cv::RNG::UNIFORM, 0, kind == 3 ? 2 : 8);
+        mask = (mask == 0);  // a quarter (kind 3: a half) set, as 0/255
+        mask.convertTo(mask, CV_8UC1);
+      }
+      cv::Mat fast, expected;
+      BinaryCanny(mask, fast);
+      cv::Canny(mask, expected, 30.0, 40.0, 3, true);
+      EXPECT_EQ(cv::countNonZero(fast != expected), 0) << size << " kind " << kind;
+    }
+  }
+}
+
 }  // namespace

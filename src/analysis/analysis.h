@@ -29,6 +29,10 @@ int ExtractCandidatesFromEdges(CandidateAreaImage* candidate, const cv::Mat& edg
 // mask is empty or not 8-bit grey.
 cv::Rect ComputeShaftEdgeBox(const cv::Mat& mask, cv::Mat& edges);
 
+// cv::Canny(src, edges, 30, 40, 3, true) of a mask whose pixels are all 0 or
+// 255 (the shaft-line settings), without its general hysteresis.
+void BinaryCanny(const cv::Mat& src, cv::Mat& edges);
+
 // The Hough votes of ComputeShaftEdges' edge map, made once per frame.
 void ComputeShaftVotes(const cv::Mat& mask, HoughVotes& votes);
 

@@ -94,10 +94,11 @@ cv::Rect ComputeShaftEdgeBox(const cv::Mat& mask, cv::Mat& edges) {
         cv::Rect(0, 0, mask.cols, mask.rows);
   if (packed) {
     bits.Unpack(part, box);
+    BinaryCanny(part, edges);
   } else {
     work(box).copyTo(part);
+    Canny(part, edges);
   }
-  Canny(part, edges);
   return box;
 }
 
