@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 
 #include <opencv2/core.hpp>
@@ -24,36 +25,79 @@ namespace {
 constexpr int kShift = 15;
 const int kTan22 = static_cast<int>(0.4142135623730950488016887242097 * (1 << kShift) + 0.5);
 
-struct CannyRows {
-  std::vector<uint8_t> padded[3];  // source rows y - 1, y, y + 1 with a replicated pixel each side
-  std::vector<int16_t> dx[3], dy[3];
-  std::vector<int32_t> mag[3];  // with a zero on each side
+// The pixels as 0 and 1: the Sobel components, the squared magnitude and the
+// direction tests all scale by 255 (or 255^2) exactly, so they are formed on
+// the small values. Directions of the suppression.
+enum Direction : uint8_t { kAlongRow, kAlongColumn, kDiagonalDown, kDiagonalUp };
+
+// The suppression direction of every component pair (gx, gy) in [-4, 4]^2,
+// decided on the components of the 0/255 mask as cv::Canny decides.
+struct DirectionTable {
+  uint8_t at[9][9];
+  DirectionTable() {
+    for (int i = 0; i < 9; ++i) {
+      for (int j = 0; j < 9; ++j) {
+        const int xs = 255 * (i - 4), ys = 255 * (j - 4);
+        const int x = std::abs(xs);
+        const int y = std::abs(ys) << kShift;
+        const int tg22x = x * kTan22;
+        const int tg67x = tg22x + (x << (kShift + 1));
+        if (y < tg22x) {
+          at[i][j] = kAlongRow;
+        } else if (y > tg67x) {
+          at[i][j] = kAlongColumn;
+        } else {
+          at[i][j] = (xs ^ ys) < 0 ? kDiagonalUp : kDiagonalDown;  // s = -1 : s = 1
+        }
+      }
+    }
+  }
 };
 
-// Sobel components and squared magnitude of row y.
-void GradientRow(const cv::Mat& src, int y, CannyRows& rows, int slot) {
-  const int cols = src.cols;
-  for (int r = 0; r < 3; ++r) {
-    const int source = std::clamp(y + r - 1, 0, src.rows - 1);
-    const uint8_t* p = src.ptr<uint8_t>(source);
-    std::vector<uint8_t>& row = rows.padded[r];
-    std::copy(p, p + cols, row.begin() + 1);
-    row[0] = p[0];
-    row[static_cast<size_t>(cols) + 1] = p[cols - 1];
+struct CannyRows {
+  std::vector<uint8_t> padded[3];  // source rows as 0/1 with a replicated pixel each side
+  int source[3] = {-1, -1, -1};    // which row each holds
+  std::vector<int8_t> dx[3], dy[3];
+  std::vector<uint8_t> mag[3];  // with a zero on each side
+};
+
+const uint8_t* PaddedRow(const cv::Mat& src, int y, CannyRows& rows) {
+  const int slot = y % 3;
+  std::vector<uint8_t>& row = rows.padded[slot];
+  if (rows.source[slot] != y) {
+    const uint8_t* p = src.ptr<uint8_t>(y);
+    const int cols = src.cols;
+    for (int x = 0; x < cols; ++x) row[static_cast<size_t>(x) + 1] = p[x] & 1;
+    row[0] = row[1];
+    row[static_cast<size_t>(cols) + 1] = row[static_cast<size_t>(cols)];
+    rows.source[slot] = y;
   }
-  const uint8_t* a = rows.padded[0].data();
-  const uint8_t* b = rows.padded[1].data();
-  const uint8_t* c = rows.padded[2].data();
-  int16_t* dx = rows.dx[slot].data();
-  int16_t* dy = rows.dy[slot].data();
-  int32_t* mag = rows.mag[slot].data() + 1;
+  return row.data();
+}
+
+// Sobel components and squared magnitude of a row from its padded rows above
+// (a), at (b) and below (c).
+void Gradients(const uint8_t* __restrict a, const uint8_t* __restrict b,
+               const uint8_t* __restrict c, int cols, int8_t* __restrict dx,
+               int8_t* __restrict dy, uint8_t* __restrict mag) {
   for (int x = 0; x < cols; ++x) {
-    const int gx = (a[x + 2] - a[x]) + 2 * (b[x + 2] - b[x]) + (c[x + 2] - c[x]);
-    const int gy = (c[x] + 2 * c[x + 1] + c[x + 2]) - (a[x] + 2 * a[x + 1] + a[x + 2]);
-    dx[x] = static_cast<int16_t>(gx);
-    dy[x] = static_cast<int16_t>(gy);
-    mag[x] = gx * gx + gy * gy;
+    const int8_t gx =
+        static_cast<int8_t>((a[x + 2] - a[x]) + 2 * (b[x + 2] - b[x]) + (c[x + 2] - c[x]));
+    const int8_t gy = static_cast<int8_t>((c[x] + 2 * c[x + 1] + c[x + 2]) -
+                                          (a[x] + 2 * a[x + 1] + a[x + 2]));
+    dx[x] = gx;
+    dy[x] = gy;
+    mag[x] = static_cast<uint8_t>(gx * gx + gy * gy);
   }
+}
+
+// Sobel components and squared magnitude of row y, in 0/1 units.
+void GradientRow(const cv::Mat& src, int y, CannyRows& rows, int slot) {
+  const uint8_t* a = PaddedRow(src, std::max(y - 1, 0), rows);
+  const uint8_t* b = PaddedRow(src, y, rows);
+  const uint8_t* c = PaddedRow(src, std::min(y + 1, src.rows - 1), rows);
+  Gradients(a, b, c, src.cols, rows.dx[slot].data(), rows.dy[slot].data(),
+            rows.mag[slot].data() + 1);
 }
 
 }  // namespace
@@ -62,9 +106,11 @@ void BinaryCanny(const cv::Mat& src, cv::Mat& edges) {
   CV_Assert(src.type() == CV_8UC1 && !src.empty());
   const int cols = src.cols;
   edges.create(src.size(), CV_8UC1);
+  static const DirectionTable directions;
   thread_local CannyRows rows;
   for (int s = 0; s < 3; ++s) {
     rows.padded[s].resize(static_cast<size_t>(cols) + 2);
+    rows.source[s] = -1;
     rows.dx[s].resize(static_cast<size_t>(cols));
     rows.dy[s].resize(static_cast<size_t>(cols));
     rows.mag[s].assign(static_cast<size_t>(cols) + 2, 0);
@@ -72,41 +118,48 @@ void BinaryCanny(const cv::Mat& src, cv::Mat& edges) {
   // Slots of rows y - 1, y, y + 1 rotate; beyond the first and last row the
   // magnitude is zero.
   int prev = 0, cur = 1, next = 2;
-  std::fill(rows.mag[prev].begin(), rows.mag[prev].end(), 0);
+  std::fill(rows.mag[prev].begin(), rows.mag[prev].end(), uint8_t{0});
   GradientRow(src, 0, rows, cur);
   for (int y = 0; y < src.rows; ++y) {
     if (y + 1 < src.rows) {
       GradientRow(src, y + 1, rows, next);
     } else {
-      std::fill(rows.mag[next].begin(), rows.mag[next].end(), 0);
+      std::fill(rows.mag[next].begin(), rows.mag[next].end(), uint8_t{0});
     }
-    const int32_t* above = rows.mag[prev].data() + 1;
-    const int32_t* here = rows.mag[cur].data() + 1;
-    const int32_t* below = rows.mag[next].data() + 1;
-    const int16_t* dx = rows.dx[cur].data();
-    const int16_t* dy = rows.dy[cur].data();
+    const uint8_t* above = rows.mag[prev].data() + 1;
+    const uint8_t* here = rows.mag[cur].data() + 1;
+    const uint8_t* below = rows.mag[next].data() + 1;
+    const int8_t* dx = rows.dx[cur].data();
+    const int8_t* dy = rows.dy[cur].data();
     uint8_t* out = edges.ptr<uint8_t>(y);
+    std::fill(out, out + cols, uint8_t{0});
     for (int x = 0; x < cols; ++x) {
-      const int m = here[x];
-      bool edge = false;
-      if (m > 0) {
-        const int xs = dx[x], ys = dy[x];
-        const int gx = std::abs(xs);
-        const int gy = std::abs(ys) << kShift;
-        const int tg22x = gx * kTan22;
-        if (gy < tg22x) {
-          edge = m > here[x - 1] && m >= here[x + 1];
-        } else {
-          const int tg67x = tg22x + (gx << (kShift + 1));
-          if (gy > tg67x) {
-            edge = m > above[x] && m >= below[x];
-          } else {
-            const int s = (xs ^ ys) < 0 ? -1 : 1;
-            edge = m > above[x - s] && m > below[x + s];
-          }
+      if (x + 8 <= cols) {  // eight pixels without a gradient at once
+        uint64_t eight;
+        std::memcpy(&eight, here + x, 8);
+        if (eight == 0) {
+          x += 7;
+          continue;
         }
       }
-      out[x] = edge ? 255 : 0;
+      const int m = here[x];
+      if (m == 0) continue;
+      bool edge = false;
+      switch (directions.at[dx[x] + 4][dy[x] + 4]) {
+        case kAlongRow:
+          edge = m > here[x - 1] && m >= here[x + 1];
+          break;
+        case kAlongColumn:
+          edge = m > above[x] && m >= below[x];
+          break;
+        case kDiagonalDown:  // s = 1
+          edge = m > above[x - 1] && m > below[x + 1];
+          break;
+        default:  // s = -1
+          edge = m > above[x + 1] && m > below[x - 1];
+          break;
+      }
+      if (edge) out[x] = 255;
     }
     const int freed = prev;
     prev = cur;
