@@ -160,7 +160,7 @@ TEST(CandidateArea, ChangeMaskIsTheLiteralExpression) {
   cv::RNG rng(20261124);
   const cv::Size sizes[] = {{1, 1}, {15, 1}, {16, 3}, {17, 2}, {33, 7}, {64, 48}, {100, 13}, {4100, 2}};
   for (const cv::Size size : sizes) {
-    for (const int spread : {1, 3, 256}) {
+    for (const int spread : {0, 1, 3, 256}) {  // 0: every pixel changed
       for (const bool view : {false, true}) {
         // A view leaves a margin of 5 columns and 2 rows in its parent.
         cv::Mat planes[3];
@@ -168,7 +168,9 @@ TEST(CandidateArea, ChangeMaskIsTheLiteralExpression) {
           plane.create(size.height + (view ? 4 : 0), size.width + (view ? 10 : 0), CV_8UC1);
           rng.fill(plane, cv::RNG::UNIFORM, 0, 256);
         }
-        if (spread < 256) {  // references within `spread` of the frame, clamped
+        if (spread == 0) {
+          for (int k = 1; k < 3; ++k) cv::bitwise_xor(planes[0], cv::Scalar(128), planes[k]);
+        } else if (spread < 256) {  // references within `spread` of the frame, clamped
           for (int k = 1; k < 3; ++k) {
             cv::Mat offset(planes[0].size(), CV_16SC1);
             rng.fill(offset, cv::RNG::UNIFORM, -spread, spread + 1);
