@@ -32,6 +32,27 @@ constexpr std::array<uint64_t, 256> MakeSpread() {
 }
 constexpr std::array<uint64_t, 256> kSpread = MakeSpread();
 
+// The box of set pixels met row by row: each row's first and last set column.
+class RowBox {
+ public:
+  explicit RowBox(int cols) : cols_(cols), xmin_(cols) {}
+  void Add(int y, int first, int last) {
+    if (ymin_ < 0) ymin_ = y;
+    ymax_ = y;
+    xmin_ = std::min(xmin_, first);
+    xmax_ = std::max(xmax_, last);
+  }
+  // cv::boundingRect's answer: Rect(0, 0, 0, 0) when no row had a pixel.
+  cv::Rect Rect() const {
+    const int xmin = xmin_ >= cols_ ? 0 : xmin_, ymin = xmin_ >= cols_ ? 0 : ymin_;
+    return cv::Rect(xmin, ymin, xmax_ - xmin + 1, ymax_ - ymin + 1);
+  }
+
+ private:
+  int cols_;
+  int xmin_, xmax_ = -1, ymin_ = -1, ymax_ = -1;
+};
+
 }  // namespace
 
 bool BitMask::Pack(const cv::Mat& mask) {
@@ -123,7 +144,7 @@ void BitMask::Unpack(cv::Mat& mask, const cv::Rect& box) const {
 }
 
 cv::Rect BitMask::Bounds() const {
-  int xmin = cols_, xmax = -1, ymin = -1, ymax = -1;
+  RowBox box(cols_);
   for (int y = 0; y < rows_; ++y) {
     const uint64_t* row = bits_.data() + static_cast<size_t>(y) * words_;
     int first = -1, last = -1;
@@ -132,14 +153,9 @@ cv::Rect BitMask::Bounds() const {
       if (first < 0) first = 64 * w + std::countr_zero(row[w]);
       last = 64 * w + 63 - std::countl_zero(row[w]);
     }
-    if (first < 0) continue;
-    if (ymin < 0) ymin = y;
-    ymax = y;
-    xmin = std::min(xmin, first);
-    xmax = std::max(xmax, last);
+    if (first >= 0) box.Add(y, first, last);
   }
-  if (xmin >= cols_) xmin = ymin = 0;
-  return cv::Rect(xmin, ymin, xmax - xmin + 1, ymax - ymin + 1);
+  return box.Rect();
 }
 
 const BitMask::Kernel& BitMask::KernelOf(int shape, int size) {
@@ -498,7 +514,7 @@ cv::Rect MaskBounds(const cv::Mat& mask) {
     return cv::boundingRect(mask);
   }
   const int cols = mask.cols;
-  int xmin = cols, xmax = -1, ymin = -1, ymax = -1;
+  RowBox box(cols);
   for (int y = 0; y < mask.rows; ++y) {
     const uchar* p = mask.ptr<uchar>(y);
     // The first nonzero pixel of the row, eight at a time (pixel j + k is
@@ -536,11 +552,7 @@ cv::Rect MaskBounds(const cv::Mat& mask) {
         }
       }
     }
-    if (ymin < 0) ymin = y;
-    ymax = y;
-    xmin = std::min(xmin, first);
-    xmax = std::max(xmax, last);
+    box.Add(y, first, last);
   }
-  if (xmin >= cols) xmin = ymin = 0;
-  return cv::Rect(xmin, ymin, xmax - xmin + 1, ymax - ymin + 1);
+  return box.Rect();
 }
