@@ -11,8 +11,10 @@
 #include <opencv2/imgproc.hpp>
 
 #include "support/access.h"
+#include "support/change_masks.h"
 #include "support/log_capture.h"
 #include "synth/swing.h"
+#include "template/head_common.h"
 #include "template/head_tracker.h"
 #include "template/template_matching.h"
 
@@ -106,12 +108,143 @@ TEST(MatchTemplateInWindow, ClipsInPlaceAcceptsStrictlyAndFindsThePatch) {
     EXPECT_TRUE((c.clipped & match) == match) << "match outside the window";
     if (c.match.empty()) continue;
     EXPECT_EQ(match, c.match);
-    if (c.match == c.patch) EXPECT_NEAR(score, 1.0, 1e-5);
+    if (c.match == c.patch) {
+      EXPECT_NEAR(score, 1.0, 1e-5);
+    }
     if (c.match != c.window) continue;
     cv::Mat result;
     cv::matchTemplate(image(c.window), templ, result, cv::TM_CCOEFF_NORMED);
     EXPECT_EQ(result.size(), cv::Size(1, 1));
     EXPECT_EQ(score, static_cast<double>(result.at<float>(0, 0)));
+  }
+}
+
+// ------------------------------------- the head tracker's fast image forms
+
+// Masks with blobs and bars anywhere, borders included, of awkward sizes.
+std::vector<cv::Mat> BlobMasks() {
+  std::vector<cv::Mat> masks = {cv::Mat(1, 1, CV_8U, cv::Scalar(255)),
+                                cv::Mat(1, 9, CV_8U, cv::Scalar(255)),
+                                cv::Mat(7, 1, CV_8U, cv::Scalar(0)),
+                                cv::Mat(13, 17, CV_8U, cv::Scalar(255))};
+  cv::RNG rng(20261124);
+  for (int i = 0; i < 40; ++i) {
+    cv::Mat mask(rng.uniform(3, 90), rng.uniform(3, 120), CV_8U, cv::Scalar(0));
+    for (int blob = rng.uniform(0, 5); blob > 0; --blob) {
+      const cv::Point centre(rng.uniform(-5, mask.cols + 5), rng.uniform(-5, mask.rows + 5));
+      cv::ellipse(mask, centre, cv::Size(rng.uniform(1, 25), rng.uniform(1, 15)),
+                  rng.uniform(0.0, 180.0), 0.0, 360.0, cv::Scalar(255), cv::FILLED);
+      cv::line(mask, centre, cv::Point(rng.uniform(0, mask.cols), rng.uniform(0, mask.rows)),
+               cv::Scalar(255), rng.uniform(1, 4));
+      if (rng.uniform(0, 3) == 0) cv::circle(mask, centre, rng.uniform(1, 6), cv::Scalar(0), -1);
+    }
+    masks.push_back(mask);
+  }
+  return masks;
+}
+
+// What ChangedMask has always computed: the whole frame closed and filled.
+cv::Mat LiteralChangedMask(const cv::Mat& grey, const cv::Mat& background, int closing) {
+  cv::Mat changed;
+  cv::absdiff(grey, background, changed);
+  cv::threshold(changed, changed, headtrack::detail::kDifferenceThreshold, 255.0,
+                cv::THRESH_BINARY);
+  const cv::Mat kernel = cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(closing, closing));
+  cv::dilate(changed, changed, kernel);
+  cv::erode(changed, changed, kernel);
+  cv::Mat padded;
+  cv::copyMakeBorder(changed, padded, 1, 1, 1, 1, cv::BORDER_CONSTANT, cv::Scalar(0));
+  cv::floodFill(padded, cv::Point(0, 0), cv::Scalar(128));
+  return padded(cv::Rect(1, 1, changed.cols, changed.rows)) != 128;
+}
+
+bool Same(const cv::Mat& a, const cv::Mat& b) {
+  return a.size() == b.size() && a.type() == b.type() && cv::norm(a, b, cv::NORM_INF) == 0.0;
+}
+
+// Chamfer distances and component boxes worked out on the set pixels' box,
+// change masks closed and filled on it, and half-resolution gradients of a
+// part: each the same as the whole-image calls, on blob masks and on the
+// change masks of the rendered swings.
+TEST(HeadTrackerImages, BoxedFormsEqualTheWholeImageCalls) {
+  namespace d = headtrack::detail;
+  std::vector<cv::Mat> masks = BlobMasks();
+  for (const cv::Mat& mask : SwingChangeMasks()) masks.push_back(mask);
+  cv::RNG rng(7);
+  for (size_t i = 0; i < masks.size(); ++i) {
+    SCOPED_TRACE(i);
+    const cv::Mat& mask = masks[i];
+    cv::Rect active;
+    cv::Mat chamfer;
+    cv::distanceTransform(mask, chamfer, cv::DIST_L2, cv::DIST_MASK_5);
+    EXPECT_TRUE(Same(d::ChamferDistances(mask, active), chamfer));
+    EXPECT_EQ(active.empty(), cv::countNonZero(mask) == 0);
+
+    cv::Mat labels;
+    cv::Mat stats;
+    cv::Mat centroids;
+    cv::connectedComponentsWithStats(mask, labels, stats, centroids, 8, CV_32S);
+    for (int k = 0; k < 6; ++k) {
+      const cv::Point seed(rng.uniform(0, mask.cols), rng.uniform(0, mask.rows));
+      const int label = labels.at<int>(seed);
+      cv::Mat repainted = mask.clone();
+      cv::Rect box;
+      ASSERT_EQ(d::ComponentBox(repainted, seed, box), label > 0);
+      if (label > 0) {
+        EXPECT_EQ(box, cv::Rect(stats.at<int>(label, cv::CC_STAT_LEFT),
+                                stats.at<int>(label, cv::CC_STAT_TOP),
+                                stats.at<int>(label, cv::CC_STAT_WIDTH),
+                                stats.at<int>(label, cv::CC_STAT_HEIGHT)));
+      }
+    }
+
+    // A textured background, changed by 40 grey levels under the mask (by 15,
+    // under the threshold, elsewhere at random), whole and through a view.
+    cv::Mat background(mask.size(), CV_8U);
+    rng.fill(background, cv::RNG::UNIFORM, 60, 190);
+    cv::Mat grey = background.clone();
+    cv::add(grey, cv::Scalar(40), grey, mask);
+    cv::Mat faint(mask.size(), CV_8U);
+    rng.fill(faint, cv::RNG::UNIFORM, 0, 16);
+    cv::subtract(grey, faint, grey);
+    const cv::Rect view(mask.cols / 4, mask.rows / 5, mask.cols - mask.cols / 3,
+                        mask.rows - mask.rows / 4);
+    for (const int closing : {3, 7}) {
+      EXPECT_TRUE(Same(d::ChangedMask(grey, background, closing),
+                       LiteralChangedMask(grey, background, closing)));
+      EXPECT_TRUE(Same(d::ChangedMask(grey(view), background(view), closing),
+                       LiteralChangedMask(grey(view), background(view), closing)));
+    }
+
+    // Gradients of parts of the half image, borders included.
+    if (mask.rows < 4 || mask.cols < 4) continue;
+    const cv::Mat half = d::Half(grey);
+    const cv::Rect parts[] = {cv::Rect(0, 0, half.cols, half.rows),
+                              cv::Rect(1, 1, half.cols - 2, half.rows - 2),
+                              cv::Rect(half.cols / 2, 0, half.cols - half.cols / 2, half.rows / 2 + 1),
+                              cv::Rect(0, half.rows / 3, half.cols / 3 + 1, half.rows - half.rows / 3)};
+    for (const cv::Rect& part : parts) {
+      if (part.empty()) continue;
+      std::vector<cv::Mat> fast;
+      std::vector<cv::Mat> literal;
+      MakeGradientImages({d::HalfPart(grey, part)}, fast);
+      MakeGradientImages({half(part)}, literal);
+      EXPECT_TRUE(Same(fast[0], literal[0])) << part;
+      const cv::Rect patch = d::Clip(d::Grow(part, -1), half.size());
+      if (patch.width < 1 || patch.height < 1) continue;
+      EXPECT_TRUE(Same(d::HalfGradientPatch(grey, patch), d::GradientPatch(half, patch))) << patch;
+    }
+  }
+  // Rounded distances, exact halves and their neighbours included.
+  for (double dx = -7.0; dx <= 7.0; dx += 0.25) {
+    for (const double dy : {0.0, 0.5, 2.5, 3.0, 4.0 + 1e-12, -250.5, 120.25}) {
+      EXPECT_EQ(d::RoundedDistance(dx, dy), std::lround(std::hypot(dx, dy))) << dx << " " << dy;
+    }
+  }
+  for (int k = 0; k < 20000; ++k) {
+    const double dx = rng.uniform(-200.0, 200.0);
+    const double dy = rng.uniform(-200.0, 200.0);
+    ASSERT_EQ(d::RoundedDistance(dx, dy), std::lround(std::hypot(dx, dy))) << dx << " " << dy;
   }
 }
 

@@ -12,7 +12,10 @@ namespace headtrack {
 using namespace detail;
 
 double EstimateBallRadius(const CameraFrame& frame) {
-  if (!frame.hasBall || frame.grey.empty()) return 0.0;
+  if (!frame.hasBall || frame.grey.empty() || !std::isfinite(frame.ball.x) ||
+      !std::isfinite(frame.ball.y)) {
+    return 0.0;
+  }
   const int reach = std::min(100, std::min(frame.grey.cols, frame.grey.rows) / 3);
   const cv::Point centre(static_cast<int>(std::lround(frame.ball.x)),
                          static_cast<int>(std::lround(frame.ball.y)));
@@ -29,9 +32,9 @@ double EstimateBallRadius(const CameraFrame& frame) {
   std::vector<int> count(reach + 1, 0);
   for (int y = 0; y < g.rows; ++y) {
     const uchar* row = g.ptr<uchar>(y);
+    const double dy = y + region.y - frame.ball.y;
     for (int x = 0; x < g.cols; ++x) {
-      const double rho = std::hypot(x + region.x - frame.ball.x, y + region.y - frame.ball.y);
-      const long ring = std::lround(rho);
+      const long ring = RoundedDistance(x + region.x - frame.ball.x, dy);
       if (ring > reach) continue;
       sum[ring] += row[x];
       ++count[ring];

@@ -8,6 +8,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "analysis/binary_morphology.h"
 #include "template/template_matching.h"
 
 namespace headtrack::detail {
@@ -106,6 +107,19 @@ inline cv::Rect Doubled(const cv::Rect& r) {
   return cv::Rect(2 * r.x, 2 * r.y, 2 * r.width, 2 * r.height);
 }
 
+// Half(image)(part) for a part inside HalfSize(image), halving only the pixels
+// it covers and a frame of kHalfContext around them: each half-resolution
+// pixel depends on its own 2 x 2 block alone. Like a view into the whole half
+// image, the result has that frame around it (clipped to the image), which
+// filters read instead of their border rule.
+inline constexpr int kHalfContext = 2;
+inline cv::Mat HalfPart(const cv::Mat& image, const cv::Rect& part) {
+  const cv::Rect outer = Clip(Grow(part, kHalfContext), HalfSize(image));
+  cv::Mat half;
+  cv::resize(image(Doubled(outer)), half, outer.size(), 0.0, 0.0, cv::INTER_AREA);
+  return half(part - outer.tl());
+}
+
 // Keeps the parts of a mask that a disc of `radius` fits into: an opening by
 // distances (the erosion keeps the pixels deeper than the radius, the
 // dilation grows them back by it), worked out around the deep pixels only.
@@ -123,22 +137,61 @@ inline cv::Mat OpenByDisc(const cv::Mat& mask, const cv::Mat& distance, double r
   return body;
 }
 
+// cv::distanceTransform(mask, DIST_L2, DIST_MASK_5), worked out around the set
+// pixels only (in `active`, empty when there are none; zero elsewhere). With
+// two pixels of background around them, or the frame's edge, every step of the
+// 5 x 5 chamfer that leaves the box lands on background first.
+inline cv::Mat ChamferDistances(const cv::Mat& mask, cv::Rect& active) {
+  cv::Mat distance(mask.size(), CV_32F, cv::Scalar(0));
+  const cv::Rect set = MaskBounds(mask);
+  active = set.empty() ? cv::Rect() : Clip(Grow(set, 2), mask.size());
+  if (active.empty()) return distance;
+  cv::Mat part = distance(active);
+  cv::distanceTransform(mask(active), part, cv::DIST_L2, cv::DIST_MASK_5);
+  return distance;
+}
+
+// std::lround(std::hypot(dx, dy)) for finite offsets of a few hundred pixels: a
+// square root differs from hypot by a few units in the last place, which
+// decide the rounding only within a hair of a half.
+inline long RoundedDistance(double dx, double dy) {
+  const double root = std::sqrt(dx * dx + dy * dy);
+  const long whole = static_cast<long>(root);
+  const double fraction = root - static_cast<double>(whole);
+  if (std::abs(fraction - 0.5) > 1e-9) return whole + (fraction > 0.5 ? 1 : 0);
+  return std::lround(std::hypot(dx, dy));
+}
+
 // The changed pixels of a frame, gaps closed (by a dilation and erosion of
 // `closing` pixels) and holes filled: where the head passes in front of the
 // ball, it is as bright as the ball along a thin ring.
+//
+// Only the box of the changed pixels, grown by twice the kernel's reach and a
+// pixel, is closed and filled: outside it the dilation is zero, and so is the
+// erosion of the pixels within the kernel's reach of the box; every pixel
+// outside the box reaches the frame's edge in a straight line through
+// background, and every path from inside the box to the edge crosses the
+// background ring left around it.
 inline cv::Mat ChangedMask(const cv::Mat& grey, const cv::Mat& background, int closing) {
   cv::Mat changed;
   cv::absdiff(grey, background, changed);
   cv::threshold(changed, changed, kDifferenceThreshold, 255.0, cv::THRESH_BINARY);
+  cv::Mat filled = cv::Mat::zeros(changed.size(), CV_8U);
+  const cv::Rect set = MaskBounds(changed);
+  if (set.empty()) return filled;
+  const cv::Rect crop = Clip(Grow(set, 2 * (closing / 2) + 1), changed.size());
   const cv::Mat kernel =
       cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(closing, closing));
-  cv::dilate(changed, changed, kernel);
-  cv::erode(changed, changed, kernel);
+  cv::Mat closed;
+  cv::dilate(changed(crop), closed, kernel);
+  cv::erode(closed, closed, kernel);
   // Whatever the outside cannot reach belongs to the silhouette.
   cv::Mat padded;
-  cv::copyMakeBorder(changed, padded, 1, 1, 1, 1, cv::BORDER_CONSTANT, cv::Scalar(0));
+  cv::copyMakeBorder(closed, padded, 1, 1, 1, 1, cv::BORDER_CONSTANT, cv::Scalar(0));
   cv::floodFill(padded, cv::Point(0, 0), cv::Scalar(128));
-  return padded(cv::Rect(1, 1, changed.cols, changed.rows)) != 128;
+  cv::Mat inside = filled(crop);
+  cv::compare(padded(cv::Rect(1, 1, crop.width, crop.height)), 128, inside, cv::CMP_NE);
+  return filled;
 }
 
 // Gradient image of a patch of a frame, computed with a little context so that
@@ -148,6 +201,23 @@ inline cv::Mat GradientPatch(const cv::Mat& grey, const cv::Rect& patch) {
   std::vector<cv::Mat> gradients;
   MakeGradientImages({grey(crop)}, gradients);
   return gradients.front()(patch - crop.tl()).clone();
+}
+
+// GradientPatch(Half(grey), patch), halving only the pixels it reads.
+inline cv::Mat HalfGradientPatch(const cv::Mat& grey, const cv::Rect& patch) {
+  const cv::Rect crop = Clip(Grow(patch, kCropBorder), HalfSize(grey));
+  std::vector<cv::Mat> gradients;
+  MakeGradientImages({HalfPart(grey, crop)}, gradients);
+  return gradients.front()(patch - crop.tl()).clone();
+}
+
+// The box of the 8-connected part of a 0/255 mask that holds `seed`, as
+// cv::connectedComponentsWithStats gives it for that part; the part is
+// repainted with 128. False when the seed pixel is 0.
+inline bool ComponentBox(cv::Mat& mask, const cv::Point& seed, cv::Rect& box) {
+  if (mask.at<uchar>(seed) == 0) return false;
+  cv::floodFill(mask, seed, cv::Scalar(128), &box, cv::Scalar(0), cv::Scalar(0), 8);
+  return true;
 }
 
 // The largest part of a template (rectangle in template coordinates) that

@@ -128,12 +128,16 @@ bool MeasureSilhouette(const CameraFrame& frame, const cv::Mat& background,
   return true;
 }
 
-bool LocateHead(const CameraFrame& frame, const cv::Mat& background, const BallModel& ball,
-                bool strict, HeadBlob& blob) {
-  if (frame.grey.empty() || background.size() != frame.grey.size()) return false;
+bool LocateHead(const CameraFrame& frame, const cv::Mat& background,
+                const cv::Mat& halfBackground, const BallModel& ball, bool strict,
+                HeadBlob& blob) {
+  if (frame.grey.empty() || background.size() != frame.grey.size() ||
+      halfBackground.size() != HalfSize(frame.grey)) {
+    return false;
+  }
   // The search runs at half resolution; the head is large enough for it.
   const cv::Mat grey = Half(frame.grey);
-  cv::Mat moving = ChangedMask(grey, Half(background), kHalfClosing);
+  cv::Mat moving = ChangedMask(grey, halfBackground, kHalfClosing);
   // A visible ball differs from the background where it has left its place in
   // the later frames: remove its blob, and give up when the head is beside it.
   const bool ballVisible = ball.VisibleFraction(frame) > kBallVisibleFraction;
@@ -145,29 +149,24 @@ bool LocateHead(const CameraFrame& frame, const cv::Mat& background, const BallM
   }
 
   // The head is the thickest part of the moving club.
-  cv::Mat distance;
-  cv::distanceTransform(moving, distance, cv::DIST_L2, cv::DIST_MASK_5);
+  cv::Rect active;
+  const cv::Mat distance = ChamferDistances(moving, active);
+  if (active.empty()) return false;
   double thickness = 0.0;
   cv::Point deepest;
-  cv::minMaxLoc(distance, nullptr, &thickness, nullptr, &deepest);
+  cv::minMaxLoc(distance(active), nullptr, &thickness, nullptr, &deepest);
+  deepest += active.tl();
   if (2.0 * thickness < kMinHeadThickness) return false;
 
   // The head's body without the shaft, in a region around it.
   const int reach = static_cast<int>(std::ceil(5.0 * thickness));
   const cv::Rect region = Clip(
       cv::Rect(deepest.x - reach, deepest.y - reach, 2 * reach + 1, 2 * reach + 1), grey.size());
-  const cv::Mat body =
+  cv::Mat body =
       OpenByDisc(moving(region), distance(region), std::max(1.0, kOpeningFraction * thickness));
-  cv::Mat labels;
-  cv::Mat stats;
-  cv::Mat centroids;
-  cv::connectedComponentsWithStats(body, labels, stats, centroids, 8, CV_32S);
-  const int label = labels.at<int>(deepest - region.tl());
-  if (label <= 0) return false;
-  const cv::Rect box(stats.at<int>(label, cv::CC_STAT_LEFT) + region.x,
-                     stats.at<int>(label, cv::CC_STAT_TOP) + region.y,
-                     stats.at<int>(label, cv::CC_STAT_WIDTH),
-                     stats.at<int>(label, cv::CC_STAT_HEIGHT));
+  cv::Rect box;
+  if (!ComponentBox(body, deepest - region.tl(), box)) return false;
+  box += region.tl();
   // The whole head must be in view, and inside the region searched.
   if ((box & Grow(whole, -1)) != box) return false;
   if (region != whole && (box & Grow(region, -1)) != box) return false;

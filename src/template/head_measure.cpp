@@ -72,11 +72,11 @@ void ForBothCameras(const Body& body) {
 
 // Image velocity of the head from its silhouettes in two frames.
 bool HintVelocity(const std::vector<CameraFrame>& frames, const cv::Mat& background,
-                  const BallModel& ball, int at, int other, const HeadBlob& blob,
-                  cv::Point2d& velocity) {
+                  const cv::Mat& halfBackground, const BallModel& ball, int at, int other,
+                  const HeadBlob& blob, cv::Point2d& velocity) {
   HeadBlob second;
   if (other < 0 || other >= static_cast<int>(frames.size()) || other == at) return false;
-  if (!LocateHead(frames[other], background, ball, true, second)) return false;
+  if (!LocateHead(frames[other], background, halfBackground, ball, true, second)) return false;
   const double dt = frames[at].time - frames[other].time;
   if (dt == 0.0) return false;
   velocity = (blob.outline.centre - second.outline.centre) * (1.0 / dt);
@@ -119,6 +119,7 @@ HeadMeasurement Measure(const std::vector<ClubImage*>& cam1, const std::vector<C
   // Before the impact the ball rests in its place: it belongs to the
   // background there, whatever the later frames show.
   cv::Mat background[2];
+  cv::Mat halfBackground[2];
   BallModel ball[2];
   ForBothCameras([&](int c) {
     background[c] = MakeBackground(frames[c]);
@@ -126,6 +127,7 @@ HeadMeasurement Measure(const std::vector<ClubImage*>& cam1, const std::vector<C
     if (!background[c].empty() && ball[c].radius > 0.0) {
       ball[c].look.copyTo(background[c](ball[c].box));
     }
+    if (!background[c].empty()) halfBackground[c] = Half(background[c]);
   });
 
   // Start where both cameras show the head clearly, as late as possible.
@@ -138,7 +140,8 @@ HeadMeasurement Measure(const std::vector<ClubImage*>& cam1, const std::vector<C
     for (int s = static_cast<int>(before.size()) - 1; s >= 0 && start < 0; --s) {
       bool found[2] = {false, false};
       ForBothCameras([&](int c) {
-        found[c] = LocateHead(frames[c][before[s]], background[c], ball[c], strict, blob[c]);
+        found[c] = LocateHead(frames[c][before[s]], background[c], halfBackground[c], ball[c],
+                              strict, blob[c]);
       });
       if (found[0] && found[1]) start = s;
     }
@@ -157,7 +160,8 @@ HeadMeasurement Measure(const std::vector<ClubImage*>& cam1, const std::vector<C
   ForBothCameras([&](int c) {
     cv::Point2d hint;
     const bool hinted =
-        HintVelocity(frames[c], background[c], ball[c], before[start], neighbour, blob[c], hint);
+        HintVelocity(frames[c], background[c], halfBackground[c], ball[c], before[start],
+                     neighbour, blob[c], hint);
     TrackHead(frames[c], background[c], ball[c], before, start, blob[c],
               hinted ? &hint : nullptr, kFitWindow, *tracks[c]);
   });

@@ -124,8 +124,10 @@ struct HeadBlob {
 // outline whole; otherwise a head beside the ball is taken when nine tenths of
 // its outline are clear of it. False when nothing head-like is found, the head
 // touches the border of the frame, or the visible ball is beside it.
-bool LocateHead(const CameraFrame& frame, const cv::Mat& background, const BallModel& ball,
-                bool strict, HeadBlob& blob);
+// `halfBackground` is Half(background), made once for all the frames.
+bool LocateHead(const CameraFrame& frame, const cv::Mat& background,
+                const cv::Mat& halfBackground, const BallModel& ball, bool strict,
+                HeadBlob& blob);
 
 // How a tracked position was measured, from least to most trusted.
 enum Quality : unsigned char {

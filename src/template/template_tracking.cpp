@@ -67,8 +67,7 @@ void TrackDirection(const std::vector<CameraFrame>& frames, const cv::Mat& backg
   for (int j = start + step; j >= 0 && j < static_cast<int>(list.size()) && added < limit;
        j += step) {
     const CameraFrame& frame = frames[list[j]];
-    const cv::Mat half = Half(frame.grey);
-    const cv::Size size = half.size();
+    const cv::Size size = HalfSize(frame.grey);
     cv::Point2d predicted = points.back();
     double margin = 0.0;  // half-resolution pixels
     if (points.size() >= 2) {
@@ -111,7 +110,7 @@ void TrackDirection(const std::vector<CameraFrame>& frames, const cv::Mat& backg
       const cv::Rect window = wanted & cv::Rect(0, 0, size.width - 1, size.height - 1);
       const cv::Rect crop = Clip(Grow(window, kCropBorder), size);
       std::vector<cv::Mat> gradients;
-      MakeGradientImages({half(crop)}, gradients);
+      MakeGradientImages({HalfPart(frame.grey, crop)}, gradients);
       const cv::Mat& gradient = gradients.front();
       cv::Rect local = window - crop.tl();
       cv::Rect match;
@@ -182,7 +181,7 @@ void TrackDirection(const std::vector<CameraFrame>& frames, const cv::Mat& backg
       // the ball stands in front of it: its outline would become part of it.
       if (score < kUpdateScore && part.size() == templ.size() &&
           Clip(halfWhole, size) == halfWhole) {
-        templ = GradientPatch(half, halfWhole);
+        templ = HalfGradientPatch(frame.grey, halfWhole);
         offset = position - cv::Point2d(whole.tl());
         ++track.templateUpdates;
       }
@@ -274,13 +273,13 @@ void TrackHead(const std::vector<CameraFrame>& frames, const cv::Mat& background
   if (start < 0 || start >= static_cast<int>(list.size())) return;
 
   // The first template: the head's box with a margin, at half resolution.
-  const cv::Mat half = Half(frames[list[start]].grey);
+  const cv::Mat& grey = frames[list[start]].grey;
   const cv::Rect fullBox = Grow(blob.box, kTemplateMargin);
   const cv::Rect box = Clip(cv::Rect(fullBox.x / 2, fullBox.y / 2, (fullBox.width + 1) / 2,
                                      (fullBox.height + 1) / 2),
-                            half.size());
+                            HalfSize(grey));
   if (box.width < 3 || box.height < 3) return;
-  const cv::Mat templ = GradientPatch(half, box);
+  const cv::Mat templ = HalfGradientPatch(grey, box);
   const cv::Point2d offset = blob.outline.centre - cv::Point2d(Doubled(box).tl());
 
   track.position[start] = blob.outline.centre;
