@@ -162,7 +162,7 @@ bool Same(const cv::Mat& a, const cv::Mat& b) {
   return a.size() == b.size() && a.type() == b.type() && cv::norm(a, b, cv::NORM_INF) == 0.0;
 }
 
-// Chamfer distances and component boxes worked out on the set pixels' box,
+// Distances and component boxes worked out on the set pixels' box,
 // change masks closed and filled on it, and half-resolution gradients of a
 // part: each the same as the whole-image calls, on blob masks and on the
 // change masks of the rendered swings.
@@ -174,11 +174,13 @@ TEST(HeadTrackerImages, BoxedFormsEqualTheWholeImageCalls) {
   for (size_t i = 0; i < masks.size(); ++i) {
     SCOPED_TRACE(i);
     const cv::Mat& mask = masks[i];
-    cv::Rect active;
-    cv::Mat chamfer;
-    cv::distanceTransform(mask, chamfer, cv::DIST_L2, cv::DIST_MASK_5);
-    EXPECT_TRUE(Same(d::ChamferDistances(mask, active), chamfer));
-    EXPECT_EQ(active.empty(), cv::countNonZero(mask) == 0);
+    for (const int maskSize : {cv::DIST_MASK_5, cv::DIST_MASK_PRECISE}) {
+      cv::Rect active;
+      cv::Mat distance;
+      cv::distanceTransform(mask, distance, cv::DIST_L2, maskSize);
+      EXPECT_TRUE(Same(d::BoxedDistances(mask, maskSize, active), distance)) << maskSize;
+      EXPECT_EQ(active.empty(), cv::countNonZero(mask) == 0);
+    }
 
     cv::Mat labels;
     cv::Mat stats;
@@ -233,6 +235,30 @@ TEST(HeadTrackerImages, BoxedFormsEqualTheWholeImageCalls) {
       const cv::Rect patch = d::Clip(d::Grow(part, -1), half.size());
       if (patch.width < 1 || patch.height < 1) continue;
       EXPECT_TRUE(Same(d::HalfGradientPatch(grey, patch), d::GradientPatch(half, patch))) << patch;
+    }
+  }
+  // The background: the per-pixel median of up to nine frames spread over the
+  // sequence, against cv::min and cv::max on whole images, for every count of
+  // frames it takes (3, 5, 7 and 9) and widths around the vector widths.
+  for (const cv::Size size : {cv::Size(5, 3), cv::Size(37, 4), cv::Size(71, 6)}) {
+    for (int n = 3; n <= 12; ++n) {
+      std::vector<headtrack::CameraFrame> frames(n);
+      for (headtrack::CameraFrame& frame : frames) {
+        frame.grey.create(size, CV_8U);
+        rng.fill(frame.grey, cv::RNG::UNIFORM, 0, 256);
+      }
+      const int m = std::min(9, n % 2 == 1 ? n : n - 1);
+      std::vector<cv::Mat> sorted;
+      for (int i = 0; i < m; ++i) sorted.push_back(frames[std::lround(i * (n - 1.0) / (m - 1))].grey.clone());
+      for (int round = 0; round < m; ++round) {
+        for (int i = round % 2; i + 1 < m; i += 2) {
+          cv::Mat low;
+          cv::min(sorted[i], sorted[i + 1], low);
+          cv::max(sorted[i], sorted[i + 1], sorted[i + 1]);
+          sorted[i] = low;
+        }
+      }
+      EXPECT_TRUE(Same(headtrack::MakeBackground(frames), sorted[m / 2])) << size << " " << n;
     }
   }
   // Rounded distances, exact halves and their neighbours included.

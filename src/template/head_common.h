@@ -137,17 +137,19 @@ inline cv::Mat OpenByDisc(const cv::Mat& mask, const cv::Mat& distance, double r
   return body;
 }
 
-// cv::distanceTransform(mask, DIST_L2, DIST_MASK_5), worked out around the set
-// pixels only (in `active`, empty when there are none; zero elsewhere). With
-// two pixels of background around them, or the frame's edge, every step of the
-// 5 x 5 chamfer that leaves the box lands on background first.
-inline cv::Mat ChamferDistances(const cv::Mat& mask, cv::Rect& active) {
+// cv::distanceTransform(mask, DIST_L2, maskSize) for DIST_MASK_5 and
+// DIST_MASK_PRECISE, worked out around the set pixels only (in `active`, empty
+// when there are none; zero elsewhere). Around the set pixels' box lie two
+// pixels of background, or the frame's edge: every step of the 5 x 5 chamfer
+// that leaves the box lands on background first, and the nearest background
+// pixel outside the box is never nearer than its projection onto that ring.
+inline cv::Mat BoxedDistances(const cv::Mat& mask, int maskSize, cv::Rect& active) {
   cv::Mat distance(mask.size(), CV_32F, cv::Scalar(0));
   const cv::Rect set = MaskBounds(mask);
   active = set.empty() ? cv::Rect() : Clip(Grow(set, 2), mask.size());
   if (active.empty()) return distance;
   cv::Mat part = distance(active);
-  cv::distanceTransform(mask(active), part, cv::DIST_L2, cv::DIST_MASK_5);
+  cv::distanceTransform(mask(active), part, cv::DIST_L2, maskSize);
   return distance;
 }
 

@@ -58,8 +58,8 @@ bool MeasureSilhouette(const CameraFrame& frame, const cv::Mat& background,
   if (r.width < 3 || r.height < 3 || background.size() != frame.grey.size()) return false;
 
   const cv::Mat filled = ChangedMask(frame.grey(r), background(r), kFullClosing);
-  cv::Mat distance;
-  cv::distanceTransform(filled, distance, cv::DIST_L2, cv::DIST_MASK_PRECISE);
+  cv::Rect active;
+  const cv::Mat distance = BoxedDistances(filled, cv::DIST_MASK_PRECISE, active);
   const cv::Mat body = OpenByDisc(filled, distance, std::max(1.5, kOpeningFraction * thickness));
   std::vector<std::vector<cv::Point>> contours;
   cv::findContours(body, contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_NONE);
@@ -150,7 +150,7 @@ bool LocateHead(const CameraFrame& frame, const cv::Mat& background,
 
   // The head is the thickest part of the moving club.
   cv::Rect active;
-  const cv::Mat distance = ChamferDistances(moving, active);
+  const cv::Mat distance = BoxedDistances(moving, cv::DIST_MASK_5, active);
   if (active.empty()) return false;
   double thickness = 0.0;
   cv::Point deepest;
