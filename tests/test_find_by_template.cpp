@@ -14,6 +14,7 @@
 #include "support/change_masks.h"
 #include "support/log_capture.h"
 #include "synth/swing.h"
+#include "template/distance_map.h"
 #include "template/head_common.h"
 #include "template/head_tracker.h"
 #include "template/template_matching.h"
@@ -180,6 +181,15 @@ TEST(HeadTrackerImages, BoxedFormsEqualTheWholeImageCalls) {
       cv::distanceTransform(mask, distance, cv::DIST_L2, maskSize);
       EXPECT_TRUE(Same(d::BoxedDistances(mask, maskSize, active), distance)) << maskSize;
       EXPECT_EQ(active.empty(), cv::countNonZero(mask) == 0);
+    }
+    // Whole masks too (columns without background included), and their
+    // inverses (background only at the set pixels, as for the head's core).
+    for (const cv::Mat& m : {mask, cv::Mat(mask == 0)}) {
+      cv::Mat precise;
+      cv::Mat exact;
+      cv::distanceTransform(m, precise, cv::DIST_L2, cv::DIST_MASK_PRECISE);
+      d::PreciseDistances(m, exact);
+      EXPECT_TRUE(Same(exact, precise));
     }
 
     cv::Mat labels;

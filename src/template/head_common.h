@@ -9,6 +9,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "analysis/binary_morphology.h"
+#include "template/distance_map.h"
 #include "template/template_matching.h"
 
 namespace headtrack::detail {
@@ -132,7 +133,7 @@ inline cv::Mat OpenByDisc(const cv::Mat& mask, const cv::Mat& distance, double r
       Clip(Grow(deep, static_cast<int>(std::ceil(radius)) + 1), mask.size());
   const cv::Mat outsideCore = distance(around) <= radius;
   cv::Mat toCore;
-  cv::distanceTransform(outsideCore, toCore, cv::DIST_L2, cv::DIST_MASK_PRECISE);
+  PreciseDistances(outsideCore, toCore);
   body(around) = (toCore <= radius) & mask(around);
   return body;
 }
@@ -149,7 +150,11 @@ inline cv::Mat BoxedDistances(const cv::Mat& mask, int maskSize, cv::Rect& activ
   active = set.empty() ? cv::Rect() : Clip(Grow(set, 2), mask.size());
   if (active.empty()) return distance;
   cv::Mat part = distance(active);
-  cv::distanceTransform(mask(active), part, cv::DIST_L2, maskSize);
+  if (maskSize == cv::DIST_MASK_PRECISE) {
+    PreciseDistances(mask(active), part);
+  } else {
+    cv::distanceTransform(mask(active), part, cv::DIST_L2, maskSize);
+  }
   return distance;
 }
 
