@@ -297,6 +297,21 @@ void PlaneStep(PlaneOp op, const uint64_t* src, uint64_t* dst, size_t n, int d, 
 
 }  // namespace
 
+namespace {
+
+// A row's few words, copied or filled in place: as library calls, one or
+// three per row, the calls would cost more than the words (the file is built
+// without turning such loops back into calls).
+inline void CopyWords(uint64_t* __restrict dst, const uint64_t* __restrict src, int n) {
+  for (int i = 0; i < n; ++i) dst[i] = src[i];
+}
+
+inline void FillWords(uint64_t* dst, int n, uint64_t value) {
+  for (int i = 0; i < n; ++i) dst[i] = value;
+}
+
+}  // namespace
+
 void BitMask::Morph(const Kernel& kernel, bool erode) {
   const uint64_t identity = erode ? kOnes : 0;
   const int reach = kernel.size / 2;
@@ -330,10 +345,9 @@ void BitMask::Morph(const Kernel& kernel, bool erode) {
   FixPadding(bits_.data(), erode);
   for (int y = 0; y < rows_; ++y) {
     uint64_t* row = buffer(0) + static_cast<size_t>(y) * stride;
-    std::fill(row, row + margin, identity);
-    std::memcpy(row + margin, bits_.data() + static_cast<size_t>(y) * words_,
-                static_cast<size_t>(words_) * sizeof(uint64_t));
-    std::fill(row + margin + words_, row + stride, identity);
+    FillWords(row, margin, identity);
+    CopyWords(row + margin, bits_.data() + static_cast<size_t>(y) * words_, words_);
+    FillWords(row + margin + words_, stride - margin - words_, identity);
   }
   runPlane_.assign(static_cast<size_t>(runs), 0);
   std::vector<int>& free = freeBuffers_;
@@ -376,8 +390,7 @@ void BitMask::Morph(const Kernel& kernel, bool erode) {
     column_.resize(static_cast<size_t>(total + kernel.size) * words_);
     std::fill(column_.begin(), column_.end(), identity);
     for (int y = 0; y < rows_; ++y) {
-      std::memcpy(column_.data() + static_cast<size_t>(y + reach) * words_, runRow(0, y),
-                  static_cast<size_t>(words_) * sizeof(uint64_t));
+      CopyWords(column_.data() + static_cast<size_t>(y + reach) * words_, runRow(0, y), words_);
     }
     int length = 1;
     while (length < kernel.size) {
@@ -404,9 +417,8 @@ void BitMask::Morph(const Kernel& kernel, bool erode) {
                 static_cast<size_t>(end - first) * stride, 0, erode);
     }
     for (int y = 0; y < rows_; ++y) {
-      std::memcpy(bits_.data() + static_cast<size_t>(y) * words_,
-                  vertical_.data() + static_cast<size_t>(y) * stride + margin,
-                  static_cast<size_t>(words_) * sizeof(uint64_t));
+      CopyWords(bits_.data() + static_cast<size_t>(y) * words_,
+                vertical_.data() + static_cast<size_t>(y) * stride + margin, words_);
     }
   }
   FixPadding(bits_.data(), false);
