@@ -66,7 +66,9 @@ TEST(HorizontalBound, DropsLinesWithin22Point5DegreesOfHorizontal) {
       if (std::fabs(line[1] - degrees * kDegree) < 0.5 * kDegree) drawnLineKept = true;
     }
     EXPECT_EQ(drawnLineKept, kept);
-    if (!kept) EXPECT_TRUE(candidate.lines.empty());
+    if (!kept) {
+      EXPECT_TRUE(candidate.lines.empty());
+    }
   }
 }
 

@@ -90,7 +90,8 @@ void HoughVotes::Clear() {
   votes_.clear();
 }
 
-void HoughVotes::Vote(const cv::Mat& edges, cv::Point offset, cv::Size frame) {
+void HoughVotes::Vote(const cv::Mat& edges, cv::Point offset, cv::Size frame, int skipFirst,
+                      int skipLast) {
   Clear();
   CV_Assert(edges.type() == CV_8UC1);
   numrho_ = cvRound(static_cast<float>(2 * (frame.width + frame.height) + 1) / 1.0f);
@@ -111,11 +112,13 @@ void HoughVotes::Vote(const cv::Mat& edges, cv::Point offset, cv::Size frame) {
   int rowLow[kAngles], rowHigh[kAngles];
   std::fill(rowLow, rowLow + kAngles, stride);
   std::fill(rowHigh, rowHigh + kAngles, -1);
+  const auto skipped = [&](int n) { return n >= skipFirst && n <= skipLast; };
   for (const cv::Point corner : {offset, offset + cv::Point(edges.cols - 1, 0),
                                  offset + cv::Point(0, edges.rows - 1),
                                  offset + cv::Point(edges.cols - 1, edges.rows - 1)}) {
     const float x = static_cast<float>(corner.x), y = static_cast<float>(corner.y);
     for (int n = 0; n < kAngles; ++n) {
+      if (skipped(n)) continue;
       const int r = cvRound(x * trig.cos[n] + y * trig.sin[n]) + shift;
       rowLow[n] = std::min(rowLow[n], r);
       rowHigh[n] = std::max(rowHigh[n], r);
@@ -142,6 +145,7 @@ void HoughVotes::Vote(const cv::Mat& edges, cv::Point offset, cv::Size frame) {
   xs.resize((count + 3) & ~size_t{3}, 0.0f);  // whole groups of four; the extra ones do not vote
   ys.resize(xs.size(), 0.0f);
   for (int n = 0; n < kAngles; ++n) {
+    if (skipped(n)) continue;
     int* cell = a + (n + 1) * stride + 1 + shift;
 #if defined(__SSE2__)
     // Four points at a time: single-precision products and sum, rounded to
@@ -180,6 +184,7 @@ void HoughVotes::Vote(const cv::Mat& edges, cv::Point offset, cv::Size frame) {
   };
   const bool wide = Avx2();
   for (int n = 0; n < kAngles; ++n) {
+    if (skipped(n)) continue;
     const int row = (n + 1) * stride + 1;
     int r = rowLow[n];
     const int last = rowHigh[n];
@@ -216,6 +221,7 @@ void HoughVotes::Vote(const cv::Mat& edges, cv::Point offset, cv::Size frame) {
 
   // Back to zero for the next frame: an angle's votes lie within its rho range.
   for (int n = 0; n < kAngles; ++n) {
+    if (skipped(n)) continue;
     int* row = a + (n + 1) * stride + 1;
     std::fill(row + rowLow[n], row + rowHigh[n] + 1, 0);
   }

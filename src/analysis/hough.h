@@ -15,7 +15,12 @@ class HoughVotes {
  public:
   // Votes with the nonzero pixels of `edges` (CV_8UC1), which is the part of a
   // frame of size `frame` starting at `offset`; the frame is zero elsewhere.
-  void Vote(const cv::Mat& edges, cv::Point offset, cv::Size frame);
+  // The angle rows `skipFirst` .. `skipLast` (degrees) get no votes: for a
+  // caller that drops every line of rows skipFirst - 1 .. skipLast + 1, the
+  // lines of the other rows and their order stay those of the whole vote (a
+  // row's maxima test reads only its two neighbouring rows).
+  void Vote(const cv::Mat& edges, cv::Point offset, cv::Size frame, int skipFirst = 0,
+            int skipLast = -1);
   void Clear();
   void Lines(int threshold, std::vector<cv::Vec2f>& lines) const;
 

@@ -1,6 +1,7 @@
 // Shaft-line candidates of one frame: morphology, Canny edges and the
 // standard Hough transform on the candidate mask.
 #include <cmath>
+#include <utility>
 
 #include <opencv2/imgproc.hpp>
 
@@ -102,6 +103,21 @@ cv::Rect ComputeShaftEdgeBox(const cv::Mat& mask, cv::Mat& edges) {
   return box;
 }
 
+// The angle rows (degrees) of near-horizontal lines, which AppendLines drops,
+// without the first and the last: rows no kept line's maxima test reads.
+std::pair<int, int> UnreadNearHorizontalRows() {
+  const float step = static_cast<float>(CV_PI / 180.0);
+  int first = -1, last = -2;
+  for (int n = 0; n < 180; ++n) {
+    const float theta = 0.0f + static_cast<float>(n) * step;  // as the lines give it
+    if (std::fabs(static_cast<double>(theta) - kHalfPi) < kNearHorizontal) {
+      if (first < 0) first = n;
+      last = n;
+    }
+  }
+  return {first + 1, last - 1};
+}
+
 void ComputeShaftVotes(const cv::Mat& mask, HoughVotes& votes) {
   thread_local cv::Mat edges;
   const cv::Rect box = ComputeShaftEdgeBox(mask, edges);
@@ -109,7 +125,8 @@ void ComputeShaftVotes(const cv::Mat& mask, HoughVotes& votes) {
     votes.Clear();
     return;
   }
-  votes.Vote(edges, box.tl(), mask.size());
+  static const std::pair<int, int> unread = UnreadNearHorizontalRows();
+  votes.Vote(edges, box.tl(), mask.size(), unread.first, unread.second);
 }
 
 int ExtractCandidatesFromEdges(CandidateAreaImage* candidate, const cv::Mat& edges,
