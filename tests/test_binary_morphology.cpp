@@ -89,7 +89,7 @@ TEST(BinaryMorphology, SameAsMorphologyExOnRandomMasks) {
   EXPECT_FALSE(bits.Pack(cv::Mat(4, 4, CV_8UC1, cv::Scalar(1))));
   EXPECT_FALSE(bits.Pack(cv::Mat(8, 8, CV_8UC1, cv::Scalar(255))(cv::Rect(1, 1, 4, 4))));
   EXPECT_FALSE(bits.Pack(cv::Mat()));
-  for (const int column : {0, 17, 70, 639}) {  // one stray byte, wherever it falls in a word
+  for (const int column : {0, 17, 40, 70, 100, 639}) {  // one stray byte, wherever it falls in a word
     cv::Mat wide(3, 640, CV_8UC1, cv::Scalar(255));
     wide.at<uchar>(1, column) = 128;
     EXPECT_FALSE(bits.Pack(wide)) << column;

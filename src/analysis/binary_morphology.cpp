@@ -3,6 +3,9 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
 
 #include <algorithm>
 #include <array>
@@ -53,6 +56,32 @@ class RowBox {
   int xmin_, xmax_ = -1, ymin_ = -1, ymax_ = -1;
 };
 
+#if defined(__x86_64__)
+// The row's whole 64-pixel words, 32 pixels at a time: the number of words
+// packed, or -1 at a byte other than 0 or 255.
+__attribute__((target("avx2"))) int PackWordsAvx2(const uchar* p, int cols, uint64_t* out) {
+  const __m256i zero = _mm256_setzero_si256();
+  const __m256i ones = _mm256_set1_epi8(-1);
+  int w = 0;
+  for (; 64 * (w + 1) <= cols; ++w) {
+    uint64_t word = 0;
+    for (int half = 0; half < 2; ++half) {
+      const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + 64 * w + 32 * half));
+      const __m256i valid = _mm256_or_si256(_mm256_cmpeq_epi8(v, zero), _mm256_cmpeq_epi8(v, ones));
+      if (_mm256_movemask_epi8(valid) != -1) return -1;
+      word |= static_cast<uint64_t>(static_cast<uint32_t>(_mm256_movemask_epi8(v))) << (32 * half);
+    }
+    out[w] = word;
+  }
+  return w;
+}
+
+bool PackAvx2() {
+  static const bool supported = __builtin_cpu_supports("avx2") != 0;
+  return supported;
+}
+#endif
+
 }  // namespace
 
 bool BitMask::Pack(const cv::Mat& mask) {
@@ -69,8 +98,15 @@ bool BitMask::Pack(const cv::Mat& mask) {
   for (int y = 0; y < rows_; ++y) {
     const uchar* p = mask.ptr<uchar>(y);
     uint64_t* out = bits_.data() + static_cast<size_t>(y) * words_;
-    int x = 0;
-    for (int w = 0; w < words_; ++w) {
+    int first = 0;
+#if defined(__x86_64__)
+    if (PackAvx2()) {
+      first = PackWordsAvx2(p, cols_, out);
+      if (first < 0) return false;
+    }
+#endif
+    int x = 64 * first;
+    for (int w = first; w < words_; ++w) {
       uint64_t word = 0;
       const int end = std::min(cols_, x + 64);
       int bit = 0;
