@@ -57,11 +57,34 @@ struct DirectionTable {
 struct CannyRows {
   std::vector<uint8_t> padded[3];  // source rows as 0/1 with a replicated pixel each side
   int source[3] = {-1, -1, -1};    // which row each holds
+  int first[3] = {0, 0, 0};        // its first and last set pixel (first > last: none)
+  int last[3] = {-1, -1, -1};
   std::vector<int8_t> dx[3], dy[3];
   std::vector<uint8_t> mag[3];  // with a zero on each side
 };
 
-const uint8_t* PaddedRow(const cv::Mat& src, int y, CannyRows& rows) {
+// The first and last nonzero byte of p[0 .. n), eight at a time; first > last
+// when there is none.
+void SetRange(const uint8_t* p, int n, int& first, int& last) {
+  first = 0;
+  while (first + 8 <= n) {
+    uint64_t word;
+    std::memcpy(&word, p + first, 8);
+    if (word != 0) break;
+    first += 8;
+  }
+  while (first < n && p[first] == 0) ++first;
+  last = n - 1;
+  while (last - 7 > first) {
+    uint64_t word;
+    std::memcpy(&word, p + last - 7, 8);
+    if (word != 0) break;
+    last -= 8;
+  }
+  while (last >= first && p[last] == 0) --last;
+}
+
+const uint8_t* PaddedRow(const cv::Mat& src, int y, CannyRows& rows, int& first, int& last) {
   const int slot = y % 3;
   std::vector<uint8_t>& row = rows.padded[slot];
   if (rows.source[slot] != y) {
@@ -71,7 +94,10 @@ const uint8_t* PaddedRow(const cv::Mat& src, int y, CannyRows& rows) {
     row[0] = row[1];
     row[static_cast<size_t>(cols) + 1] = row[static_cast<size_t>(cols)];
     rows.source[slot] = y;
+    SetRange(row.data() + 1, cols, rows.first[slot], rows.last[slot]);
   }
+  first = rows.first[slot];
+  last = rows.last[slot];
   return row.data();
 }
 
@@ -91,13 +117,33 @@ void Gradients(const uint8_t* __restrict a, const uint8_t* __restrict b,
   }
 }
 
-// Sobel components and squared magnitude of row y, in 0/1 units.
-void GradientRow(const cv::Mat& src, int y, CannyRows& rows, int slot) {
-  const uint8_t* a = PaddedRow(src, std::max(y - 1, 0), rows);
-  const uint8_t* b = PaddedRow(src, y, rows);
-  const uint8_t* c = PaddedRow(src, std::min(y + 1, src.rows - 1), rows);
-  Gradients(a, b, c, src.cols, rows.dx[slot].data(), rows.dy[slot].data(),
-            rows.mag[slot].data() + 1);
+// Sobel components and squared magnitude of row y, in 0/1 units, between
+// `lo` and `hi` (set here): outside them the three rows it reads are zero, and
+// so is the magnitude (the components there are not set).
+void GradientRow(const cv::Mat& src, int y, CannyRows& rows, int slot, int& lo, int& hi) {
+  int f[3], l[3];
+  const uint8_t* a = PaddedRow(src, std::max(y - 1, 0), rows, f[0], l[0]);
+  const uint8_t* b = PaddedRow(src, y, rows, f[1], l[1]);
+  const uint8_t* c = PaddedRow(src, std::min(y + 1, src.rows - 1), rows, f[2], l[2]);
+  const int cols = src.cols;
+  lo = cols;
+  hi = -1;
+  for (int k = 0; k < 3; ++k) {
+    if (f[k] > l[k]) continue;
+    lo = std::min(lo, f[k] - 1);
+    hi = std::max(hi, l[k] + 1);
+  }
+  lo = std::max(lo, 0);
+  hi = std::min(hi, cols - 1);
+  uint8_t* mag = rows.mag[slot].data() + 1;
+  if (lo > hi) {
+    std::memset(mag, 0, static_cast<size_t>(cols));
+    return;
+  }
+  std::memset(mag, 0, static_cast<size_t>(lo));
+  Gradients(a + lo, b + lo, c + lo, hi - lo + 1, rows.dx[slot].data() + lo,
+            rows.dy[slot].data() + lo, mag + lo);
+  std::memset(mag + hi + 1, 0, static_cast<size_t>(cols - 1 - hi));
 }
 
 }  // namespace
@@ -119,10 +165,11 @@ void BinaryCanny(const cv::Mat& src, cv::Mat& edges) {
   // magnitude is zero.
   int prev = 0, cur = 1, next = 2;
   std::fill(rows.mag[prev].begin(), rows.mag[prev].end(), uint8_t{0});
-  GradientRow(src, 0, rows, cur);
+  int lo = 0, hi = -1, nextLo = 0, nextHi = -1;  // where each row's magnitude can be nonzero
+  GradientRow(src, 0, rows, cur, lo, hi);
   for (int y = 0; y < src.rows; ++y) {
     if (y + 1 < src.rows) {
-      GradientRow(src, y + 1, rows, next);
+      GradientRow(src, y + 1, rows, next, nextLo, nextHi);
     } else {
       std::fill(rows.mag[next].begin(), rows.mag[next].end(), uint8_t{0});
     }
@@ -133,7 +180,7 @@ void BinaryCanny(const cv::Mat& src, cv::Mat& edges) {
     const int8_t* dy = rows.dy[cur].data();
     uint8_t* out = edges.ptr<uint8_t>(y);
     std::fill(out, out + cols, uint8_t{0});
-    for (int x = 0; x < cols; ++x) {
+    for (int x = lo; x <= hi; ++x) {
       if (x + 8 <= cols) {  // eight pixels without a gradient at once
         uint64_t eight;
         std::memcpy(&eight, here + x, 8);
@@ -165,5 +212,7 @@ void BinaryCanny(const cv::Mat& src, cv::Mat& edges) {
     prev = cur;
     cur = next;
     next = freed;
+    lo = nextLo;
+    hi = nextHi;
   }
 }
