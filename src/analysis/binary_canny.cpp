@@ -88,9 +88,12 @@ const uint8_t* PaddedRow(const cv::Mat& src, int y, CannyRows& rows, int& first,
   const int slot = y % 3;
   std::vector<uint8_t>& row = rows.padded[slot];
   if (rows.source[slot] != y) {
-    const uint8_t* p = src.ptr<uint8_t>(y);
+    // Raw pointers: bytes written through the vector could alias its own
+    // pointer and keep the loop from being vectorised.
+    const uint8_t* __restrict p = src.ptr<uint8_t>(y);
+    uint8_t* __restrict out = row.data() + 1;
     const int cols = src.cols;
-    for (int x = 0; x < cols; ++x) row[static_cast<size_t>(x) + 1] = p[x] & 1;
+    for (int x = 0; x < cols; ++x) out[x] = p[x] & 1;
     row[0] = row[1];
     row[static_cast<size_t>(cols) + 1] = row[static_cast<size_t>(cols)];
     rows.source[slot] = y;
