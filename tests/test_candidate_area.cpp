@@ -331,6 +331,38 @@ TEST(Preprocessing, GreyMedianAndMetadataForEveryChannelCount) {
   }
 }
 
+// The 3 x 3 median against cv::medianBlur: sizes from one pixel to widths
+// around the vector widths, full-range and two-valued pixels (ties), views
+// into a larger frame, in place, and colour (left to the library).
+TEST(Preprocessing, MedianBlur3IsTheLibrarysMedian) {
+  cv::RNG rng(3);
+  for (int k = 0; k < 60; ++k) {
+    const cv::Size size = k < 8 ? cv::Size(1 + k % 3, 1 + k / 3) : cv::Size(rng.uniform(1, 80), rng.uniform(1, 12));
+    cv::Mat image(size, CV_8UC1);
+    rng.fill(image, cv::RNG::UNIFORM, 0, k % 2 == 0 ? 256 : 2);
+    if (k % 2 == 1) image *= 255;
+    cv::Mat expected, fast;
+    cv::medianBlur(image, expected, 3);
+    MedianBlur3(image, fast);
+    EXPECT_EQ(cv::norm(fast, expected, cv::NORM_INF), 0.0) << size;
+    if (size.width > 2 && size.height > 2) {
+      const cv::Rect part(1, 1, size.width - 2, size.height - 2);
+      cv::medianBlur(image(part), expected, 3);
+      MedianBlur3(image(part), fast);
+      EXPECT_EQ(cv::norm(fast, expected, cv::NORM_INF), 0.0) << "view of " << size;
+    }
+    cv::medianBlur(image, expected, 3);
+    MedianBlur3(image, image);
+    EXPECT_EQ(cv::norm(image, expected, cv::NORM_INF), 0.0) << "in place, " << size;
+  }
+  cv::Mat colour(9, 40, CV_8UC3);
+  rng.fill(colour, cv::RNG::UNIFORM, 0, 256);
+  cv::Mat expected, fast;
+  cv::medianBlur(colour, expected, 3);
+  MedianBlur3(colour, fast);
+  EXPECT_EQ(cv::norm(fast, expected, cv::NORM_INF), 0.0);
+}
+
 TEST(PreprocessingRefusals, BadFramesLeaveTheRecordUntouched) {
   ClubTracker tracker;
   Frame frame(16, 16, 1);

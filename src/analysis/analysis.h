@@ -33,6 +33,10 @@ cv::Rect ComputeShaftEdgeBox(const cv::Mat& mask, cv::Mat& edges);
 // 255 (the shaft-line settings), without its general hysteresis.
 void BinaryCanny(const cv::Mat& src, cv::Mat& edges);
 
+// cv::medianBlur(src, dst, 3), to the bit; CV_8UC1 frames by sorted columns a
+// row at a time, others through the library. dst may be src.
+void MedianBlur3(const cv::Mat& src, cv::Mat& dst);
+
 // The Hough votes of ComputeShaftEdges' edge map, made once per frame.
 void ComputeShaftVotes(const cv::Mat& mask, HoughVotes& votes);
 

@@ -20,15 +20,15 @@ int ClubTracker::Preprocessing(ClubImage* source, PreprocessedImage* target) {
     const cv::Mat frame(static_cast<int>(source->height), static_cast<int>(source->width),
                         CV_8UC(channels), source->pixels);
     if (channels == 1) {
-      cv::medianBlur(frame, target->image, 3);
+      MedianBlur3(frame, target->image);
     } else {
       thread_local cv::Mat grey;
       cv::cvtColor(frame, grey, cv::COLOR_BGR2GRAY);
-      cv::medianBlur(grey, target->image, 3);
+      MedianBlur3(grey, target->image);
     }
   } else {
     if (ConvertClubImage(source, &copy, target->image) == 0) return 0;
-    cv::medianBlur(target->image, target->image, 3);
+    MedianBlur3(target->image, target->image);
   }
   CopyMetadata(*target, *source);
   return 1;
