@@ -86,12 +86,14 @@ void PreciseDistances(const cv::Mat& mask, cv::Mat& distance) {
   // the nearer of that and the one above (top-down); rows or more means none.
   s.run.assign(cols, rows);
   s.below.resize(static_cast<size_t>(rows) * cols);
+  int* __restrict run = s.run.data();
   for (int y = rows - 1; y >= 0; --y) {
-    const uchar* m = mask.ptr<uchar>(y);
-    int* b = s.below.data() + static_cast<size_t>(y) * cols;
+    const uchar* __restrict m = mask.ptr<uchar>(y);
+    int* __restrict b = s.below.data() + static_cast<size_t>(y) * cols;
     for (int x = 0; x < cols; ++x) {
-      s.run[x] = m[x] == 0 ? 0 : std::min(s.run[x] + 1, rows);
-      b[x] = s.run[x];
+      const int next = std::min(run[x] + 1, rows);
+      run[x] = m[x] == 0 ? 0 : next;
+      b[x] = run[x];
     }
   }
   s.square.resize(std::max(rows, cols));
@@ -100,11 +102,14 @@ void PreciseDistances(const cv::Mat& mask, cv::Mat& distance) {
   }
   std::fill(s.run.begin(), s.run.end(), rows);
   for (int y = 0; y < rows; ++y) {
-    const int* b = s.below.data() + static_cast<size_t>(y) * cols;
-    float* d = distance.ptr<float>(y);
+    const int* __restrict b = s.below.data() + static_cast<size_t>(y) * cols;
+    float* __restrict d = distance.ptr<float>(y);
     for (int x = 0; x < cols; ++x) {
-      s.run[x] = std::min(s.run[x] + 1, b[x]);
-      d[x] = s.run[x] < rows ? s.square[s.run[x]] : kInfinite;
+      const int r = std::min(run[x] + 1, b[x]);
+      run[x] = r;
+      // The square as the table holds it: i * i in single precision.
+      const float square = static_cast<float>(r * r);
+      d[x] = r < rows ? square : kInfinite;
     }
   }
   s.inverse.resize(cols);
