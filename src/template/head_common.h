@@ -127,7 +127,7 @@ inline cv::Mat HalfPart(const cv::Mat& image, const cv::Rect& part) {
 inline cv::Mat OpenByDisc(const cv::Mat& mask, const cv::Mat& distance, double radius) {
   cv::Mat body = cv::Mat::zeros(mask.size(), CV_8U);
   const cv::Mat core = distance > radius;
-  const cv::Rect deep = cv::boundingRect(core);
+  const cv::Rect deep = MaskBounds(core);
   if (deep.empty()) return body;
   const cv::Rect around =
       Clip(Grow(deep, static_cast<int>(std::ceil(radius)) + 1), mask.size());
