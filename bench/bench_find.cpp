@@ -58,9 +58,21 @@ Pipeline& PipelineOf(Scene scene) {
   return *pipeline;
 }
 
-// The literal versions of the stages Find made faster: the presence test
-// through cv::morphologyEx, cv::Canny and cv::HoughLines for every frame in
-// every pass, the literal spin-axis search.
+// The literal versions of the stages Find made faster: the frames' median
+// through cv::medianBlur, the presence test through cv::morphologyEx,
+// cv::Canny and cv::HoughLines for every frame in every pass, the literal
+// spin-axis search.
+int LiteralPreprocessing(ClubTracker& tracker, ClubImage* source, PreprocessedImage* target) {
+  if (Access::Preprocessing(tracker, source, target) == 0) return 0;  // the record, as Find makes it
+  if (source->channels == 1 && (tracker.setting.roiWidth == 0 || tracker.setting.roiHeight == 0)) {
+    // The median of a whole grey frame once more, through cv::medianBlur.
+    const cv::Mat frame(static_cast<int>(source->height), static_cast<int>(source->width), CV_8UC1,
+                        source->pixels);
+    cv::medianBlur(frame, target->image, 3);
+  }
+  return 1;
+}
+
 int LiteralLines(ClubTracker&, CandidateAreaImage* area, int voteThreshold) {
   cv::Mat work, edges;
   MorphologyChainLiteral(area->image, work,
@@ -81,6 +93,7 @@ int LiteralSpinAxis(ClubTracker& tracker, const std::vector<CandidateAreaImage*>
 void LiteralFind(ClubTracker& tracker, const std::vector<ClubImage*> (&frames)[2],
                  ClubTrackerResult& result) {
   SwingStages stages = StagesOf<Access>();
+  stages.preprocessing = &LiteralPreprocessing;
   stages.presence = &LiteralPresence;
   stages.extractLines = &LiteralLines;
   stages.findClubSpinAxis = &LiteralSpinAxis;
