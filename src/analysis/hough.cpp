@@ -72,9 +72,27 @@ __attribute__((target("avx2"))) int ScanMaximaAvx2(const int* v, int stride, int
   }
   return r;
 }
+// The votes of points k .. count - 1 (whole groups of eight, the last one
+// padded) in the accumulator row `cell` at the angle of (c, s): the same
+// single-precision products and sum as the four-point loop, rounded to nearest
+// even, eight points at a time.
+__attribute__((target("avx2"))) void VoteAvx2(const float* xs, const float* ys, size_t count,
+                                              float c, float s, int* cell) {
+  const __m256 vc = _mm256_set1_ps(c);
+  const __m256 vs = _mm256_set1_ps(s);
+  alignas(32) int rho[8];
+  for (size_t k = 0; k < count; k += 8) {
+    const __m256 sum = _mm256_add_ps(_mm256_mul_ps(_mm256_loadu_ps(xs + k), vc),
+                                     _mm256_mul_ps(_mm256_loadu_ps(ys + k), vs));
+    _mm256_store_si256(reinterpret_cast<__m256i*>(rho), _mm256_cvtps_epi32(sum));
+    const size_t n = count - k >= 8 ? 8 : count - k;
+    for (size_t g = 0; g < n; ++g) ++cell[rho[g]];
+  }
+}
 #else
 bool Avx2() { return false; }
 int ScanMaximaAvx2(const int*, int, int r, int, int, std::vector<int>&) { return r; }
+void VoteAvx2(const float*, const float*, size_t, float, float, int*) {}
 #endif
 
 Accumulator& ThreadAccumulator() {
@@ -142,11 +160,16 @@ void HoughVotes::Vote(const cv::Mat& edges, cv::Point offset, cv::Size frame, in
     }
   }
   const size_t count = xs.size();
-  xs.resize((count + 3) & ~size_t{3}, 0.0f);  // whole groups of four; the extra ones do not vote
+  xs.resize((count + 7) & ~size_t{7}, 0.0f);  // whole groups of eight; the extra ones do not vote
   ys.resize(xs.size(), 0.0f);
+  const bool wide = Avx2();
   for (int n = 0; n < kAngles; ++n) {
     if (skipped(n)) continue;
     int* cell = a + (n + 1) * stride + 1 + shift;
+    if (wide) {
+      VoteAvx2(xs.data(), ys.data(), count, trig.cos[n], trig.sin[n], cell);
+      continue;
+    }
 #if defined(__SSE2__)
     // Four points at a time: single-precision products and sum, rounded to
     // nearest even as cvRound does.
@@ -182,7 +205,6 @@ void HoughVotes::Vote(const cv::Mat& edges, cv::Point offset, cv::Size frame, in
       votes_.push_back(base);  // cell for now
     }
   };
-  const bool wide = Avx2();
   for (int n = 0; n < kAngles; ++n) {
     if (skipped(n)) continue;
     const int row = (n + 1) * stride + 1;
