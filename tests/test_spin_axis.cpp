@@ -8,10 +8,12 @@
 #include <cstring>
 #include <memory>
 #include <opencv2/core.hpp>
+#include <random>
 #include <string>
 #include <vector>
 
 #include "reconstruction/plane_cache.h"
+#include "reconstruction/ranking.h"
 #include "reconstruction/spin_axis.h"
 #include "support/access.h"
 #include "support/find_stages.h"
@@ -149,6 +151,32 @@ Areas RepeatedPair(int cam1First, int cam1Second, int cam2First, int cam2Second)
   return areas;
 }
 
+// The ranking is std::sort's order: distinct keys (radix path), shared keys
+// and NaN magnitudes (the library's own sort decides), huge inlier counts.
+TEST(SpinAxis, RankingIsTheLibrarysSort) {
+  std::mt19937 rng(7);
+  RankScratch scratch;
+  for (const int n : {0, 1, 2, 17, 3000}) {
+    for (int kind = 0; kind < 4; ++kind) {
+      SCOPED_TRACE(testing::Message() << n << " entries, kind " << kind);
+      std::vector<SortEntry> list;
+      for (int i = 0; i < n; ++i) {
+        const uint32_t inliers = kind == 3 ? static_cast<uint32_t>(rng()) : rng() % 12;
+        double magnitude = std::ldexp(static_cast<double>(rng()), -static_cast<int>(rng() % 40));
+        if (i == 1) magnitude = kind == 1 ? 0.0 : INFINITY;
+        if (kind == 1 && i % 7 == 3) magnitude = list[i / 2].magnitude;  // shared keys
+        if (kind == 2 && i == n / 2) magnitude = NAN;
+        list.push_back(SortEntry{inliers, i, i, magnitude});
+      }
+      std::vector<SortEntry> expected = list;
+      std::sort(expected.begin(), expected.end(), RanksBefore);
+      RankHypotheses(list, scratch);
+      ASSERT_EQ(list.size(), expected.size());
+      for (size_t i = 0; i < list.size(); ++i) ASSERT_EQ(list[i].position, expected[i].position);
+    }
+  }
+}
+
 // Pairs are evaluated in eight chunks of count / 8: the rest is dropped.
 TEST(SpinAxis, PairsEvaluatedInEightChunks) {
   for (const int pairs : {1, 7, 8, 9}) {
@@ -163,8 +191,11 @@ TEST(SpinAxis, PairsEvaluatedInEightChunks) {
     EXPECT_EQ(stats.evaluatedPairs, static_cast<uint64_t>(pairs / 8 * 8));
     EXPECT_LT(Distance(reference, DefaultTruth().ball), 1.0);
     EXPECT_EQ(stats.hypotheses, pairs < 8 ? 0u : 8u);
-    if (pairs < 8) EXPECT_EQ(axis.pivot[0], 0.0);
-    if (pairs >= 8) EXPECT_LT(Distance(axis.pivot, DefaultTruth().pivot), 1.0);
+    if (pairs < 8) {
+      EXPECT_EQ(axis.pivot[0], 0.0);
+    } else {
+      EXPECT_LT(Distance(axis.pivot, DefaultTruth().pivot), 1.0);
+    }
   }
 }
 
@@ -273,7 +304,9 @@ TEST(SpinAxis, InlierRules) {
       const double d1 = LiteralDistance(setting, 0, areas, t.frames[0].first.back(), h.pivot);
       const double d2 = LiteralDistance(setting, 1, areas, t.frames[0].second.back(), h.pivot);
       ASSERT_EQ(10.0 > d1 && 10.0 > d2, t.inlier) << d1 << " " << d2;
-      if (t.line1 == plus) ASSERT_EQ(LiteralDistance(setting, 0, areas, plus, h.pivot), d1);
+      if (t.line1 == plus) {
+        ASSERT_EQ(LiteralDistance(setting, 0, areas, plus, h.pivot), d1);
+      }
     }
     std::vector<ClubSpinAxis3D> axes{h};
     ClubTracker tracker(setting);

@@ -5,6 +5,7 @@
 
 #include <exception>
 #include <limits>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -56,53 +57,42 @@ struct CollectSpinAxisInliers {
   }
 };
 
-struct CountBody {
-  const InlierScanner& scanner;
-  const std::vector<PairHypothesis>& hypotheses;
-  uint32_t* counts;
-
-  void operator()(const tbb::blocked_range<int>& range) const {
-    InlierScanner::Scratch scratch;
-    for (int index = range.begin(); index != range.end(); ++index) {
-      const PairHypothesis& h = hypotheses[index];
-      scanner.Measure(h.pivot, scratch, true);
-      uint32_t count = 0;
-      for (int j = 0; j < scanner.FrameCount(); ++j) {
-        if (j == h.firstFrame || j == h.secondFrame || scanner.Touches(j, scratch)) {
-          ++count;
-        }
-      }
-      counts[index] = count;
-    }
-  }
-};
-
 }  // namespace
 
-void CountSpinAxisInliers(const InlierScanner& scanner,
-                          const std::vector<PairHypothesis>& hypotheses,
-                          std::vector<uint32_t>& counts) {
-  counts.assign(hypotheses.size(), 0);
+void HypothesisInliers::Collect(const InlierScanner& scanner,
+                                const std::vector<PairHypothesis>& hypotheses) {
+  where_.assign(hypotheses.size(), Where{nullptr, 0, 0});
   if (hypotheses.empty()) return;
-  const CountBody body{scanner, hypotheses, counts.data()};
-  tbb::parallel_for(tbb::blocked_range<int>(0, static_cast<int>(hypotheses.size()), 1), body);
-}
-
-void ListSpinAxisInliers(const InlierScanner& scanner, const PairHypothesis& h,
-                         InlierScanner::Scratch& scratch, std::vector<InlierLines>& inliers) {
-  inliers.clear();
-  scanner.Measure(h.pivot, scratch);
-  for (int j = 0; j < scanner.FrameCount(); ++j) {
-    int k1 = 0;
-    int k2 = 0;
-    if (j == h.firstFrame) {
-      inliers.push_back({j, h.firstCam1, h.firstCam2});
-    } else if (j == h.secondFrame) {
-      inliers.push_back({j, h.secondCam1, h.secondCam2});
-    } else if (scanner.Supports(j, scratch, k1, k2)) {
-      inliers.push_back({j, k1, k2});
-    }
+  if (hypotheses.size() > std::numeric_limits<int>::max()) {
+    throw std::length_error("too many hypotheses");
   }
+  tbb::parallel_for(
+      tbb::blocked_range<int>(0, static_cast<int>(hypotheses.size()), 1),
+      [&](const tbb::blocked_range<int>& range) {
+        thread_local InlierScanner::Scratch scratch;
+        std::vector<InlierLines>& pool = pools_.local();
+        for (int index = range.begin(); index != range.end(); ++index) {
+          const PairHypothesis& h = hypotheses[static_cast<size_t>(index)];
+          const size_t offset = pool.size();
+          if (offset > std::numeric_limits<uint32_t>::max()) {
+            throw std::length_error("too many inlier lines");
+          }
+          scanner.Measure(h.pivot, scratch);
+          for (int j = 0; j < scanner.FrameCount(); ++j) {
+            int k1 = 0;
+            int k2 = 0;
+            if (j == h.firstFrame) {
+              pool.push_back({j, h.firstCam1, h.firstCam2});
+            } else if (j == h.secondFrame) {
+              pool.push_back({j, h.secondCam1, h.secondCam2});
+            } else if (scanner.Supports(j, scratch, k1, k2)) {
+              pool.push_back({j, k1, k2});
+            }
+          }
+          where_[static_cast<size_t>(index)] = {&pool, static_cast<uint32_t>(offset),
+                                                static_cast<uint32_t>(pool.size() - offset)};
+        }
+      });
 }
 
 int ClubTracker::SelectSpinAxisInliers(const std::vector<CandidateAreaImage*>& cam1Areas,

@@ -1,6 +1,7 @@
 #include "reconstruction/plane_cache.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -180,20 +181,6 @@ void DistancesLibrary(const PlaneColumns& planes, int count, const double* x, do
   Distances<LibraryDot3>(planes, count, x, out, within);
 }
 
-// The nearest of `count` distances: the first of equal ones; the largest
-// double and index 0 when there is none.
-inline int Nearest(const double* distances, int count, double& best) {
-  best = std::numeric_limits<double>::max();
-  int index = 0;
-  for (int k = 0; k < count; ++k) {
-    if (distances[k] < best) {
-      best = distances[k];
-      index = k;
-    }
-  }
-  return index;
-}
-
 // Deterministic probe values spread over the magnitudes the stages see.
 void ProbeValues(uint64_t& state, double* v, int n, double scale) {
   for (int i = 0; i < n; ++i) {
@@ -356,13 +343,50 @@ void InlierScanner::Measure(const double* x, Scratch& scratch, bool bitsOnly) co
   if (count2 > 0) measure(cam2_.Columns(0), count2, x, scratch.cam2.data(), scratch.within2.data());
 }
 
-bool InlierScanner::Supports(int frame, const Scratch& scratch, int& k1, int& k2) const {
-  if (!Touches(frame, scratch)) return false;
-  double best1 = 0.0;
-  k1 = Nearest(scratch.cam1.data() + cam1_.FirstPlane(frame), cam1_.LineCount(frame), best1);
-  if (!(kInlierDistance > best1)) return false;
-  double best2 = 0.0;
-  k2 = Nearest(scratch.cam2.data() + cam2_.FirstPlane(frame), cam2_.LineCount(frame), best2);
-  return kInlierDistance > best2;
+template <typename Distance>
+bool InlierScanner::NearestWithin(const Run& run, const uint64_t* bits, const Distance& distance,
+                                  int& nearest) {
+  if (run.count == 0) return false;
+  if (run.count > 64) {
+    double best = std::numeric_limits<double>::max();
+    for (int k = 0; k < run.count; ++k) {
+      if ((bits[(run.first + k) >> 6] >> ((run.first + k) & 63)) & 1) {
+        const double value = distance(k);
+        if (value < best) {
+          best = value;
+          nearest = k;
+        }
+      }
+    }
+    return best < std::numeric_limits<double>::max();
+  }
+  // Planes outside the inlier distance (NaN included) can never be the
+  // nearest of a run that has one within it: only those within are compared,
+  // in the same order, keeping the first of equal distances.
+  uint64_t window = Window(run, bits);
+  if (window == 0) return false;
+  int index = std::countr_zero(window);
+  window &= window - 1;
+  if (window != 0) {
+    double best = distance(index);
+    for (; window != 0; window &= window - 1) {
+      const int k = std::countr_zero(window);
+      const double value = distance(k);
+      if (value < best) {
+        best = value;
+        index = k;
+      }
+    }
+  }
+  nearest = index;
+  return true;
 }
 
+bool InlierScanner::Supports(int frame, const Scratch& scratch, int& k1, int& k2) const {
+  if (frame >= cam2_.FrameCount()) return false;
+  const FrameBits& b = bits_[static_cast<size_t>(frame)];
+  const double* d1 = scratch.cam1.data() + b.cam1.first;
+  const double* d2 = scratch.cam2.data() + b.cam2.first;
+  return NearestWithin(b.cam1, scratch.within1.data(), [d1](int k) { return d1[k]; }, k1) &&
+         NearestWithin(b.cam2, scratch.within2.data(), [d2](int k) { return d2[k]; }, k2);
+}

@@ -117,9 +117,7 @@ class InlierScanner {
   // without the nearest lines: as soon as each camera has one line within
   // the inlier distance.
   bool Touches(int frame, const Scratch& scratch) const {
-    if (frame >= cam2_.FrameCount()) return false;
-    const FrameBits& b = bits_[static_cast<size_t>(frame)];
-    return Any(b.cam1, scratch.within1) && Any(b.cam2, scratch.within2);
+    return Touches(frame, scratch.within1.data(), scratch.within2.data());
   }
 
  private:
@@ -134,16 +132,34 @@ class InlierScanner {
     Run cam1, cam2;
   };
   static Run MakeRun(int first, int count);
-  static bool Any(const Run& run, const std::vector<uint64_t>& bits) {
+  // The run's bits (count <= 64) from bit 0 on.
+  static uint64_t Window(const Run& run, const uint64_t* bits) {
+    const uint64_t low = (bits[run.word0] & run.mask0) >> (run.first & 63);
+    const uint64_t high = bits[run.word1] & run.mask1;
+    // high is zero unless the run continues into a second word.
+    return low | (high << ((64 - (run.first & 63)) & 63));
+  }
+  // The nearest plane of the run among those within the inlier distance (the
+  // first of equal distances, as a scan of all of them finds it): false when
+  // none is within.
+  // `distance(k)` is the distance of the run's plane k.
+  template <typename Distance>
+  static bool NearestWithin(const Run& run, const uint64_t* bits, const Distance& distance,
+                            int& nearest);
+  static bool Any(const Run& run, const uint64_t* bits) {
     if (run.count == 0) return false;
     if (run.count <= 64) {
-      return ((bits[static_cast<size_t>(run.word0)] & run.mask0) |
-              (bits[static_cast<size_t>(run.word1)] & run.mask1)) != 0;
+      return ((bits[run.word0] & run.mask0) | (bits[run.word1] & run.mask1)) != 0;
     }
     for (int k = run.first; k < run.first + run.count; ++k) {
-      if ((bits[static_cast<size_t>(k >> 6)] >> (k & 63)) & 1) return true;
+      if ((bits[k >> 6] >> (k & 63)) & 1) return true;
     }
     return false;
+  }
+  bool Touches(int frame, const uint64_t* within1, const uint64_t* within2) const {
+    if (frame >= cam2_.FrameCount()) return false;
+    const FrameBits& b = bits_[static_cast<size_t>(frame)];
+    return Any(b.cam1, within1) && Any(b.cam2, within2);
   }
 
   const PlaneCache& cam1_;
@@ -151,6 +167,7 @@ class InlierScanner {
   int frames_;
   PlaneDistancesFn distances_;
   PlaneDistancesFn within_;
+
   std::vector<FrameBits> bits_;  // of the frames both cameras have
 };
 

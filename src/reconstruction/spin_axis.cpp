@@ -7,9 +7,11 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <limits>
+#include <span>
 #include <opencv2/core.hpp>
 #include <stdexcept>
 #include <string>
@@ -19,6 +21,7 @@
 #include "reconstruction/geometry.h"
 #include "reconstruction/plane_cache.h"
 #include "reconstruction/plane_solve.h"
+#include "reconstruction/ranking.h"
 #include "tracker/records.h"
 
 namespace {
@@ -255,7 +258,7 @@ void LocateBall(const CameraGeometry& camera1, const CameraGeometry& camera2,
   }
 }
 
-uint64_t InlierListHash(const std::vector<InlierLines>& list) {
+uint64_t InlierListHash(std::span<const InlierLines> list) {
   uint64_t h = 1469598103934665603ull;
   for (const InlierLines& in : list) {
     for (const int32_t v : {in.frame, in.cam1, in.cam2}) {
@@ -266,8 +269,9 @@ uint64_t InlierListHash(const std::vector<InlierLines>& list) {
   return h;
 }
 
-// The distinct inlier lists met so far, each kept once (an open-addressing
-// table of their positions, sized for every hypothesis at the start).
+// The distinct inlier lists met so far, each kept once in one pool (an
+// open-addressing table of their positions, sized for every hypothesis at the
+// start).
 class InlierListSet {
  public:
   explicit InlierListSet(size_t most) {
@@ -275,37 +279,35 @@ class InlierListSet {
     while (size < 2 * most) size *= 2;
     slots_.assign(size, 0);
     lists_.reserve(most);
-    hashes_.reserve(most);
   }
-  // Adds `list` (moved in) unless an equal one is there; returns the kept
-  // list and whether it was added.
-  std::pair<const std::vector<InlierLines>*, bool> Insert(std::vector<InlierLines>& list,
-                                                          uint64_t hash) {
+  // Adds a copy of `list` unless an equal one is there; true when added.
+  bool Insert(std::span<const InlierLines> list, uint64_t hash) {
     const size_t mask = slots_.size() - 1;
     for (size_t i = static_cast<size_t>(hash) & mask;; i = (i + 1) & mask) {
       const uint32_t slot = slots_[i];
       if (slot == 0) {
-        lists_.push_back(std::move(list));  // capacity reserved: the kept lists stay put
-        hashes_.push_back(hash);
+        lists_.push_back({pool_.size(), list.size(), hash});
+        pool_.insert(pool_.end(), list.begin(), list.end());
         slots_[i] = static_cast<uint32_t>(lists_.size());
-        return {&lists_.back(), true};
+        return true;
       }
-      if (hashes_[slot - 1] == hash && lists_[slot - 1] == list) return {&lists_[slot - 1], false};
+      const Kept& kept = lists_[slot - 1];
+      if (kept.hash == hash && kept.size == list.size() &&
+          std::equal(list.begin(), list.end(), pool_.begin() + static_cast<ptrdiff_t>(kept.start))) {
+        return false;
+      }
     }
   }
 
  private:
+  struct Kept {
+    size_t start;
+    size_t size;
+    uint64_t hash;
+  };
   std::vector<uint32_t> slots_;  // position in lists_ + 1; 0 for an empty slot
-  std::vector<std::vector<InlierLines>> lists_;
-  std::vector<uint64_t> hashes_;
-};
-
-// One entry of the hypothesis list as the sort sees it.
-struct SortEntry {
-  uint32_t inliers;
-  int32_t hypothesis;  // index into the accepted pairs
-  int32_t position;    // position in the list before the sort: the id
-  double magnitude;    // |pivot[axisIndex]|
+  std::vector<Kept> lists_;
+  std::vector<InlierLines> pool_;
 };
 
 // Refit blocks: the first holds this many hypotheses, each next one twice as
@@ -317,29 +319,25 @@ constexpr size_t kRefitGrain = 16;
 // A hypothesis of the refit loop and what the loop needs of it.
 struct RefitCandidate {
   const SortEntry* entry = nullptr;
-  std::vector<InlierLines> inliers;
+  std::span<const InlierLines> inliers;
   int usable = 0;          // inliers whose frames are before the impact in both cameras
   uint64_t hash = 0;       // InlierListHash of the inliers
   bool first = false;      // the first hypothesis with these inlier lines
-  const std::vector<InlierLines>* solvedLines = nullptr;  // its lines, once first
   double surelyAbove = 0.0;  // ResidualSurelyAbove of the inliers' planes, once first
 };
 
 // Task body: the inlier lines and their usable count of block[i] for each i
 // of its range.
 struct ListRefitInliers {
-  const InlierScanner& scanner;
-  const std::vector<PairHypothesis>& accepted;
+  const HypothesisInliers& lists;
   const std::vector<CandidateAreaImage*>& cam1Areas;
   const std::vector<CandidateAreaImage*>& cam2Areas;
   std::vector<RefitCandidate>& block;
 
   void operator()(const tbb::blocked_range<size_t>& range) const {
-    thread_local InlierScanner::Scratch scratch;
     for (size_t i = range.begin(); i != range.end(); ++i) {
       RefitCandidate& candidate = block[i];
-      ListSpinAxisInliers(scanner, accepted[candidate.entry->hypothesis], scratch,
-                          candidate.inliers);
+      candidate.inliers = lists.Lines(static_cast<size_t>(candidate.entry->hypothesis));
       candidate.usable = 0;
       for (const InlierLines& in : candidate.inliers) {
         const CandidateAreaImage* a1 = cam1Areas[in.frame];
@@ -365,7 +363,7 @@ struct BoundRefitResiduals {
     for (size_t i = range.begin(); i != range.end(); ++i) {
       RefitCandidate& candidate = block[i];
       if (!candidate.first) continue;
-      const std::vector<InlierLines>& inliers = *candidate.solvedLines;
+      const std::span<const InlierLines> inliers = candidate.inliers;
       const size_t m = inliers.size();
       a.resize(6 * m);
       d.resize(2 * m);
@@ -471,8 +469,8 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
 
   // Inliers of every accepted pair (repeated entries share them).
   const InlierScanner scanner(planes1, planes2);
-  std::vector<uint32_t> counts;
-  CountSpinAxisInliers(scanner, accepted, counts);
+  HypothesisInliers inlierLists;
+  inlierLists.Collect(scanner, accepted);
 
   // The sort ranks by the axisIndex of the first tracker that got here in this
   // process, and keeps it for the process's life.
@@ -482,17 +480,17 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
   const auto append = [&](uint64_t length) {
     for (uint64_t i = 0; i < length; ++i) {
       const PairHypothesis& h = accepted[static_cast<size_t>(i)];
-      list.push_back(SortEntry{counts[static_cast<size_t>(i)], static_cast<int32_t>(i),
+      list.push_back(SortEntry{inlierLists.Count(static_cast<size_t>(i)), static_cast<int32_t>(i),
                                static_cast<int32_t>(list.size()),
                                std::abs(h.pivot[sortAxisIndex])});
     }
   };
   append(accepted.size());
   for (uint64_t b = 1; b < batches; ++b) append(b + 1 < batches ? accepted.size() : lastPrefix);
-  std::sort(list.begin(), list.end(), [](const SortEntry& l, const SortEntry& r) {
-    if (l.inliers != r.inliers) return l.inliers > r.inliers;
-    return l.magnitude > r.magnitude;
-  });
+  {
+    RankScratch scratch;
+    RankHypotheses(list, scratch);
+  }
   if (list.front().inliers < kMinInliers) return;
 
   // Refit over the hypotheses in rank order. A hypothesis whose inliers name
@@ -526,16 +524,14 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
     }
     blockSize = std::min(2 * blockSize, kLastRefitBlock);
     tbb::parallel_for(tbb::blocked_range<size_t>(0, used, kRefitGrain),
-                      ListRefitInliers{scanner, accepted, cam1Areas, cam2Areas, block});
+                      ListRefitInliers{inlierLists, cam1Areas, cam2Areas, block});
     // Which hypotheses are the first with their lines does not depend on the
     // refits either: the set takes the whole block before any is decided.
     for (size_t c = 0; c < used; ++c) {
       RefitCandidate& candidate = block[c];
       candidate.first = false;
       if (candidate.usable < kMinUsableInliers) continue;
-      const auto [kept, inserted] = solved.Insert(candidate.inliers, candidate.hash);
-      candidate.first = inserted;
-      candidate.solvedLines = kept;
+      candidate.first = solved.Insert(candidate.inliers, candidate.hash);
     }
     tbb::parallel_for(tbb::blocked_range<size_t>(0, used, kRefitGrain),
                       BoundRefitResiduals{planes1, planes2, block});
@@ -543,7 +539,7 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
     for (size_t c = 0; c < used && !stop; ++c) {
       const RefitCandidate& candidate = block[c];
       if (!candidate.first) continue;
-      const std::vector<InlierLines>& inliers = *candidate.solvedLines;
+      const std::span<const InlierLines> inliers = candidate.inliers;
       const SortEntry& entry = *candidate.entry;
       const PairHypothesis& h = accepted[entry.hypothesis];
       // A refit certainly no better than the best so far and not below the

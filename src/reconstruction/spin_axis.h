@@ -2,7 +2,10 @@
 // ClubTracker::SelectSpinAxisInliers.
 #pragma once
 
+#include <tbb/enumerable_thread_specific.h>
+
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "reconstruction/plane_cache.h"
@@ -31,14 +34,26 @@ struct InlierLines {
   auto operator<=>(const InlierLines&) const = default;
 };
 
-// Inlier count of every hypothesis, in parallel over the hypotheses.
-void CountSpinAxisInliers(const InlierScanner& scanner,
-                          const std::vector<PairHypothesis>& hypotheses,
-                          std::vector<uint32_t>& counts);
+// The supporting frames of every hypothesis, each list in ascending frame
+// order, found in parallel over the hypotheses.
+class HypothesisInliers {
+ public:
+  void Collect(const InlierScanner& scanner, const std::vector<PairHypothesis>& hypotheses);
+  uint32_t Count(size_t hypothesis) const { return where_[hypothesis].count; }
+  std::span<const InlierLines> Lines(size_t hypothesis) const {
+    const Where& w = where_[hypothesis];
+    return {w.pool->data() + w.offset, w.count};
+  }
 
-// The supporting frames of one hypothesis in ascending frame order.
-void ListSpinAxisInliers(const InlierScanner& scanner, const PairHypothesis& hypothesis,
-                         InlierScanner::Scratch& scratch, std::vector<InlierLines>& inliers);
+ private:
+  struct Where {
+    const std::vector<InlierLines>* pool;  // of the worker that listed it
+    uint32_t offset;
+    uint32_t count;
+  };
+  tbb::enumerable_thread_specific<std::vector<InlierLines>> pools_;
+  std::vector<Where> where_;
+};
 
 // What one search went through.
 struct SpinAxisSearchStats {
