@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "reconstruction/plane_cache.h"
+#include "reconstruction/plane_solve.h"
 #include "reconstruction/ranking.h"
 #include "reconstruction/spin_axis.h"
 #include "support/access.h"
@@ -328,6 +329,70 @@ TEST(SpinAxis, InlierRules) {
     EXPECT_EQ(Access::SelectSpinAxisInliers(tracker, areas.cam[0], areas.cam[1], axes), 1);
     EXPECT_TRUE(axes.empty());
   }
+}
+
+// The four-pair rejection decides lane by lane as the one-pair test: planes
+// through points at every distance from the windows, with noise across the
+// residual bound, runs of 1 to 64, unusable planes, NaN and parallel planes.
+TEST(SpinAxis, PairRejectionRunsDecideAsSinglePairs) {
+  std::mt19937 rng(11);
+  std::uniform_real_distribution<double> unit(-1.0, 1.0);
+  const double reference[3] = {100.0, -200.0, 300.0};
+  const PairWindows windows{10.0, 700.0, 2000.0, 700.0, 2800.0};
+  int rejected = 0;
+  int total = 0;
+  for (int trial = 0; trial < 300; ++trial) {
+    const double spread = 3500.0 * std::abs(unit(rng));
+    const double noise = trial % 3 == 0 ? 0.0 : (trial % 3 == 1 ? 3.0 : 12.0);
+    const double point[3] = {reference[0] + spread * unit(rng), reference[1] + spread * unit(rng),
+                             reference[2] + spread * unit(rng)};
+    const int count = 1 + trial % 64;
+    std::vector<double> n(3 * (count + 3)), d(count + 3);
+    for (int k = 0; k < count + 3; ++k) {
+      double v[3] = {unit(rng), unit(rng), unit(rng)};
+      if (trial % 7 == 0 && k > 0) std::copy(n.begin(), n.begin() + 3, v);  // parallel planes
+      const double length = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+      for (int i = 0; i < 3; ++i) n[3 * k + i] = v[i] / length;
+      d[k] = n[3 * k] * point[0] + n[3 * k + 1] * point[1] + n[3 * k + 2] * point[2] +
+             noise * unit(rng);
+    }
+    if (trial % 11 == 0) d[3 + count / 2] = NAN;
+    if (trial % 13 == 0) n[3 * (3 + count / 3)] *= 1.5;  // not a unit normal: never used
+    std::vector<PlaneNormalTerms> terms;
+    for (int k = 0; k < count + 3; ++k) terms.push_back(NormalTerms(&n[3 * k], d[k]));
+    std::vector<double> columns[14];
+    for (int k = 3; k < count + 3; ++k) {
+      for (int i = 0; i < 6; ++i) columns[i].push_back(terms[k].nn[i]);
+      for (int i = 0; i < 3; ++i) columns[6 + i].push_back(terms[k].nd[i]);
+      columns[9].push_back(terms[k].usable ? 1.0 : 0.0);
+      for (int i = 0; i < 3; ++i) columns[10 + i].push_back(n[3 * k + i]);
+      columns[13].push_back(d[k]);
+    }
+    PlaneTermColumns last;
+    for (int i = 0; i < 6; ++i) last.nn[i] = columns[i].data();
+    for (int i = 0; i < 3; ++i) last.nd[i] = columns[6 + i].data();
+    last.usable = columns[9].data();
+    for (int i = 0; i < 3; ++i) last.normal[i] = columns[10 + i].data();
+    last.offset = columns[13].data();
+    const PlaneNormalTerms* first[3] = {&terms[0], &terms[1], &terms[2]};
+    const int axis = trial % 3;
+    const uint64_t bits =
+        PairsSurelyRejected(n.data(), d.data(), first, last, count, reference, axis, windows);
+    for (int k = 0; k < count; ++k) {
+      double a[12], four[4];
+      std::copy(n.begin(), n.begin() + 9, a);
+      std::copy(n.begin() + 3 * (k + 3), n.begin() + 3 * (k + 4), a + 9);
+      std::copy(d.begin(), d.begin() + 3, four);
+      four[3] = d[k + 3];
+      const PlaneNormalTerms* all[4] = {&terms[0], &terms[1], &terms[2], &terms[k + 3]};
+      const bool one = PairSurelyRejected(a, four, all, reference, axis, windows);
+      ASSERT_EQ(((bits >> k) & 1) != 0, one) << "trial " << trial << ", plane " << k;
+      rejected += one ? 1 : 0;
+      ++total;
+    }
+  }
+  EXPECT_GT(rejected, total / 5);
+  EXPECT_LT(rejected, total * 4 / 5);
 }
 
 // The inlier bits without distances equal those of the distances (at 10 and a step

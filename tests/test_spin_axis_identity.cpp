@@ -1,6 +1,7 @@
 // The optimised spin-axis search against the literal cv::Mat version, bit for bit.
 #include <ostream>
 #include <gtest/gtest.h>
+#include <tbb/parallel_for.h>
 
 #include <algorithm>
 #include <cmath>
@@ -148,6 +149,16 @@ TEST_P(RenderedSwing, ExtractedLines) {
   ExpectIdentical(recording.setting, candidates.cand[0], candidates.cand[1], origin, c);
   EXPECT_GT(c.stats.hypotheses, 0u);
   EXPECT_EQ(c.optimised.found, 1);
+
+  // Searches side by side on the workers (a thread waiting in one may take up
+  // another): each keeps to its own storage and finds the same axis.
+  std::vector<ClubSpinAxis3D> side(4);
+  tbb::parallel_for(0, 4, [&](int i) {
+    double point[3] = {0.0, 0.0, 0.0};
+    SearchClubSpinAxis(recording.setting, point, candidates.cand[0], candidates.cand[1], side[i],
+                       nullptr);
+  });
+  for (const ClubSpinAxis3D& axis : side) ExpectSameAxis(axis, c.optimised.axis);
 }
 
 std::vector<SwingCase> Swings() {

@@ -3,9 +3,9 @@
 #include <tbb/blocked_range.h>
 #include <tbb/parallel_for.h>
 
+#include <algorithm>
 #include <exception>
 #include <limits>
-#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -61,38 +61,33 @@ struct CollectSpinAxisInliers {
 
 void HypothesisInliers::Collect(const InlierScanner& scanner,
                                 const std::vector<PairHypothesis>& hypotheses) {
-  where_.assign(hypotheses.size(), Where{nullptr, 0, 0});
-  if (hypotheses.empty()) return;
-  if (hypotheses.size() > std::numeric_limits<int>::max()) {
-    throw std::length_error("too many hypotheses");
-  }
-  tbb::parallel_for(
-      tbb::blocked_range<int>(0, static_cast<int>(hypotheses.size()), 1),
-      [&](const tbb::blocked_range<int>& range) {
-        thread_local InlierScanner::Scratch scratch;
-        std::vector<InlierLines>& pool = pools_.local();
-        for (int index = range.begin(); index != range.end(); ++index) {
-          const PairHypothesis& h = hypotheses[static_cast<size_t>(index)];
-          const size_t offset = pool.size();
-          if (offset > std::numeric_limits<uint32_t>::max()) {
-            throw std::length_error("too many inlier lines");
-          }
-          scanner.Measure(h.pivot, scratch);
-          for (int j = 0; j < scanner.FrameCount(); ++j) {
-            int k1 = 0;
-            int k2 = 0;
-            if (j == h.firstFrame) {
-              pool.push_back({j, h.firstCam1, h.firstCam2});
-            } else if (j == h.secondFrame) {
-              pool.push_back({j, h.secondCam1, h.secondCam2});
-            } else if (scanner.Supports(j, scratch, k1, k2)) {
-              pool.push_back({j, k1, k2});
-            }
-          }
-          where_[static_cast<size_t>(index)] = {&pool, static_cast<uint32_t>(offset),
-                                                static_cast<uint32_t>(pool.size() - offset)};
+  where_.assign(hypotheses.size(), Where{0, 0});
+  const size_t blocks = (hypotheses.size() + kBlock - 1) / kBlock;
+  if (blocks_.size() < blocks) blocks_.resize(blocks);
+  tbb::parallel_for(size_t{0}, blocks, [&](size_t block) {
+    thread_local InlierScanner::Scratch scratch;
+    std::vector<InlierLines>& lines = blocks_[block];
+    lines.clear();
+    const size_t end = std::min(hypotheses.size(), (block + 1) * kBlock);
+    for (size_t index = block * kBlock; index < end; ++index) {
+      const PairHypothesis& h = hypotheses[index];
+      const size_t offset = lines.size();
+      scanner.Measure(h.pivot, scratch);
+      for (int j = 0; j < scanner.FrameCount(); ++j) {
+        int k1 = 0;
+        int k2 = 0;
+        if (j == h.firstFrame) {
+          lines.push_back({j, h.firstCam1, h.firstCam2});
+        } else if (j == h.secondFrame) {
+          lines.push_back({j, h.secondCam1, h.secondCam2});
+        } else if (scanner.Supports(j, scratch, k1, k2)) {
+          lines.push_back({j, k1, k2});
         }
-      });
+      }
+      // A block holds at most kBlock lists of at most FrameCount() entries.
+      where_[index] = {static_cast<uint32_t>(offset), static_cast<uint32_t>(lines.size() - offset)};
+    }
+  });
 }
 
 int ClubTracker::SelectSpinAxisInliers(const std::vector<CandidateAreaImage*>& cam1Areas,

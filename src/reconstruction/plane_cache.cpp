@@ -23,7 +23,9 @@ void PlaneCache::Build(const std::vector<CandidateAreaImage*>& areas,
     if (area != nullptr) total += area->lines.size();
   }
   planes_.reserve(total);
-  for (std::vector<double>* column : {&nx_, &ny_, &nz_, &offset_, &length_}) {
+  for (std::vector<double>* column :
+       {&nx_, &ny_, &nz_, &offset_, &length_, &nn_[0], &nn_[1], &nn_[2], &nn_[3], &nn_[4],
+        &nn_[5], &nd_[0], &nd_[1], &nd_[2], &usable_}) {
     column->clear();
     column->reserve(total);
   }
@@ -50,6 +52,9 @@ void PlaneCache::Build(const std::vector<CandidateAreaImage*>& areas,
         nz_.push_back(plane.normal[2]);
         offset_.push_back(plane.offset);
         length_.push_back(plane.length);
+        for (int i = 0; i < 6; ++i) nn_[i].push_back(plane.terms.nn[i]);
+        for (int i = 0; i < 3; ++i) nd_[i].push_back(plane.terms.nd[i]);
+        usable_.push_back(plane.terms.usable ? 1.0 : 0.0);
       }
     }
     start_.push_back(static_cast<int>(planes_.size()));
@@ -343,50 +348,3 @@ void InlierScanner::Measure(const double* x, Scratch& scratch, bool bitsOnly) co
   if (count2 > 0) measure(cam2_.Columns(0), count2, x, scratch.cam2.data(), scratch.within2.data());
 }
 
-template <typename Distance>
-bool InlierScanner::NearestWithin(const Run& run, const uint64_t* bits, const Distance& distance,
-                                  int& nearest) {
-  if (run.count == 0) return false;
-  if (run.count > 64) {
-    double best = std::numeric_limits<double>::max();
-    for (int k = 0; k < run.count; ++k) {
-      if ((bits[(run.first + k) >> 6] >> ((run.first + k) & 63)) & 1) {
-        const double value = distance(k);
-        if (value < best) {
-          best = value;
-          nearest = k;
-        }
-      }
-    }
-    return best < std::numeric_limits<double>::max();
-  }
-  // Planes outside the inlier distance (NaN included) can never be the
-  // nearest of a run that has one within it: only those within are compared,
-  // in the same order, keeping the first of equal distances.
-  uint64_t window = Window(run, bits);
-  if (window == 0) return false;
-  int index = std::countr_zero(window);
-  window &= window - 1;
-  if (window != 0) {
-    double best = distance(index);
-    for (; window != 0; window &= window - 1) {
-      const int k = std::countr_zero(window);
-      const double value = distance(k);
-      if (value < best) {
-        best = value;
-        index = k;
-      }
-    }
-  }
-  nearest = index;
-  return true;
-}
-
-bool InlierScanner::Supports(int frame, const Scratch& scratch, int& k1, int& k2) const {
-  if (frame >= cam2_.FrameCount()) return false;
-  const FrameBits& b = bits_[static_cast<size_t>(frame)];
-  const double* d1 = scratch.cam1.data() + b.cam1.first;
-  const double* d2 = scratch.cam2.data() + b.cam2.first;
-  return NearestWithin(b.cam1, scratch.within1.data(), [d1](int k) { return d1[k]; }, k1) &&
-         NearestWithin(b.cam2, scratch.within2.data(), [d2](int k) { return d2[k]; }, k2);
-}

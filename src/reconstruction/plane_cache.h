@@ -3,7 +3,9 @@
 // rounding of the cv::Mat operations they stand for.
 #pragma once
 
+#include <bit>
 #include <cstdint>
+#include <limits>
 #include <opencv2/core.hpp>
 #include <vector>
 
@@ -42,6 +44,19 @@ class PlaneCache {
   int FirstPlane(int frame) const { return start_[frame]; }
   int LineCount(int frame) const { return start_[frame + 1] - start_[frame]; }
   const LinePlane& At(int frame, int line) const { return planes_[start_[frame] + line]; }
+  // The run of frame j's planes from line `line` on.
+  PlaneTermColumns TermColumns(int frame, int line) const {
+    const size_t first = static_cast<size_t>(start_[frame] + line);
+    PlaneTermColumns c;
+    for (int i = 0; i < 6; ++i) c.nn[i] = nn_[i].data() + first;
+    for (int i = 0; i < 3; ++i) c.nd[i] = nd_[i].data() + first;
+    c.usable = usable_.data() + first;
+    c.normal[0] = nx_.data() + first;
+    c.normal[1] = ny_.data() + first;
+    c.normal[2] = nz_.data() + first;
+    c.offset = offset_.data() + first;
+    return c;
+  }
   PlaneColumns Columns(int frame) const {
     const size_t first = static_cast<size_t>(start_[frame]);
     return {nx_.data() + first, ny_.data() + first, nz_.data() + first, offset_.data() + first,
@@ -51,6 +66,7 @@ class PlaneCache {
  private:
   std::vector<LinePlane> planes_;
   std::vector<double> nx_, ny_, nz_, offset_, length_;
+  std::vector<double> nn_[6], nd_[3], usable_;  // of each plane's NormalTerms
   std::vector<int> start_{0};  // planes of frame j: [start_[j], start_[j + 1])
 };
 
@@ -171,4 +187,50 @@ class InlierScanner {
   std::vector<FrameBits> bits_;  // of the frames both cameras have
 };
 
+template <typename Distance>
+inline bool InlierScanner::NearestWithin(const Run& run, const uint64_t* bits, const Distance& distance,
+                                  int& nearest) {
+  if (run.count == 0) return false;
+  if (run.count > 64) {
+    double best = std::numeric_limits<double>::max();
+    for (int k = 0; k < run.count; ++k) {
+      if ((bits[(run.first + k) >> 6] >> ((run.first + k) & 63)) & 1) {
+        const double value = distance(k);
+        if (value < best) {
+          best = value;
+          nearest = k;
+        }
+      }
+    }
+    return best < std::numeric_limits<double>::max();
+  }
+  // Planes outside the inlier distance (NaN included) can never be the
+  // nearest of a run that has one within it: only those within are compared,
+  // in the same order, keeping the first of equal distances.
+  uint64_t window = Window(run, bits);
+  if (window == 0) return false;
+  int index = std::countr_zero(window);
+  window &= window - 1;
+  if (window != 0) {
+    double best = distance(index);
+    for (; window != 0; window &= window - 1) {
+      const int k = std::countr_zero(window);
+      const double value = distance(k);
+      if (value < best) {
+        best = value;
+        index = k;
+      }
+    }
+  }
+  nearest = index;
+  return true;
+}
 
+inline bool InlierScanner::Supports(int frame, const Scratch& scratch, int& k1, int& k2) const {
+  if (frame >= cam2_.FrameCount()) return false;
+  const FrameBits& b = bits_[static_cast<size_t>(frame)];
+  const double* d1 = scratch.cam1.data() + b.cam1.first;
+  const double* d2 = scratch.cam2.data() + b.cam2.first;
+  return NearestWithin(b.cam1, scratch.within1.data(), [d1](int k) { return d1[k]; }, k1) &&
+         NearestWithin(b.cam2, scratch.within2.data(), [d2](int k) { return d2[k]; }, k2);
+}

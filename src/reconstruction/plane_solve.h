@@ -5,6 +5,8 @@
 // headers, buffers and dispatch.
 #pragma once
 
+#include <cstdint>
+
 // Rows up to which the library solves with its own Jacobi SVD; larger systems
 // may go to an external LAPACK, whose rounding is not reproduced here.
 constexpr int kJacobiSolveMaxRows = 24;
@@ -51,6 +53,24 @@ PlaneNormalTerms NormalTerms(const double* normal, double offset);
 // `terms` are the four planes' NormalTerms, in the order of the rows.
 bool PairSurelyRejected(const double* a, const double* d, const PlaneNormalTerms* const* terms,
                         const double* reference, int axisIndex, const PairWindows& windows);
+
+// The values of a run of planes that PairSurelyRejected reads, one array per
+// value: NormalTerms (usable as 1.0 or 0.0), unit normal and offset.
+struct PlaneTermColumns {
+  const double* nn[6];
+  const double* nd[3];
+  const double* usable;
+  const double* normal[3];
+  const double* offset;
+};
+
+// PairSurelyRejected of the planes (first[0], first[1], first[2], plane k of
+// `last`) for k < count <= 64, as bit k: the same operations lane by lane.
+// `a` holds the three first planes' normals (9 values), `d` their offsets.
+uint64_t PairsSurelyRejected(const double* a, const double* d,
+                             const PlaneNormalTerms* const* first, const PlaneTermColumns& last,
+                             int count, const double* reference, int axisIndex,
+                             const PairWindows& windows);
 
 // True only when the least-squares residual (r . r) / rows of the planes
 // (rows of a, unit normals; offsets d) is certainly at least `bound`, however

@@ -6,11 +6,13 @@
 #include <tbb/parallel_for.h>
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <limits>
+#include <memory>
 #include <span>
 #include <opencv2/core.hpp>
 #include <stdexcept>
@@ -177,57 +179,76 @@ struct EvaluateLinePairs {
       ChunkPaths& path = paths[c];
       if (chunk == 0) continue;
       uint64_t g = chunk * static_cast<uint64_t>(c);
+      const uint64_t end = g + chunk;
       LinePairs::Cursor cursor = pairs.Seek(g);
-      for (uint64_t t = 0; t < chunk; ++t, ++g, pairs.Next(cursor)) {
+      while (g < end) {
+        // The pairs that differ only in camera 2's line of the second frame,
+        // up to 64 at a time: those whose point is far outside the windows
+        // need no exact solution.
         const LinePairs::FramePair& frames = pairs.Frames(cursor);
-        const LinePlane* planes[4] = {&planes1.At(frames.a, static_cast<int>(cursor.line1a)),
-                                      &planes1.At(frames.b, static_cast<int>(cursor.line1b)),
-                                      &planes2.At(frames.a, static_cast<int>(cursor.line2a)),
-                                      &planes2.At(frames.b, static_cast<int>(cursor.line2b))};
-        for (int i = 0; i < 4; ++i) {
-          a[3 * i] = planes[i]->normal[0];
-          a[3 * i + 1] = planes[i]->normal[1];
-          a[3 * i + 2] = planes[i]->normal[2];
-          d[i] = planes[i]->offset;
+        const int run = static_cast<int>(
+            std::min<uint64_t>({frames.lines2b - cursor.line2b, end - g, uint64_t{64}}));
+        const LinePlane* fixed[3] = {&planes1.At(frames.a, static_cast<int>(cursor.line1a)),
+                                     &planes1.At(frames.b, static_cast<int>(cursor.line1b)),
+                                     &planes2.At(frames.a, static_cast<int>(cursor.line2a))};
+        for (int i = 0; i < 3; ++i) {
+          a[3 * i] = fixed[i]->normal[0];
+          a[3 * i + 1] = fixed[i]->normal[1];
+          a[3 * i + 2] = fixed[i]->normal[2];
+          d[i] = fixed[i]->offset;
         }
-        // Pairs whose point is far outside the windows need no exact solution.
-        const PlaneNormalTerms* terms[4] = {&planes[0]->terms, &planes[1]->terms,
-                                            &planes[2]->terms, &planes[3]->terms};
-        if (PairSurelyRejected(a, d, terms, referencePoint, axisIndex, kPairWindows)) {
-          ++path.surelyRejected;
-          continue;
+        const PlaneNormalTerms* terms[3] = {&fixed[0]->terms, &fixed[1]->terms, &fixed[2]->terms};
+        const uint64_t rejected = PairsSurelyRejected(
+            a, d, terms, planes2.TermColumns(frames.b, static_cast<int>(cursor.line2b)), run,
+            referencePoint, axisIndex, kPairWindows);
+        path.surelyRejected += static_cast<uint64_t>(std::popcount(rejected));
+        for (int k = 0; k < run; ++k, ++g, pairs.Next(cursor)) {
+          if ((rejected >> k) & 1) continue;
+          const LinePlane& last = planes2.At(frames.b, static_cast<int>(cursor.line2b));
+          a[9] = last.normal[0];
+          a[10] = last.normal[1];
+          a[11] = last.normal[2];
+          d[3] = last.offset;
+          Evaluate(g, frames, cursor, a, d, x, r, matA, matD, matX, matR, out, path);
         }
-        // The pseudo-inverse solution, evaluated as the library evaluates
-        // A.inv(DECOMP_SVD) * d.
-        if (!(jacobi && SolvePlanesJacobi(a, d, 4, x))) {
-          ++path.solvedByLibrary;
-          cv::solve(matA, matD, matX, cv::DECOMP_SVD);
-          if (matX.data != reinterpret_cast<uchar*>(x)) {
-            for (int i = 0; i < 3; ++i) x[i] = matX.at<double>(i);
-            matX = cv::Mat(3, 1, CV_64F, x);
-          }
-        }
-        PlaneResiduals(rounding, a, x, d, r, 4);
-        const double residual = matR.dot(matR) / 4;
-        const double along = std::abs(x[axisIndex] - referencePoint[axisIndex]);
-        const double offset[3] = {x[0] - referencePoint[0], x[1] - referencePoint[1],
-                                  x[2] - referencePoint[2]};
-        const double distance = Norm3(rounding, offset);
-        // Rejected only by a comparison that holds: NaN passes.
-        if (residual > kMaxPairResidual) continue;
-        if (along < kMinAlongAxis || along > kMaxAlongAxis) continue;
-        if (distance < kMinDistance || distance > kMaxDistance) continue;
-        out.push_back(PairHypothesis{static_cast<uint32_t>(g),
-                                     frames.a,
-                                     frames.b,
-                                     static_cast<int32_t>(cursor.line1a),
-                                     static_cast<int32_t>(cursor.line1b),
-                                     static_cast<int32_t>(cursor.line2a),
-                                     static_cast<int32_t>(cursor.line2b),
-                                     {x[0], x[1], x[2]},
-                                     static_cast<float>(residual)});
       }
     }
+  }
+
+  // The exact solution of one pair (planes in a, d) and its acceptance.
+  void Evaluate(uint64_t g, const LinePairs::FramePair& frames, const LinePairs::Cursor& cursor,
+                double* a, double* d, double* x, double* r, const cv::Mat& matA,
+                const cv::Mat& matD, cv::Mat& matX, const cv::Mat& matR,
+                std::vector<PairHypothesis>& out, ChunkPaths& path) const {
+    // The pseudo-inverse solution, evaluated as the library evaluates
+    // A.inv(DECOMP_SVD) * d.
+    if (!(jacobi && SolvePlanesJacobi(a, d, 4, x))) {
+      ++path.solvedByLibrary;
+      cv::solve(matA, matD, matX, cv::DECOMP_SVD);
+      if (matX.data != reinterpret_cast<uchar*>(x)) {
+        for (int i = 0; i < 3; ++i) x[i] = matX.at<double>(i);
+        matX = cv::Mat(3, 1, CV_64F, x);
+      }
+    }
+    PlaneResiduals(rounding, a, x, d, r, 4);
+    const double residual = matR.dot(matR) / 4;
+    const double along = std::abs(x[axisIndex] - referencePoint[axisIndex]);
+    const double offset[3] = {x[0] - referencePoint[0], x[1] - referencePoint[1],
+                              x[2] - referencePoint[2]};
+    const double distance = Norm3(rounding, offset);
+    // Rejected only by a comparison that holds: NaN passes.
+    if (residual > kMaxPairResidual) return;
+    if (along < kMinAlongAxis || along > kMaxAlongAxis) return;
+    if (distance < kMinDistance || distance > kMaxDistance) return;
+    out.push_back(PairHypothesis{static_cast<uint32_t>(g),
+                                 frames.a,
+                                 frames.b,
+                                 static_cast<int32_t>(cursor.line1a),
+                                 static_cast<int32_t>(cursor.line1b),
+                                 static_cast<int32_t>(cursor.line2a),
+                                 static_cast<int32_t>(cursor.line2b),
+                                 {x[0], x[1], x[2]},
+                                 static_cast<float>(residual)});
   }
 };
 
@@ -274,11 +295,14 @@ uint64_t InlierListHash(std::span<const InlierLines> list) {
 // start).
 class InlierListSet {
  public:
-  explicit InlierListSet(size_t most) {
+  // Empties the set, sized for `most` lists.
+  void Reset(size_t most) {
     size_t size = 16;
     while (size < 2 * most) size *= 2;
     slots_.assign(size, 0);
+    lists_.clear();
     lists_.reserve(most);
+    pool_.clear();
   }
   // Adds a copy of `list` unless an equal one is there; true when added.
   bool Insert(std::span<const InlierLines> list, uint64_t hash) {
@@ -382,6 +406,55 @@ struct BoundRefitResiduals {
   }
 };
 
+// What a search keeps between calls on its thread, so that a later search
+// writes into pages already mapped. A search that starts while another one
+// of the same thread is under way (a task of a nested search run while this
+// thread waits) gets storage of its own.
+struct SearchScratch {
+  std::vector<PairHypothesis> chunkLists[kChunksPerBatch];
+  std::vector<PairHypothesis> accepted;
+  HypothesisInliers inliers;
+  std::vector<SortEntry> list;
+  RankScratch rank;
+  std::vector<char> visited;
+  InlierListSet solved;
+  std::vector<RefitCandidate> block;
+};
+
+struct ScratchSlot {
+  SearchScratch kept;
+  bool busy = false;
+  std::vector<std::unique_ptr<SearchScratch>> extra;
+};
+
+ScratchSlot& ThreadSlot() {
+  thread_local ScratchSlot slot;
+  return slot;
+}
+
+SearchScratch& TakeScratch() {
+  ScratchSlot& slot = ThreadSlot();
+  if (slot.busy) {
+    slot.extra.push_back(std::make_unique<SearchScratch>());
+    return *slot.extra.back();
+  }
+  slot.busy = true;
+  return slot.kept;
+}
+
+// Gives back what TakeScratch handed out.
+struct ScratchReturn {
+  SearchScratch& scratch;
+  ~ScratchReturn() {
+    ScratchSlot& slot = ThreadSlot();
+    if (&scratch == &slot.kept) {
+      slot.busy = false;
+    } else {
+      std::erase_if(slot.extra, [&](const auto& s) { return s.get() == &scratch; });
+    }
+  }
+};
+
 }  // namespace
 
 void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoint,
@@ -422,7 +495,10 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
   const uint64_t batches = total / kBatchSize + 1;
   const uint64_t firstCount = std::min(total, kBatchSize);
   const uint64_t chunk = firstCount / kChunksPerBatch;
-  std::vector<PairHypothesis> chunkLists[kChunksPerBatch];
+  SearchScratch& scratch = TakeScratch();
+  const ScratchReturn giveBack{scratch};
+  std::vector<PairHypothesis>* chunkLists = scratch.chunkLists;
+  for (int c = 0; c < kChunksPerBatch; ++c) chunkLists[c].clear();
   ChunkPaths chunkPaths[kChunksPerBatch];
   if (chunk > 0) {
     const EvaluateLinePairs body{pairs,     planes1,        planes2, rounding,  jacobi,
@@ -436,13 +512,10 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
     stats->pairsSolvedByLibrary += path.solvedByLibrary;
   }
 
-  std::vector<PairHypothesis> accepted;
-  size_t acceptedCount = 0;
-  for (const auto& list : chunkLists) acceptedCount += list.size();
-  accepted.reserve(acceptedCount);
-  for (auto& list : chunkLists) {
-    accepted.insert(accepted.end(), list.begin(), list.end());
-    std::vector<PairHypothesis>().swap(list);
+  std::vector<PairHypothesis>& accepted = scratch.accepted;
+  accepted.clear();
+  for (int c = 0; c < kChunksPerBatch; ++c) {
+    accepted.insert(accepted.end(), chunkLists[c].begin(), chunkLists[c].end());
   }
 
   // The hypothesis list: the accepted pairs, then for every later batch the
@@ -469,13 +542,14 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
 
   // Inliers of every accepted pair (repeated entries share them).
   const InlierScanner scanner(planes1, planes2);
-  HypothesisInliers inlierLists;
+  HypothesisInliers& inlierLists = scratch.inliers;
   inlierLists.Collect(scanner, accepted);
 
   // The sort ranks by the axisIndex of the first tracker that got here in this
   // process, and keeps it for the process's life.
   static const int sortAxisIndex = setting.axisIndex;
-  std::vector<SortEntry> list;
+  std::vector<SortEntry>& list = scratch.list;
+  list.clear();
   list.reserve(static_cast<size_t>(listLength));
   const auto append = [&](uint64_t length) {
     for (uint64_t i = 0; i < length; ++i) {
@@ -487,10 +561,7 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
   };
   append(accepted.size());
   for (uint64_t b = 1; b < batches; ++b) append(b + 1 < batches ? accepted.size() : lastPrefix);
-  {
-    RankScratch scratch;
-    RankHypotheses(list, scratch);
-  }
+  RankHypotheses(list, scratch.rank);
   if (list.front().inliers < kMinInliers) return;
 
   // Refit over the hypotheses in rank order. A hypothesis whose inliers name
@@ -501,9 +572,11 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
   // loop changes; it is prepared in parallel for a block of hypotheses at a
   // time, the blocks growing from a few (the search may stop at once).
   double best = kInitialBestRefit;
-  std::vector<char> visited(accepted.size(), 0);
-  InlierListSet solved(accepted.size());
-  std::vector<RefitCandidate> block;
+  std::vector<char>& visited = scratch.visited;
+  visited.assign(accepted.size(), 0);
+  InlierListSet& solved = scratch.solved;
+  solved.Reset(accepted.size());
+  std::vector<RefitCandidate>& block = scratch.block;
   cv::Mat matA;
   cv::Mat matD;
   double solution[3];

@@ -2,8 +2,6 @@
 // ClubTracker::SelectSpinAxisInliers.
 #pragma once
 
-#include <tbb/enumerable_thread_specific.h>
-
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -35,23 +33,24 @@ struct InlierLines {
 };
 
 // The supporting frames of every hypothesis, each list in ascending frame
-// order, found in parallel over the hypotheses.
+// order, found in parallel over blocks of hypotheses. The storage is kept
+// from one call to the next.
 class HypothesisInliers {
  public:
   void Collect(const InlierScanner& scanner, const std::vector<PairHypothesis>& hypotheses);
   uint32_t Count(size_t hypothesis) const { return where_[hypothesis].count; }
   std::span<const InlierLines> Lines(size_t hypothesis) const {
     const Where& w = where_[hypothesis];
-    return {w.pool->data() + w.offset, w.count};
+    return {blocks_[hypothesis / kBlock].data() + w.offset, w.count};
   }
 
  private:
+  static constexpr size_t kBlock = 256;
   struct Where {
-    const std::vector<InlierLines>* pool;  // of the worker that listed it
-    uint32_t offset;
+    uint32_t offset;  // in the hypothesis's block
     uint32_t count;
   };
-  tbb::enumerable_thread_specific<std::vector<InlierLines>> pools_;
+  std::vector<std::vector<InlierLines>> blocks_;
   std::vector<Where> where_;
 };
 
