@@ -60,8 +60,9 @@ struct CollectSpinAxisInliers {
 }  // namespace
 
 void HypothesisInliers::Collect(const InlierScanner& scanner,
-                                const std::vector<PairHypothesis>& hypotheses) {
-  where_.assign(hypotheses.size(), Where{0, 0});
+                                const std::vector<PairHypothesis>& hypotheses,
+                                const std::vector<char>& usable) {
+  where_.assign(hypotheses.size(), Where{0, 0, 0, 0});
   const size_t blocks = (hypotheses.size() + kBlock - 1) / kBlock;
   if (blocks_.size() < blocks) blocks_.resize(blocks);
   tbb::parallel_for(size_t{0}, blocks, [&](size_t block) {
@@ -85,7 +86,17 @@ void HypothesisInliers::Collect(const InlierScanner& scanner,
         }
       }
       // A block holds at most kBlock lists of at most FrameCount() entries.
-      where_[index] = {static_cast<uint32_t>(offset), static_cast<uint32_t>(lines.size() - offset)};
+      Where& where = where_[index];
+      where = {static_cast<uint32_t>(offset), static_cast<uint32_t>(lines.size() - offset), 0,
+               1469598103934665603ull};
+      for (size_t k = offset; k < lines.size(); ++k) {
+        const InlierLines& in = lines[k];
+        where.usable += usable[static_cast<size_t>(in.frame)] != 0 ? 1 : 0;
+        for (const int32_t v : {in.frame, in.cam1, in.cam2}) {
+          where.hash ^= static_cast<uint32_t>(v);
+          where.hash *= 1099511628211ull;
+        }
+      }
     }
   });
 }

@@ -44,7 +44,7 @@ constexpr PairWindows kPairWindows{kMaxPairResidual, kMinAlongAxis, kMaxAlongAxi
                                    kMaxDistance};
 
 constexpr uint32_t kMinInliers = 2;
-constexpr int kMinUsableInliers = 2;
+constexpr uint32_t kMinUsableInliers = 2;
 constexpr double kInitialBestRefit = 1000.0;
 constexpr double kEarlyStopRefit = 3.0;
 
@@ -279,17 +279,6 @@ void LocateBall(const CameraGeometry& camera1, const CameraGeometry& camera2,
   }
 }
 
-uint64_t InlierListHash(std::span<const InlierLines> list) {
-  uint64_t h = 1469598103934665603ull;
-  for (const InlierLines& in : list) {
-    for (const int32_t v : {in.frame, in.cam1, in.cam2}) {
-      h ^= static_cast<uint32_t>(v);
-      h *= 1099511628211ull;
-    }
-  }
-  return h;
-}
-
 // The distinct inlier lists met so far, each kept once in one pool (an
 // open-addressing table of their positions, sized for every hypothesis at the
 // start).
@@ -344,35 +333,10 @@ constexpr size_t kRefitGrain = 16;
 struct RefitCandidate {
   const SortEntry* entry = nullptr;
   std::span<const InlierLines> inliers;
-  int usable = 0;          // inliers whose frames are before the impact in both cameras
-  uint64_t hash = 0;       // InlierListHash of the inliers
+  uint32_t usable = 0;     // inliers whose frames are before the impact in both cameras
+  uint64_t hash = 0;       // a hash of the inlier lines
   bool first = false;      // the first hypothesis with these inlier lines
   double surelyAbove = 0.0;  // ResidualSurelyAbove of the inliers' planes, once first
-};
-
-// Task body: the inlier lines and their usable count of block[i] for each i
-// of its range.
-struct ListRefitInliers {
-  const HypothesisInliers& lists;
-  const std::vector<CandidateAreaImage*>& cam1Areas;
-  const std::vector<CandidateAreaImage*>& cam2Areas;
-  std::vector<RefitCandidate>& block;
-
-  void operator()(const tbb::blocked_range<size_t>& range) const {
-    for (size_t i = range.begin(); i != range.end(); ++i) {
-      RefitCandidate& candidate = block[i];
-      candidate.inliers = lists.Lines(static_cast<size_t>(candidate.entry->hypothesis));
-      candidate.usable = 0;
-      for (const InlierLines& in : candidate.inliers) {
-        const CandidateAreaImage* a1 = cam1Areas[in.frame];
-        const CandidateAreaImage* a2 = cam2Areas[in.frame];
-        if (a1 != nullptr && a2 != nullptr && a1->afterImpact == 0 && a2->afterImpact == 0) {
-          ++candidate.usable;
-        }
-      }
-      candidate.hash = InlierListHash(candidate.inliers);
-    }
-  }
 };
 
 // Task body: the residual bound of block[i]'s planes (every inlier's two
@@ -542,8 +506,14 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
 
   // Inliers of every accepted pair (repeated entries share them).
   const InlierScanner scanner(planes1, planes2);
+  std::vector<char> usable(cam1Areas.size(), 0);
+  for (size_t j = 0; j < cam1Areas.size(); ++j) {
+    const CandidateAreaImage* a1 = cam1Areas[j];
+    const CandidateAreaImage* a2 = cam2Areas[j];
+    usable[j] = a1 != nullptr && a2 != nullptr && a1->afterImpact == 0 && a2->afterImpact == 0;
+  }
   HypothesisInliers& inlierLists = scratch.inliers;
-  inlierLists.Collect(scanner, accepted);
+  inlierLists.Collect(scanner, accepted, usable);
 
   // The sort ranks by the axisIndex of the first tracker that got here in this
   // process, and keeps it for the process's life.
@@ -567,10 +537,9 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
   // Refit over the hypotheses in rank order. A hypothesis whose inliers name
   // the same lines as one already refitted gives the same residual, which can
   // neither beat the best nor stop the search any more: it is skipped.
-  // What a hypothesis needs before the loop decides on it (its inlier lines,
-  // how many are usable, how low its residual can be) depends on nothing the
-  // loop changes; it is prepared in parallel for a block of hypotheses at a
-  // time, the blocks growing from a few (the search may stop at once).
+  // How low a hypothesis's residual can be depends on nothing the loop
+  // changes; it is bounded in parallel for a block of hypotheses at a time,
+  // the blocks growing from a few (the search may stop at once).
   double best = kInitialBestRefit;
   std::vector<char>& visited = scratch.visited;
   visited.assign(accepted.size(), 0);
@@ -596,12 +565,14 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
       block[used++].entry = &entry;
     }
     blockSize = std::min(2 * blockSize, kLastRefitBlock);
-    tbb::parallel_for(tbb::blocked_range<size_t>(0, used, kRefitGrain),
-                      ListRefitInliers{inlierLists, cam1Areas, cam2Areas, block});
     // Which hypotheses are the first with their lines does not depend on the
     // refits either: the set takes the whole block before any is decided.
     for (size_t c = 0; c < used; ++c) {
       RefitCandidate& candidate = block[c];
+      const size_t h = static_cast<size_t>(candidate.entry->hypothesis);
+      candidate.inliers = inlierLists.Lines(h);
+      candidate.usable = inlierLists.Usable(h);
+      candidate.hash = inlierLists.Hash(h);
       candidate.first = false;
       if (candidate.usable < kMinUsableInliers) continue;
       candidate.first = solved.Insert(candidate.inliers, candidate.hash);

@@ -37,18 +37,27 @@ struct InlierLines {
 // from one call to the next.
 class HypothesisInliers {
  public:
-  void Collect(const InlierScanner& scanner, const std::vector<PairHypothesis>& hypotheses);
+  // usable[j]: frame j counts towards a refit (before the impact in both
+  // cameras).
+  void Collect(const InlierScanner& scanner, const std::vector<PairHypothesis>& hypotheses,
+               const std::vector<char>& usable);
   uint32_t Count(size_t hypothesis) const { return where_[hypothesis].count; }
   std::span<const InlierLines> Lines(size_t hypothesis) const {
     const Where& w = where_[hypothesis];
     return {blocks_[hypothesis / kBlock].data() + w.offset, w.count};
   }
+  // How many of the lines are of usable frames.
+  uint32_t Usable(size_t hypothesis) const { return where_[hypothesis].usable; }
+  // A hash of the lines (equal lists, equal hashes).
+  uint64_t Hash(size_t hypothesis) const { return where_[hypothesis].hash; }
 
  private:
   static constexpr size_t kBlock = 256;
   struct Where {
     uint32_t offset;  // in the hypothesis's block
     uint32_t count;
+    uint32_t usable;
+    uint64_t hash;
   };
   std::vector<std::vector<InlierLines>> blocks_;
   std::vector<Where> where_;
