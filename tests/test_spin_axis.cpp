@@ -395,6 +395,55 @@ TEST(SpinAxis, PairRejectionRunsDecideAsSinglePairs) {
   EXPECT_LT(rejected, total * 4 / 5);
 }
 
+// Four systems solved side by side give each one's solution to the bit, or
+// leave it to the library where the one-system solver does: random planes,
+// repeated, opposite, nearly parallel and identical rows, zero and
+// non-finite values, lanes of different kinds mixed.
+TEST(SpinAxis, FourSystemsSolveAsOne) {
+  std::mt19937 rng(5);
+  std::uniform_real_distribution<double> unit(-1.0, 1.0);
+  int solved = 0;
+  for (int trial = 0; trial < 400; ++trial) {
+    double a[4][12];
+    double d[4][4];
+    for (int lane = 0; lane < 4; ++lane) {
+      const int kind = (trial + lane * 3) % 8;
+      for (int r = 0; r < 4; ++r) {
+        double v[3];
+        for (int c = 0; c < 3; ++c) v[c] = (kind == 4 && r > 0 ? a[lane][c] : 0.0) +
+                                           (kind == 4 ? 0.01 : 1.0) * unit(rng);
+        const double length = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+        for (int c = 0; c < 3; ++c) a[lane][3 * r + c] = v[c] / length;
+        d[lane][r] = 2000.0 * unit(rng);
+      }
+      if (kind == 1 || kind == 2) std::copy(a[lane], a[lane] + 3, a[lane] + 3);  // repeated
+      if (kind == 2) std::copy(a[lane] + 6, a[lane] + 9, a[lane] + 9);            // rank two
+      if (kind == 3) {
+        for (int c = 0; c < 3; ++c) a[lane][3 + c] = -a[lane][c];  // opposite
+      }
+      if (kind == 5) {
+        for (int r = 1; r < 4; ++r) std::copy(a[lane], a[lane] + 3, a[lane] + 3 * r);
+      }
+      if (kind == 6) std::fill(a[lane], a[lane] + 12, 0.0);
+      if (kind == 7) d[lane][trial % 4] = trial % 3 == 0 ? NAN : INFINITY;
+    }
+    const double* as[4] = {a[0], a[1], a[2], a[3]};
+    const double* ds[4] = {d[0], d[1], d[2], d[3]};
+    double x[4][3];
+    const unsigned mask = SolvePlanesJacobi4(as, ds, x);
+    for (int lane = 0; lane < 4; ++lane) {
+      double one[3];
+      const bool single = SolvePlanesJacobi(a[lane], d[lane], 4, one);
+      ASSERT_EQ(((mask >> lane) & 1) != 0, single) << "trial " << trial << ", lane " << lane;
+      if (single) {
+        ASSERT_EQ(std::memcmp(one, x[lane], sizeof one), 0) << "trial " << trial << ", lane " << lane;
+      }
+      solved += single ? 1 : 0;
+    }
+  }
+  EXPECT_GT(solved, 800);
+}
+
 // The inlier bits without distances equal those of the distances (at 10 and a step
 // either side, NaN, zero, tiny, huge, infinite lengths).
 TEST(SpinAxis, InlierBitsWithoutDistances) {

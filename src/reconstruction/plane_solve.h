@@ -18,6 +18,12 @@ constexpr int kJacobiSolveMaxRows = 24;
 // back-substitution would keep); the caller then asks the library itself.
 bool SolvePlanesJacobi(const double* a, const double* d, int rows, double* x);
 
+// SolvePlanesJacobi of four systems of four rows at once (a[i]: 12 values,
+// d[i]: 4): bit i of the result is set when x[i] holds system i's solution,
+// clear where SolvePlanesJacobi(a[i], d[i], 4, .) would return false (x[i]
+// then unspecified). Lane by lane the same operations in the same order.
+unsigned SolvePlanesJacobi4(const double* const* a, const double* const* d, double (*x)[3]);
+
 // Whether SolvePlanesJacobi gives the library's bits on this machine: checked
 // once per process on probe systems (regular, repeated and opposite rows,
 // nearly parallel planes) against cv::solve(DECOMP_SVD).

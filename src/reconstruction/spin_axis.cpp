@@ -162,18 +162,17 @@ struct EvaluateLinePairs {
   std::vector<PairHypothesis>* accepted;  // one list per chunk
   ChunkPaths* paths;                      // one per chunk
 
-  void operator()(const tbb::blocked_range<int>& range) const {
-    // Scratch of this worker: the four planes, their offsets, the solution and
-    // the residuals, under fixed matrix headers.
+  // A pair that needs its exact solution, with its planes.
+  struct Pending {
+    uint64_t slot;
+    int frameA, frameB;
+    uint32_t line1a, line1b, line2a, line2b;
     double a[12];
     double d[4];
-    double x[3];
-    double r[4];
-    const cv::Mat matA(4, 3, CV_64F, a);
-    const cv::Mat matD(4, 1, CV_64F, d);
-    cv::Mat matX(3, 1, CV_64F, x);
-    const cv::Mat matR(4, 1, CV_64F, r);
+  };
 
+  void operator()(const tbb::blocked_range<int>& range) const {
+    Pending pending[4];
     for (int c = range.begin(); c != range.end(); ++c) {
       std::vector<PairHypothesis>& out = accepted[c];
       ChunkPaths& path = paths[c];
@@ -181,6 +180,7 @@ struct EvaluateLinePairs {
       uint64_t g = chunk * static_cast<uint64_t>(c);
       const uint64_t end = g + chunk;
       LinePairs::Cursor cursor = pairs.Seek(g);
+      int waiting = 0;
       while (g < end) {
         // The pairs that differ only in camera 2's line of the second frame,
         // up to 64 at a time: those whose point is far outside the windows
@@ -191,6 +191,8 @@ struct EvaluateLinePairs {
         const LinePlane* fixed[3] = {&planes1.At(frames.a, static_cast<int>(cursor.line1a)),
                                      &planes1.At(frames.b, static_cast<int>(cursor.line1b)),
                                      &planes2.At(frames.a, static_cast<int>(cursor.line2a))};
+        double a[9];
+        double d[3];
         for (int i = 0; i < 3; ++i) {
           a[3 * i] = fixed[i]->normal[0];
           a[3 * i + 1] = fixed[i]->normal[1];
@@ -204,33 +206,65 @@ struct EvaluateLinePairs {
         path.surelyRejected += static_cast<uint64_t>(std::popcount(rejected));
         for (int k = 0; k < run; ++k, ++g, pairs.Next(cursor)) {
           if ((rejected >> k) & 1) continue;
+          Pending& p = pending[waiting++];
+          p.slot = g;
+          p.frameA = frames.a;
+          p.frameB = frames.b;
+          p.line1a = cursor.line1a;
+          p.line1b = cursor.line1b;
+          p.line2a = cursor.line2a;
+          p.line2b = cursor.line2b;
+          std::copy(a, a + 9, p.a);
+          std::copy(d, d + 3, p.d);
           const LinePlane& last = planes2.At(frames.b, static_cast<int>(cursor.line2b));
-          a[9] = last.normal[0];
-          a[10] = last.normal[1];
-          a[11] = last.normal[2];
-          d[3] = last.offset;
-          Evaluate(g, frames, cursor, a, d, x, r, matA, matD, matX, matR, out, path);
+          std::copy(last.normal, last.normal + 3, p.a + 9);
+          p.d[3] = last.offset;
+          if (waiting == 4) {
+            Evaluate(pending, waiting, out, path);
+            waiting = 0;
+          }
         }
       }
+      Evaluate(pending, waiting, out, path);
     }
   }
 
-  // The exact solution of one pair (planes in a, d) and its acceptance.
-  void Evaluate(uint64_t g, const LinePairs::FramePair& frames, const LinePairs::Cursor& cursor,
-                double* a, double* d, double* x, double* r, const cv::Mat& matA,
-                const cv::Mat& matD, cv::Mat& matX, const cv::Mat& matR,
-                std::vector<PairHypothesis>& out, ChunkPaths& path) const {
-    // The pseudo-inverse solution, evaluated as the library evaluates
-    // A.inv(DECOMP_SVD) * d.
-    if (!(jacobi && SolvePlanesJacobi(a, d, 4, x))) {
-      ++path.solvedByLibrary;
-      cv::solve(matA, matD, matX, cv::DECOMP_SVD);
-      if (matX.data != reinterpret_cast<uchar*>(x)) {
-        for (int i = 0; i < 3; ++i) x[i] = matX.at<double>(i);
-        matX = cv::Mat(3, 1, CV_64F, x);
+  // The exact solutions of `count` pairs and their acceptance, in order.
+  void Evaluate(Pending* pending, int count, std::vector<PairHypothesis>& out,
+                ChunkPaths& path) const {
+    double x[4][3];
+    unsigned solved = 0;
+    if (jacobi && count == 4) {
+      const double* const as[4] = {pending[0].a, pending[1].a, pending[2].a, pending[3].a};
+      const double* const ds[4] = {pending[0].d, pending[1].d, pending[2].d, pending[3].d};
+      solved = SolvePlanesJacobi4(as, ds, x);
+    } else if (jacobi) {
+      for (int i = 0; i < count; ++i) {
+        solved |= SolvePlanesJacobi(pending[i].a, pending[i].d, 4, x[i]) ? 1u << i : 0u;
       }
     }
-    PlaneResiduals(rounding, a, x, d, r, 4);
+    for (int i = 0; i < count; ++i) {
+      Pending& p = pending[i];
+      if (((solved >> i) & 1) == 0) {
+        // The pseudo-inverse solution as the library evaluates
+        // A.inv(DECOMP_SVD) * d.
+        ++path.solvedByLibrary;
+        const cv::Mat matA(4, 3, CV_64F, p.a);
+        const cv::Mat matD(4, 1, CV_64F, p.d);
+        cv::Mat matX(3, 1, CV_64F, x[i]);
+        cv::solve(matA, matD, matX, cv::DECOMP_SVD);
+        if (matX.data != reinterpret_cast<uchar*>(x[i])) {
+          for (int k = 0; k < 3; ++k) x[i][k] = matX.at<double>(k);
+        }
+      }
+      Accept(p, x[i], out);
+    }
+  }
+
+  void Accept(const Pending& p, const double* x, std::vector<PairHypothesis>& out) const {
+    double r[4];
+    PlaneResiduals(rounding, p.a, x, p.d, r, 4);
+    const cv::Mat matR(4, 1, CV_64F, r);
     const double residual = matR.dot(matR) / 4;
     const double along = std::abs(x[axisIndex] - referencePoint[axisIndex]);
     const double offset[3] = {x[0] - referencePoint[0], x[1] - referencePoint[1],
@@ -240,13 +274,13 @@ struct EvaluateLinePairs {
     if (residual > kMaxPairResidual) return;
     if (along < kMinAlongAxis || along > kMaxAlongAxis) return;
     if (distance < kMinDistance || distance > kMaxDistance) return;
-    out.push_back(PairHypothesis{static_cast<uint32_t>(g),
-                                 frames.a,
-                                 frames.b,
-                                 static_cast<int32_t>(cursor.line1a),
-                                 static_cast<int32_t>(cursor.line1b),
-                                 static_cast<int32_t>(cursor.line2a),
-                                 static_cast<int32_t>(cursor.line2b),
+    out.push_back(PairHypothesis{static_cast<uint32_t>(p.slot),
+                                 p.frameA,
+                                 p.frameB,
+                                 static_cast<int32_t>(p.line1a),
+                                 static_cast<int32_t>(p.line1b),
+                                 static_cast<int32_t>(p.line2a),
+                                 static_cast<int32_t>(p.line2b),
                                  {x[0], x[1], x[2]},
                                  static_cast<float>(residual)});
   }
