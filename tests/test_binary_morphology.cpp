@@ -42,6 +42,25 @@ bool Same(const cv::Mat& a, const cv::Mat& b) {
   return a.size() == b.size() && a.type() == b.type() && cv::countNonZero(a != b) == 0;
 }
 
+// The holes filled as the head tracker filled them: the background flooded
+// from a frame around the mask, whatever it does not reach set.
+cv::Mat LiteralFilled(const cv::Mat& mask) {
+  cv::Mat padded, filled;
+  cv::copyMakeBorder(mask, padded, 1, 1, 1, 1, cv::BORDER_CONSTANT, cv::Scalar(0));
+  cv::floodFill(padded, cv::Point(0, 0), cv::Scalar(128));
+  cv::compare(padded(cv::Rect(1, 1, mask.cols, mask.rows)), 128, filled, cv::CMP_NE);
+  return filled;
+}
+
+cv::Mat PackedFilled(const cv::Mat& mask) {
+  BitMask bits;
+  EXPECT_TRUE(bits.Pack(mask));
+  bits.FillHoles();
+  cv::Mat out;
+  bits.Unpack(out);
+  return out;
+}
+
 // Random blobs (some over the borders) and noise on sizes with widths around
 // multiples of 64, single pixels and single rows or columns.
 TEST(BinaryMorphology, SameAsMorphologyExOnRandomMasks) {
@@ -82,7 +101,25 @@ TEST(BinaryMorphology, SameAsMorphologyExOnRandomMasks) {
             << size << " trial " << trial << " op " << step.op << " shape " << step.shape
             << " size " << step.size;
       }
+      EXPECT_TRUE(Same(PackedFilled(mask), LiteralFilled(mask))) << size << " trial " << trial;
     }
+  }
+  // Holes reached only along a path that winds up and down many times: a
+  // square spiral with one way in, and its mirror image.
+  cv::Mat spiral = cv::Mat::zeros(97, 131, CV_8UC1);
+  for (int k = 0; 4 * k + 2 < 97 / 2; ++k) {
+    const int a = 4 * k, b = 4 * k + 2;
+    cv::rectangle(spiral, cv::Point(a, a), cv::Point(130 - a, 96 - a), cv::Scalar(255));
+    spiral(cv::Rect(b - 1, a, 2, 1)).setTo(0);        // the way in, one ring at a time
+    spiral.at<uchar>(a + 1, b + 1) = 255;             // a cell the flood cannot enter
+    spiral(cv::Rect(b, b, 1, 1)).setTo(255);
+  }
+  for (const cv::Mat& mask : {spiral, cv::Mat(spiral.t()), [&] {
+         cv::Mat flipped;
+         cv::flip(spiral, flipped, -1);
+         return flipped;
+       }()}) {
+    EXPECT_TRUE(Same(PackedFilled(mask), LiteralFilled(mask)));
   }
   // Masks that are not 0/255 (or not whole) are left to cv::morphologyEx.
   BitMask bits;
@@ -125,6 +162,7 @@ TEST(BinaryMorphology, SameAsMorphologyExOnSwingChangeMasks) {
     MorphologyChain(mask, fast, {kSteps[4], kSteps[1], kSteps[2]});
     MorphologyChainLiteral(mask, literal, {kSteps[4], kSteps[1], kSteps[2]});
     EXPECT_TRUE(Same(fast, literal)) << "line chain, mask " << k;
+    EXPECT_TRUE(Same(PackedFilled(mask), LiteralFilled(mask))) << "holes, mask " << k;
 
     const int expected = LiteralPresence(mask, literal);
     int blob = -1;

@@ -41,6 +41,10 @@ class BitMask {
   void CopyTo(BitMask& other) const;
   // Sets the outermost row and column on every side to 0.
   void ClearFrame();
+  // Sets every 0 pixel that no 4-connected path of 0 pixels joins to the
+  // plane's edge: the holes that a flood fill of the background from outside
+  // the plane leaves.
+  void FillHoles();
   bool Any() const;
   // The set pixels, row by row and left to right (cv::findNonZero's order).
   void SetPixels(std::vector<cv::Point>& points) const;
@@ -75,6 +79,7 @@ class BitMask {
   std::vector<int> freeBuffers_;
   std::vector<uint64_t> column_;    // row windows of a uniform kernel
   std::vector<uint64_t> vertical_;  // the result of the rows of another kernel
+  std::vector<uint64_t> open_, reach_, row_;  // FillHoles: the 0 pixels, those the edge reaches
   std::vector<Kernel> kernels_;
 };
 

@@ -219,6 +219,92 @@ void BitMask::ClearFrame() {
   }
 }
 
+namespace {
+
+// Spreads the set bits of row r (a subset of m) along the runs of m, across
+// the row's words: towards the high bits by an addition that carries through
+// each run, towards the low bits by doubling shifts.
+void SpreadAlongRuns(uint64_t* r, const uint64_t* m, int words) {
+  unsigned carry = 0;
+  for (int w = 0; w < words; ++w) {
+    const uint64_t g = r[w];
+    const unsigned __int128 sum = static_cast<unsigned __int128>(m[w]) + g + carry;
+    carry = static_cast<unsigned>(sum >> 64);
+    r[w] = ((static_cast<uint64_t>(sum) ^ m[w]) & m[w]) | g;
+  }
+  uint64_t from = 0;  // the lowest bit of the word above
+  for (int w = words - 1; w >= 0; --w) {
+    uint64_t g = r[w] | ((from << 63) & m[w]);
+    uint64_t p = m[w];
+    for (int shift = 1; shift < 64; shift *= 2) {
+      g |= p & (g >> shift);
+      p &= p >> shift;
+    }
+    r[w] = g;
+    from = g & 1;
+  }
+}
+
+}  // namespace
+
+void BitMask::FillHoles() {
+  if (rows_ == 0 || cols_ == 0) return;
+  const size_t n = static_cast<size_t>(rows_) * words_;
+  open_.resize(n);
+  reach_.assign(n, 0);
+  const uint64_t lastWord = pad_ == 0 ? ~uint64_t{0} : ~pad_;
+  const uint64_t lastBit = uint64_t{1} << ((cols_ - 1) % 64);
+  for (int y = 0; y < rows_; ++y) {
+    uint64_t* open = open_.data() + static_cast<size_t>(y) * words_;
+    uint64_t* reach = reach_.data() + static_cast<size_t>(y) * words_;
+    const uint64_t* set = bits_.data() + static_cast<size_t>(y) * words_;
+    for (int w = 0; w < words_; ++w) open[w] = ~set[w] & (w == words_ - 1 ? lastWord : ~uint64_t{0});
+    // The edge: the first and last rows whole, the first and last columns.
+    if (y == 0 || y == rows_ - 1) {
+      std::copy(open, open + words_, reach);
+    } else {
+      reach[0] |= open[0] & 1;
+      reach[words_ - 1] |= open[words_ - 1] & lastBit;
+    }
+  }
+  // Down and up the rows in turn, each row taking what the row before
+  // reaches and spreading it along its runs. After a sweep every row holds
+  // what the rows on the side it came from reach; a sweep that changes
+  // nothing leaves rows that hold what both sides reach.
+  std::vector<uint64_t>& row = row_;
+  row.resize(static_cast<size_t>(words_));
+  const auto step = [&](int y, int from, bool spread) {
+    uint64_t* reach = reach_.data() + static_cast<size_t>(y) * words_;
+    const uint64_t* open = open_.data() + static_cast<size_t>(y) * words_;
+    const uint64_t* before = reach_.data() + static_cast<size_t>(from) * words_;
+    uint64_t fresh = 0;
+    for (int w = 0; w < words_; ++w) {
+      row[w] = reach[w] | (before[w] & open[w]);
+      fresh |= row[w] & ~reach[w];
+    }
+    if (fresh == 0 && !spread) return false;  // nothing new to spread
+    SpreadAlongRuns(row.data(), open, words_);
+    const bool changed = !std::equal(row.begin(), row.end(), reach);
+    std::copy(row.begin(), row.end(), reach);
+    return changed;
+  };
+  // The first sweep spreads the edge's own rows and columns as well.
+  for (int y = 0; y < rows_; ++y) step(y, y > 0 ? y - 1 : y, true);
+  for (bool down = false;; down = !down) {
+    bool changed = false;
+    if (down) {
+      for (int y = 1; y < rows_; ++y) changed |= step(y, y - 1, false);
+    } else {
+      for (int y = rows_ - 2; y >= 0; --y) changed |= step(y, y + 1, false);
+    }
+    if (!changed) break;
+  }
+  for (size_t i = 0; i < n; ++i) {
+    const bool last = (i % static_cast<size_t>(words_)) == static_cast<size_t>(words_ - 1);
+    bits_[i] = ~reach_[i] & (last ? lastWord : ~uint64_t{0});
+  }
+}
+
 bool BitMask::Any() const {
   return std::any_of(bits_.begin(), bits_.begin() + static_cast<std::ptrdiff_t>(rows_) * words_,
                      [](uint64_t w) { return w != 0; });

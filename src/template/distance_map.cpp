@@ -69,8 +69,10 @@ void RowPass(float* d, int n, DistanceScratch& s) {
   for (int q = 0; q < n; ++q) {
     while (z[k + 1] < static_cast<float>(q)) ++k;
     const int p = v[k];
-    d[q] = std::sqrt(square[std::abs(q - p)] + f[p]);
+    d[q] = square[std::abs(q - p)] + f[p];
   }
+  // The roots apart, where they are taken several at a time.
+  for (int q = 0; q < n; ++q) d[q] = std::sqrt(d[q]);
 }
 
 }  // namespace

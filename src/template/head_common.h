@@ -187,16 +187,26 @@ inline cv::Mat ChangedMask(const cv::Mat& grey, const cv::Mat& background, int c
   const cv::Rect set = MaskBounds(changed);
   if (set.empty()) return filled;
   const cv::Rect crop = Clip(Grow(set, 2 * (closing / 2) + 1), changed.size());
-  const cv::Mat kernel =
-      cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(closing, closing));
+  // The closing of the crop on its own (beyond it the changed pixels are 0,
+  // as the dilation reads its border), on bit planes.
+  thread_local cv::Mat part;
+  changed(crop).copyTo(part);
+  const MorphStep closingSteps[2] = {{cv::MORPH_DILATE, cv::MORPH_ELLIPSE, closing},
+                                     {cv::MORPH_ERODE, cv::MORPH_ELLIPSE, closing}};
+  cv::Mat inside = filled(crop);
+  BitMask& bits = ThreadBitMask();
+  if (bits.Supports(closingSteps[0]) && bits.Supports(closingSteps[1]) && bits.Pack(part)) {
+    for (const MorphStep& step : closingSteps) bits.Apply(step);
+    bits.FillHoles();
+    bits.Unpack(inside);
+    return filled;
+  }
   cv::Mat closed;
-  cv::dilate(changed(crop), closed, kernel);
-  cv::erode(closed, closed, kernel);
+  MorphologyChainLiteral(part, closed, {closingSteps[0], closingSteps[1]});
   // Whatever the outside cannot reach belongs to the silhouette.
   cv::Mat padded;
   cv::copyMakeBorder(closed, padded, 1, 1, 1, 1, cv::BORDER_CONSTANT, cv::Scalar(0));
   cv::floodFill(padded, cv::Point(0, 0), cv::Scalar(128));
-  cv::Mat inside = filled(crop);
   cv::compare(padded(cv::Rect(1, 1, crop.width, crop.height)), 128, inside, cv::CMP_NE);
   return filled;
 }
