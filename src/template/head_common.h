@@ -144,17 +144,25 @@ inline cv::Mat OpenByDisc(const cv::Mat& mask, const cv::Mat& distance, double r
 // pixels of background, or the frame's edge: every step of the 5 x 5 chamfer
 // that leaves the box lands on background first, and the nearest background
 // pixel outside the box is never nearer than its projection onto that ring.
+inline cv::Rect ActiveBox(const cv::Mat& mask) {
+  const cv::Rect set = MaskBounds(mask);
+  return set.empty() ? cv::Rect() : Clip(Grow(set, 2), mask.size());
+}
+// The transform of a whole mask (or part of one) into `distance`, which may be
+// a view of the right size.
+inline void Distances(const cv::Mat& mask, int maskSize, cv::Mat& distance) {
+  if (maskSize == cv::DIST_MASK_PRECISE) {
+    PreciseDistances(mask, distance);
+  } else {
+    cv::distanceTransform(mask, distance, cv::DIST_L2, maskSize);
+  }
+}
 inline cv::Mat BoxedDistances(const cv::Mat& mask, int maskSize, cv::Rect& active) {
   cv::Mat distance(mask.size(), CV_32F, cv::Scalar(0));
-  const cv::Rect set = MaskBounds(mask);
-  active = set.empty() ? cv::Rect() : Clip(Grow(set, 2), mask.size());
+  active = ActiveBox(mask);
   if (active.empty()) return distance;
   cv::Mat part = distance(active);
-  if (maskSize == cv::DIST_MASK_PRECISE) {
-    PreciseDistances(mask(active), part);
-  } else {
-    cv::distanceTransform(mask(active), part, cv::DIST_L2, maskSize);
-  }
+  Distances(mask(active), maskSize, part);
   return distance;
 }
 

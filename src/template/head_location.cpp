@@ -148,13 +148,15 @@ bool LocateHead(const CameraFrame& frame, const cv::Mat& background,
     cv::floodFill(moving, ballHalf, cv::Scalar(0));
   }
 
-  // The head is the thickest part of the moving club.
-  cv::Rect active;
-  const cv::Mat distance = BoxedDistances(moving, cv::DIST_MASK_5, active);
+  // The head is the thickest part of the moving club (the distances are 0
+  // outside the box of the moving pixels).
+  const cv::Rect active = ActiveBox(moving);
   if (active.empty()) return false;
+  cv::Mat distance;
+  Distances(moving(active), cv::DIST_MASK_5, distance);
   double thickness = 0.0;
   cv::Point deepest;
-  cv::minMaxLoc(distance(active), nullptr, &thickness, nullptr, &deepest);
+  cv::minMaxLoc(distance, nullptr, &thickness, nullptr, &deepest);
   deepest += active.tl();
   if (2.0 * thickness < kMinHeadThickness) return false;
 
@@ -162,8 +164,11 @@ bool LocateHead(const CameraFrame& frame, const cv::Mat& background,
   const int reach = static_cast<int>(std::ceil(5.0 * thickness));
   const cv::Rect region = Clip(
       cv::Rect(deepest.x - reach, deepest.y - reach, 2 * reach + 1, 2 * reach + 1), grey.size());
+  cv::Mat regionDistance = cv::Mat::zeros(region.size(), CV_32F);
+  const cv::Rect both = region & active;
+  distance(both - active.tl()).copyTo(regionDistance(both - region.tl()));
   cv::Mat body =
-      OpenByDisc(moving(region), distance(region), std::max(1.0, kOpeningFraction * thickness));
+      OpenByDisc(moving(region), regionDistance, std::max(1.0, kOpeningFraction * thickness));
   cv::Rect box;
   if (!ComponentBox(body, deepest - region.tl(), box)) return false;
   box += region.tl();
