@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "reconstruction/plane_cache.h"
+#include "reconstruction/pair_bounds.h"
 #include "reconstruction/plane_solve.h"
 #include "reconstruction/ranking.h"
 #include "reconstruction/spin_axis.h"

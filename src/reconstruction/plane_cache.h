@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "reconstruction/geometry.h"
+#include "reconstruction/pair_bounds.h"
 #include "reconstruction/plane_solve.h"
 #include "tracker/records.h"
 

@@ -69,9 +69,8 @@ void RankHypotheses(std::vector<SortEntry>& list, RankScratch& s) {
       for (size_t k = 1; k < start.size(); ++k) start[k] += start[k - 1];
       for (const uint32_t i : s.order[0]) s.sorted[start[most - list[i].inliers]++] = list[i];
     } else {
-      std::stable_sort(s.order[0].begin(), s.order[0].end(), [&](uint32_t l, uint32_t r) {
-        return list[l].inliers > list[r].inliers;
-      });
+      std::stable_sort(s.order[0].begin(), s.order[0].end(),
+                       [&](uint32_t l, uint32_t r) { return list[l].inliers > list[r].inliers; });
       for (size_t k = 0; k < n; ++k) s.sorted[k] = list[s.order[0][k]];
     }
     for (size_t k = 1; k < n && unique; ++k) {
