@@ -208,6 +208,15 @@ JACOBI_AVX2 void Exchange(__m256d& u, __m256d& v, __m256d mask) {
   u = Pick(u, v, mask);
   v = Pick(v, old, mask);
 }
+// The pair rotated, t0 = c u + s v and t1 = -s u + c v, written back to u and
+// v in the lanes of `mask`.
+JACOBI_AVX2 void Rotate(__m256d c, __m256d s, __m256d minusS, __m256d mask, __m256d& u,
+                        __m256d& v, __m256d& t0, __m256d& t1) {
+  t0 = _mm256_add_pd(_mm256_mul_pd(c, u), _mm256_mul_pd(s, v));
+  t1 = _mm256_add_pd(_mm256_mul_pd(minusS, u), _mm256_mul_pd(c, v));
+  u = Pick(u, t0, mask);
+  v = Pick(v, t1, mask);
+}
 #undef JACOBI_AVX2
 
 // SolveJacobi<4> on four systems, one per lane: every branch of the one-lane
@@ -289,11 +298,8 @@ __attribute__((target("avx2"))) unsigned SolveJacobi4Avx2(const double* const* a
         __m256d wa = zero;
         __m256d wb = zero;
         for (int k = 0; k < m; ++k) {
-          const __m256d t0 = _mm256_add_pd(_mm256_mul_pd(c, at[i][k]), _mm256_mul_pd(s, at[j][k]));
-          const __m256d t1 =
-              _mm256_add_pd(_mm256_mul_pd(minusS, at[i][k]), _mm256_mul_pd(c, at[j][k]));
-          at[i][k] = Pick(at[i][k], t0, rotate);
-          at[j][k] = Pick(at[j][k], t1, rotate);
+          __m256d t0, t1;
+          Rotate(c, s, minusS, rotate, at[i][k], at[j][k], t0, t1);
           wa = _mm256_add_pd(wa, _mm256_mul_pd(t0, t0));
           wb = _mm256_add_pd(wb, _mm256_mul_pd(t1, t1));
         }
@@ -301,11 +307,8 @@ __attribute__((target("avx2"))) unsigned SolveJacobi4Avx2(const double* const* a
         w[j] = Pick(wb0, wb, rotate);
         changed = _mm256_or_pd(changed, rotate);
         for (int k = 0; k < n; ++k) {
-          const __m256d t0 = _mm256_add_pd(_mm256_mul_pd(c, vt[i][k]), _mm256_mul_pd(s, vt[j][k]));
-          const __m256d t1 =
-              _mm256_add_pd(_mm256_mul_pd(minusS, vt[i][k]), _mm256_mul_pd(c, vt[j][k]));
-          vt[i][k] = Pick(vt[i][k], t0, rotate);
-          vt[j][k] = Pick(vt[j][k], t1, rotate);
+          __m256d t0, t1;
+          Rotate(c, s, minusS, rotate, vt[i][k], vt[j][k], t0, t1);
         }
       }
     }
