@@ -369,6 +369,7 @@ TEST(SpinAxis, PairRejectionRunsDecideAsSinglePairs) {
       for (int i = 0; i < 3; ++i) columns[10 + i].push_back(n[3 * k + i]);
       columns[13].push_back(d[k]);
     }
+    for (std::vector<double>& column : columns) column.resize(column.size() + 3, 0.0);
     PlaneTermColumns last;
     for (int i = 0; i < 6; ++i) last.nn[i] = columns[i].data();
     for (int i = 0; i < 3; ++i) last.nd[i] = columns[6 + i].data();

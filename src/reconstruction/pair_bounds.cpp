@@ -152,19 +152,19 @@ AVX2_INLINE __m256d Finite(__m256d v) {
 
 // Four fourth planes at a time; every lane performs PairSurelyRejected's
 // operations in its order (no fused multiply-adds), so lane k decides as the
-// one-pair form does for plane k.
+// one-pair form does for plane k. The columns are read in whole groups of
+// four.
 __attribute__((target("avx2"))) uint64_t PairsSurelyRejectedAvx2(
     const double* a3, const double* d3, const PlaneNormalTerms* const* first,
     const PlaneTermColumns& last, int count, const double* reference, int axisIndex,
     const PairWindows& windows) {
   uint64_t bits = 0;
-  const int whole = count & ~3;
   if (first[0]->usable && first[1]->usable && first[2]->usable) {
     double m3[6];
     double b3[3];
     for (int k = 0; k < 6; ++k) m3[k] = (first[0]->nn[k] + first[1]->nn[k]) + first[2]->nn[k];
     for (int r = 0; r < 3; ++r) b3[r] = (first[0]->nd[r] + first[1]->nd[r]) + first[2]->nd[r];
-    for (int k = 0; k < whole; k += 4) {
+    for (int k = 0; k < count; k += 4) {
       __m256d m[6];
       __m256d b[3];
       for (int i = 0; i < 6; ++i) m[i] = Add(All(m3[i]), _mm256_loadu_pd(last.nn[i] + k));
@@ -229,19 +229,8 @@ __attribute__((target("avx2"))) uint64_t PairsSurelyRejectedAvx2(
       bits |= static_cast<uint64_t>(_mm256_movemask_pd(_mm256_and_pd(sure, reject))) << k;
     }
   }
-  if (whole < count) {
-    PlaneTermColumns rest = last;
-    for (const double** column : {&rest.nn[0], &rest.nn[1], &rest.nn[2], &rest.nn[3], &rest.nn[4],
-                                  &rest.nn[5], &rest.nd[0], &rest.nd[1], &rest.nd[2], &rest.usable,
-                                  &rest.normal[0], &rest.normal[1], &rest.normal[2],
-                                  &rest.offset}) {
-      *column += whole;
-    }
-    bits |= PairsSurelyRejectedScalar(a3, d3, first, rest, count - whole, reference, axisIndex,
-                                      windows)
-            << whole;
-  }
-  return bits;
+  // The lanes past the last plane read the padding and are dropped.
+  return count == 64 ? bits : bits & ((uint64_t{1} << count) - 1);
 }
 #endif
 

@@ -50,6 +50,8 @@ struct PlaneTermColumns {
 // PairSurelyRejected of the planes (first[0], first[1], first[2], plane k of
 // `last`) for k < count <= 64, as bit k: the same operations lane by lane.
 // `a` holds the three first planes' normals (9 values), `d` their offsets.
+// The columns must be readable up to count rounded up to a multiple of four
+// (what lies past count is read and ignored).
 uint64_t PairsSurelyRejected(const double* a, const double* d,
                              const PlaneNormalTerms* const* first, const PlaneTermColumns& last,
                              int count, const double* reference, int axisIndex,

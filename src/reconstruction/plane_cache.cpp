@@ -27,7 +27,7 @@ void PlaneCache::Build(const std::vector<CandidateAreaImage*>& areas,
        {&nx_, &ny_, &nz_, &offset_, &length_, &nn_[0], &nn_[1], &nn_[2], &nn_[3], &nn_[4],
         &nn_[5], &nd_[0], &nd_[1], &nd_[2], &usable_}) {
     column->clear();
-    column->reserve(total);
+    column->reserve(total + kColumnPadding);
   }
   start_.reserve(areas.size() + 1);
 
@@ -58,6 +58,12 @@ void PlaneCache::Build(const std::vector<CandidateAreaImage*>& areas,
       }
     }
     start_.push_back(static_cast<int>(planes_.size()));
+  }
+  // Padding for the readers that take four planes at a time (never usable).
+  for (std::vector<double>* column :
+       {&nx_, &ny_, &nz_, &offset_, &length_, &nn_[0], &nn_[1], &nn_[2], &nn_[3], &nn_[4],
+        &nn_[5], &nd_[0], &nd_[1], &nd_[2], &usable_}) {
+    column->insert(column->end(), kColumnPadding, 0.0);
   }
 }
 

@@ -35,6 +35,7 @@ struct PlaneColumns {
 };
 
 // One camera's planes, frame by frame, in the order of each frame's lines.
+// Every column holds kColumnPadding unusable entries past the last plane.
 class PlaneCache {
  public:
   // A null area or one without lines contributes no plane.
@@ -66,6 +67,7 @@ class PlaneCache {
 
  private:
   std::vector<LinePlane> planes_;
+  static constexpr size_t kColumnPadding = 3;
   std::vector<double> nx_, ny_, nz_, offset_, length_;
   std::vector<double> nn_[6], nd_[3], usable_;  // of each plane's NormalTerms
   std::vector<int> start_{0};  // planes of frame j: [start_[j], start_[j + 1])
