@@ -446,24 +446,6 @@ TEST(SpinAxis, FourSystemsSolveAsOne) {
   EXPECT_GT(solved, 800);
 }
 
-// The inlier bits without distances equal those of the distances (at 10 and a step
-// either side, NaN, zero, tiny, huge, infinite lengths).
-TEST(SpinAxis, InlierBitsWithoutDistances) {
-  const double ten = 10.0, up = std::nextafter(ten, INFINITY), down = std::nextafter(ten, 0.0);
-  std::vector<double> n{ten, up, down, -ten, 30, 3 * down, NAN, 1, 0, 1e-199, 1e201, 1, INFINITY,
-                        -9.99, 9};
-  std::vector<double> len{1, 1, 1, 1, 3, 3, 1, 0, 0, 1e-200, 1e200, INFINITY, 1, -1, 1};
-  std::vector<double> z(15), out(15);
-  const PlaneColumns planes{n.data(), z.data(), z.data(), z.data(), len.data()};
-  const double x[3] = {1.0, 0.0, 0.0};
-  uint64_t bits[2];
-  for (int k : {0, 1}) {
-    SelectPlaneDistances(MatRounding::Get(), k == 1)(planes, 15, x, out.data(), &bits[k]);
-  }
-  EXPECT_EQ(bits[0], bits[1]);
-  EXPECT_EQ(bits[0] & 0xF, 0b0100u);
-}
-
 // Frames 0-4 turn about the true pivot, frames 5-8 about one moved by
 // (110, 0, 70); camera 1's line of frame 4 is shifted sideways by `shift` mm.
 Areas TwoPivots(double shift) {

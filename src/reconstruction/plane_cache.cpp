@@ -115,22 +115,11 @@ void DistancesFused(const PlaneColumns& planes, int count, const double* x, doub
 #if defined(__x86_64__) || defined(__i386__)
 // Four planes at a time: every lane is the same fused multiply-adds,
 // subtraction, division and sign clearing as the one-plane form.
-//
-// kBitsOnly: only the bits, dividing only where the product test leaves a
-// doubt. For |len| in [1e-100, 1e100], |num| < 10 |len| (1 - 1e-12), rounded
-// as it is, still means fl(|num| / |len|) < 10, and |num| > 10 |len|
-// (1 + 1e-12) means fl(|num| / |len|) > 10 (both margins exceed the three
-// roundings by orders of magnitude). NaN leaves both in doubt.
-template <bool kBitsOnly>
-__attribute__((target("avx2,fma"))) void FusedAvx2(const PlaneColumns& planes, int count,
-                                                   const double* x, double* out,
-                                                   uint64_t* within) {
+__attribute__((target("avx2,fma"))) void DistancesFusedAvx2(const PlaneColumns& planes,
+                                                            int count, const double* x,
+                                                            double* out, uint64_t* within) {
   ClearWithin(count, within);
   const __m256d limit = _mm256_set1_pd(static_cast<double>(kInlierDistance));
-  const __m256d below = _mm256_set1_pd(1.0 - 1e-12);
-  const __m256d above = _mm256_set1_pd(1.0 + 1e-12);
-  const __m256d smallest = _mm256_set1_pd(1e-100);
-  const __m256d largest = _mm256_set1_pd(1e100);
   const __m256d x0 = _mm256_set1_pd(x[0]);
   const __m256d x1 = _mm256_set1_pd(x[1]);
   const __m256d x2 = _mm256_set1_pd(x[2]);
@@ -143,25 +132,10 @@ __attribute__((target("avx2,fma"))) void FusedAvx2(const PlaneColumns& planes, i
                                         _mm256_mul_pd(_mm256_loadu_pd(planes.nx + k), x0)));
     const __m256d num = _mm256_sub_pd(dot, _mm256_loadu_pd(planes.offset + k));
     const __m256d len = _mm256_loadu_pd(planes.length + k);
-    int bits = 0;
-    bool sure = false;
-    if (kBitsOnly) {
-      const __m256d t = _mm256_and_pd(num, signless);
-      const __m256d l = _mm256_and_pd(len, signless);
-      const __m256d p = _mm256_mul_pd(limit, l);
-      const __m256d scaled = _mm256_and_pd(_mm256_cmp_pd(l, smallest, _CMP_GE_OQ),
-                                           _mm256_cmp_pd(l, largest, _CMP_LE_OQ));
-      const __m256d lt = _mm256_cmp_pd(t, _mm256_mul_pd(p, below), _CMP_LT_OQ);
-      const __m256d gt = _mm256_cmp_pd(t, _mm256_mul_pd(p, above), _CMP_GT_OQ);
-      bits = _mm256_movemask_pd(_mm256_and_pd(scaled, lt));
-      sure = (bits | _mm256_movemask_pd(_mm256_and_pd(scaled, gt))) == 0xF;
-    }
-    if (!sure) {
-      const __m256d distance = _mm256_and_pd(_mm256_div_pd(num, len), signless);
-      if (!kBitsOnly) _mm256_storeu_pd(out + k, distance);
-      // limit > distance, false for NaN.
-      bits = _mm256_movemask_pd(_mm256_cmp_pd(limit, distance, _CMP_GT_OQ));
-    }
+    const __m256d distance = _mm256_and_pd(_mm256_div_pd(num, len), signless);
+    _mm256_storeu_pd(out + k, distance);
+    // limit > distance, false for NaN.
+    const int bits = _mm256_movemask_pd(_mm256_cmp_pd(limit, distance, _CMP_GT_OQ));
     within[k >> 6] |= static_cast<uint64_t>(bits) << (k & 63);  // never straddles a word
   }
   for (; k < count; ++k) {
@@ -169,16 +143,6 @@ __attribute__((target("avx2,fma"))) void FusedAvx2(const PlaneColumns& planes, i
     out[k] = std::fabs((FusedDot3(normal, x) - planes.offset[k]) / planes.length[k]);
     SetWithin(out, k, within);
   }
-}
-
-void DistancesFusedAvx2(const PlaneColumns& planes, int count, const double* x, double* out,
-                        uint64_t* within) {
-  FusedAvx2<false>(planes, count, x, out, within);
-}
-
-void WithinFusedAvx2(const PlaneColumns& planes, int count, const double* x, double* out,
-                     uint64_t* within) {
-  FusedAvx2<true>(planes, count, x, out, within);
 }
 #endif
 
@@ -253,12 +217,12 @@ const MatRounding& MatRounding::Get() {
   return rounding;
 }
 
-PlaneDistancesFn SelectPlaneDistances(const MatRounding& rounding, bool bitsOnly) {
+PlaneDistancesFn SelectPlaneDistances(const MatRounding& rounding) {
   switch (rounding.dot3) {
     case MatRounding::Dot3::kFused:
 #if defined(__x86_64__) || defined(__i386__)
       if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) {
-        return bitsOnly ? WithinFusedAvx2 : DistancesFusedAvx2;
+        return DistancesFusedAvx2;
       }
 #endif
       return DistancesFused;
@@ -317,8 +281,7 @@ InlierScanner::InlierScanner(const PlaneCache& cam1, const PlaneCache& cam2)
     : cam1_(cam1),
       cam2_(cam2),
       frames_(cam1.FrameCount()),
-      distances_(SelectPlaneDistances(MatRounding::Get(), false)),
-      within_(SelectPlaneDistances(MatRounding::Get(), true)) {
+      distances_(SelectPlaneDistances(MatRounding::Get())) {
   for (int j = 0; j < frames_ && j < cam2_.FrameCount(); ++j) {
     bits_.push_back({MakeRun(cam1_.FirstPlane(j), cam1_.LineCount(j)),
                      MakeRun(cam2_.FirstPlane(j), cam2_.LineCount(j))});
@@ -342,8 +305,8 @@ InlierScanner::Run InlierScanner::MakeRun(int first, int count) {
   return run;
 }
 
-void InlierScanner::Measure(const double* x, Scratch& scratch, bool bitsOnly) const {
-  const PlaneDistancesFn measure = bitsOnly ? within_ : distances_;
+void InlierScanner::Measure(const double* x, Scratch& scratch) const {
+  const PlaneDistancesFn measure = distances_;
   const int count1 = cam1_.PlaneCount();
   const int count2 = cam2_.PlaneCount();
   scratch.cam1.resize(static_cast<size_t>(count1));

@@ -96,8 +96,7 @@ struct MatRounding {
 // the inlier distance.
 using PlaneDistancesFn = void (*)(const PlaneColumns& planes, int count, const double* x,
                                   double* out, uint64_t* within);
-// With `bitsOnly`, a function whose `out` may be left partly unwritten.
-PlaneDistancesFn SelectPlaneDistances(const MatRounding& rounding, bool bitsOnly);
+PlaneDistancesFn SelectPlaneDistances(const MatRounding& rounding);
 
 // r = A x - d for `rows` rows of A (row-major, 3 columns), as cv::gemm forms it.
 void PlaneResiduals(const MatRounding& rounding, const double* a, const double* x, const double* d,
@@ -126,18 +125,11 @@ class InlierScanner {
 
   int FrameCount() const { return frames_; }
   // Measures every plane's distance from x into `scratch`, for Supports.
-  // With `bitsOnly`, only Touches may follow.
-  void Measure(const double* x, Scratch& scratch, bool bitsOnly = false) const;
+  void Measure(const double* x, Scratch& scratch) const;
   // True when frame j supports the point last measured into `scratch`; k1,
   // k2 are then its nearest lines in each camera (the first of equal
   // distances).
   bool Supports(int frame, const Scratch& scratch, int& k1, int& k2) const;
-  // Whether frame j supports the point last measured, as Supports decides,
-  // without the nearest lines: as soon as each camera has one line within
-  // the inlier distance.
-  bool Touches(int frame, const Scratch& scratch) const {
-    return Touches(frame, scratch.within1.data(), scratch.within2.data());
-  }
 
  private:
   // A frame's planes of one camera as bits of at most two words (runs of
@@ -159,46 +151,27 @@ class InlierScanner {
     return low | (high << ((64 - (run.first & 63)) & 63));
   }
   // The nearest plane of the run among those within the inlier distance (the
-  // first of equal distances, as a scan of all of them finds it): false when
-  // none is within.
-  // `distance(k)` is the distance of the run's plane k.
-  template <typename Distance>
-  static bool NearestWithin(const Run& run, const uint64_t* bits, const Distance& distance,
+  // first of equal distances, as a scan of all of them finds it), where
+  // distance[k] is the distance of the run's plane k: false when none is
+  // within.
+  static bool NearestWithin(const Run& run, const uint64_t* bits, const double* distance,
                             int& nearest);
-  static bool Any(const Run& run, const uint64_t* bits) {
-    if (run.count == 0) return false;
-    if (run.count <= 64) {
-      return ((bits[run.word0] & run.mask0) | (bits[run.word1] & run.mask1)) != 0;
-    }
-    for (int k = run.first; k < run.first + run.count; ++k) {
-      if ((bits[k >> 6] >> (k & 63)) & 1) return true;
-    }
-    return false;
-  }
-  bool Touches(int frame, const uint64_t* within1, const uint64_t* within2) const {
-    if (frame >= cam2_.FrameCount()) return false;
-    const FrameBits& b = bits_[static_cast<size_t>(frame)];
-    return Any(b.cam1, within1) && Any(b.cam2, within2);
-  }
 
   const PlaneCache& cam1_;
   const PlaneCache& cam2_;
   int frames_;
   PlaneDistancesFn distances_;
-  PlaneDistancesFn within_;
-
   std::vector<FrameBits> bits_;  // of the frames both cameras have
 };
 
-template <typename Distance>
-inline bool InlierScanner::NearestWithin(const Run& run, const uint64_t* bits, const Distance& distance,
-                                  int& nearest) {
+inline bool InlierScanner::NearestWithin(const Run& run, const uint64_t* bits,
+                                         const double* distance, int& nearest) {
   if (run.count == 0) return false;
   if (run.count > 64) {
     double best = std::numeric_limits<double>::max();
     for (int k = 0; k < run.count; ++k) {
       if ((bits[(run.first + k) >> 6] >> ((run.first + k) & 63)) & 1) {
-        const double value = distance(k);
+        const double value = distance[k];
         if (value < best) {
           best = value;
           nearest = k;
@@ -215,10 +188,10 @@ inline bool InlierScanner::NearestWithin(const Run& run, const uint64_t* bits, c
   int index = std::countr_zero(window);
   window &= window - 1;
   if (window != 0) {
-    double best = distance(index);
+    double best = distance[index];
     for (; window != 0; window &= window - 1) {
       const int k = std::countr_zero(window);
-      const double value = distance(k);
+      const double value = distance[k];
       if (value < best) {
         best = value;
         index = k;
@@ -234,6 +207,6 @@ inline bool InlierScanner::Supports(int frame, const Scratch& scratch, int& k1, 
   const FrameBits& b = bits_[static_cast<size_t>(frame)];
   const double* d1 = scratch.cam1.data() + b.cam1.first;
   const double* d2 = scratch.cam2.data() + b.cam2.first;
-  return NearestWithin(b.cam1, scratch.within1.data(), [d1](int k) { return d1[k]; }, k1) &&
-         NearestWithin(b.cam2, scratch.within2.data(), [d2](int k) { return d2[k]; }, k2);
+  return NearestWithin(b.cam1, scratch.within1.data(), d1, k1) &&
+         NearestWithin(b.cam2, scratch.within2.data(), d2, k2);
 }
