@@ -44,19 +44,6 @@ bool SolveNormalEquations(const double* m6, const double* b, int rows, double* x
   return std::isfinite(x[0]) && std::isfinite(x[1]) && std::isfinite(x[2]);
 }
 
-// The same from the rows themselves.
-bool NormalEquationPoint(const double* a, const double* d, int rows, double* x) {
-  double m[6] = {0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
-  double b[3] = {0.0, 0.0, 0.0};
-  for (int i = 0; i < rows; ++i) {
-    const PlaneNormalTerms t = NormalTerms(a + 3 * i, d[i]);
-    if (!t.usable) return false;
-    for (int k = 0; k < 6; ++k) m[k] += t.nn[k];
-    for (int r = 0; r < 3; ++r) b[r] += t.nd[r];
-  }
-  return SolveNormalEquations(m, b, rows, x);
-}
-
 }  // namespace
 
 PlaneNormalTerms NormalTerms(const double* n, double d) {
@@ -249,26 +236,30 @@ uint64_t PairsSurelyRejected(const double* a, const double* d,
   return PairsSurelyRejectedScalar(a, d, first, last, count, reference, axisIndex, windows);
 }
 
-double ResidualSurelyAbove(const double* a, const double* d, int rows) {
+double ResidualSurelyAbove(const PlaneRow* rows, int count) {
   constexpr double kNone = std::numeric_limits<double>::quiet_NaN();
-  if (rows < 3) return kNone;
+  if (count < 3) return kNone;
+  double m[6] = {0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
+  double b[3] = {0.0, 0.0, 0.0};
+  for (int i = 0; i < count; ++i) {
+    const PlaneNormalTerms& t = *rows[i].terms;
+    if (!t.usable) return kNone;
+    for (int k = 0; k < 6; ++k) m[k] += t.nn[k];
+    for (int r = 0; r < 3; ++r) b[r] += t.nd[r];
+  }
   double x[3];
-  if (!NormalEquationPoint(a, d, rows, x)) return kNone;
+  if (!SolveNormalEquations(m, b, count, x)) return kNone;
   double residual = 0.0;
-  for (int i = 0; i < rows; ++i) {
-    const double* n = a + 3 * i;
-    const double r = n[0] * x[0] + n[1] * x[1] + n[2] * x[2] - d[i];
+  for (int i = 0; i < count; ++i) {
+    const double* n = rows[i].normal;
+    const double r = n[0] * x[0] + n[1] * x[1] + n[2] * x[2] - rows[i].offset;
     residual += r * r;
   }
-  residual /= rows;
+  residual /= count;
   if (!std::isfinite(residual)) return kNone;
   // Any point's residual is at least the minimum; the library's solution lies
   // within `margin` of the minimising point, which moves the mean squared
   // residual by less than margin^2 (A^T A / rows has norm at most 1).
   const double margin = 1e-2 + 1e-6 * (std::abs(x[0]) + std::abs(x[1]) + std::abs(x[2]));
   return residual - (margin * margin + 1e-6 * (1.0 + residual));
-}
-
-bool ResidualSurelyAtLeast(const double* a, const double* d, int rows, double bound) {
-  return ResidualSurelyAbove(a, d, rows) >= bound;  // NaN: in doubt
 }

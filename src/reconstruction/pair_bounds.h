@@ -57,11 +57,14 @@ uint64_t PairsSurelyRejected(const double* a, const double* d,
                              int count, const double* reference, int axisIndex,
                              const PairWindows& windows);
 
-// True only when the least-squares residual (r . r) / rows of the planes
-// (rows of a, unit normals; offsets d) is certainly at least `bound`, however
-// its last bits come out; decided as PairSurelyRejected decides. False
-// whenever in doubt.
-bool ResidualSurelyAtLeast(const double* a, const double* d, int rows, double bound);
-// The value ResidualSurelyAtLeast compares with its bound: the residual is
-// surely at least any bound not above it. NaN when in doubt.
-double ResidualSurelyAbove(const double* a, const double* d, int rows);
+// One plane of a refit: its unit normal, offset and NormalTerms.
+struct PlaneRow {
+  const double* normal;
+  double offset;
+  const PlaneNormalTerms* terms;
+};
+
+// A value the least-squares residual (r . r) / count of the rows is surely not
+// below, however its last bits come out; decided as PairSurelyRejected decides
+// and NaN whenever in doubt.
+double ResidualSurelyAbove(const PlaneRow* rows, int count);

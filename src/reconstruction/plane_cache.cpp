@@ -46,6 +46,7 @@ void PlaneCache::Build(const std::vector<CandidateAreaImage*>& areas,
         for (int i = 0; i < 3; ++i) plane.refitNormal[i] = refit.at<double>(i);
         plane.refitOffset = refit.dot(camera.center);
         plane.terms = NormalTerms(plane.normal, plane.offset);
+        plane.refitTerms = NormalTerms(plane.refitNormal, plane.refitOffset);
         planes_.push_back(plane);
         nx_.push_back(plane.normal[0]);
         ny_.push_back(plane.normal[1]);

@@ -23,6 +23,7 @@ struct LinePlane {
   double refitNormal[3];  // normal * (1.0 / cv::norm(normal)), as the refit stores it
   double refitOffset;     // refitNormal . centre
   PlaneNormalTerms terms;  // of normal and offset
+  PlaneNormalTerms refitTerms;  // of refitNormal and refitOffset
 };
 
 // The inlier test's values of a run of planes, one array per value.

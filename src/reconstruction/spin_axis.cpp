@@ -145,25 +145,20 @@ struct BoundRefitResiduals {
   std::vector<RefitCandidate>& block;
 
   void operator()(const tbb::blocked_range<size_t>& range) const {
-    thread_local std::vector<double> a, d;
+    thread_local std::vector<PlaneRow> rows;
     for (size_t i = range.begin(); i != range.end(); ++i) {
       RefitCandidate& candidate = block[i];
       if (!candidate.first) continue;
       const std::span<const InlierLines> inliers = candidate.inliers;
       const size_t m = inliers.size();
-      a.resize(6 * m);
-      d.resize(2 * m);
+      rows.resize(2 * m);
       for (size_t k = 0; k < m; ++k) {
         const LinePlane& p1 = planes1.At(inliers[k].frame, inliers[k].cam1);
         const LinePlane& p2 = planes2.At(inliers[k].frame, inliers[k].cam2);
-        for (size_t j = 0; j < 3; ++j) {
-          a[3 * k + j] = p1.refitNormal[j];
-          a[3 * (m + k) + j] = p2.refitNormal[j];
-        }
-        d[k] = p1.refitOffset;
-        d[m + k] = p2.refitOffset;
+        rows[k] = {p1.refitNormal, p1.refitOffset, &p1.refitTerms};
+        rows[m + k] = {p2.refitNormal, p2.refitOffset, &p2.refitTerms};
       }
-      candidate.surelyAbove = ResidualSurelyAbove(a.data(), d.data(), static_cast<int>(2 * m));
+      candidate.surelyAbove = ResidualSurelyAbove(rows.data(), static_cast<int>(2 * m));
     }
   }
 };
