@@ -199,6 +199,11 @@ SearchScratch& TakeScratch() {
   return slot.kept;
 }
 
+// A search of many more hypotheses than a swing gives (about 16 000; up to
+// 262 144 can be accepted) does not leave its lists with the thread: they
+// would hold tens of megabytes.
+constexpr size_t kMostKeptHypotheses = 65536;
+
 // Gives back what TakeScratch handed out.
 struct ScratchReturn {
   SearchScratch& scratch;
@@ -206,6 +211,7 @@ struct ScratchReturn {
     ScratchSlot& slot = ThreadSlot();
     if (&scratch == &slot.kept) {
       slot.busy = false;
+      if (scratch.accepted.capacity() > kMostKeptHypotheses) slot.kept = SearchScratch();
     } else {
       std::erase_if(slot.extra, [&](const auto& s) { return s.get() == &scratch; });
     }
