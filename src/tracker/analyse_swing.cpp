@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include <tbb/parallel_for.h>
+#include <tbb/task_arena.h>
 
 #include "analysis/analysis.h"
 #include "analysis/binary_morphology.h"
@@ -50,11 +51,30 @@ RefinedMasks& ThreadMasks(int camera) {
   return masks[camera];
 }
 
+bool AnalyseOnThisThread(ClubTracker& tracker, const SwingStages& stages,
+                         const std::vector<ClubImage*>& pairs1,
+                         const std::vector<ClubImage*>& pairs2, ClubTrackerResult* result,
+                         const SwingHook& hook, SwingAnalysis& out);
+
 }  // namespace
 
+// The analysis keeps storage of the calling thread from one stage to the next
+// (the refined masks); isolated, a thread that waits for the analysis' tasks
+// takes none from outside it (such as another swing's analysis that a host
+// runs beside this one).
 bool AnalyseSwing(ClubTracker& tracker, const SwingStages& stages,
                   const std::vector<ClubImage*>& pairs1, const std::vector<ClubImage*>& pairs2,
                   ClubTrackerResult* result, const SwingHook& hook, SwingAnalysis& out) {
+  return tbb::this_task_arena::isolate(
+      [&] { return AnalyseOnThisThread(tracker, stages, pairs1, pairs2, result, hook, out); });
+}
+
+namespace {
+
+bool AnalyseOnThisThread(ClubTracker& tracker, const SwingStages& stages,
+                         const std::vector<ClubImage*>& pairs1,
+                         const std::vector<ClubImage*>& pairs2, ClubTrackerResult* result,
+                         const SwingHook& hook, SwingAnalysis& out) {
   const auto reached = [&](SwingStage stage) { return !hook || hook(stage, out); };
 
   const std::vector<ClubImage*>* pairs[2] = {&pairs1, &pairs2};
@@ -176,3 +196,5 @@ bool AnalyseSwing(ClubTracker& tracker, const SwingStages& stages,
   stages.findShaftAndHead(tracker, out.cand[0], out.cand[1], out.axis, *result);
   return reached(SwingStage::kShaftAndHead);
 }
+
+}  // namespace
