@@ -104,6 +104,24 @@ void BM_LineExtractionOneCameraCachedEdges(benchmark::State& state) {
 }
 BENCHMARK(BM_LineExtractionOneCameraCachedEdges)->Unit(benchmark::kMillisecond);
 
+// What the pipeline does instead of the passes above: cleaning, edges and
+// votes once per frame (each pass then reads its lines from the votes). The
+// argument is the votes' floor: 0 keeps every cell, 14 is the smallest
+// threshold the passes can reach on this swing.
+void BM_ShaftVotesOneCamera(benchmark::State& state) {
+  AnalysisInputs& in = Inputs();
+  HoughVotes votes;
+  const int floor = static_cast<int>(state.range(0));
+  for (auto _ : state) {
+    for (size_t k = 0; k < in.cand.size(); ++k) {
+      ComputeShaftVotes(in.cand[k]->image, votes, floor);
+      benchmark::DoNotOptimize(&votes);
+    }
+  }
+  state.counters["frames"] = static_cast<double>(in.cand.size());
+}
+BENCHMARK(BM_ShaftVotesOneCamera)->Arg(0)->Arg(14)->Unit(benchmark::kMillisecond);
+
 void BM_HeadSizesOneCamera(benchmark::State& state) {
   AnalysisInputs& in = Inputs();
   std::vector<int> sizes;

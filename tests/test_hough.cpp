@@ -1,5 +1,7 @@
 // Edges on the cleaned mask's box and the Hough votes made once per frame,
 // against the whole-frame Canny edges and cv::HoughLines for every threshold.
+#include <iterator>
+#include <memory>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -8,6 +10,7 @@
 #include "analysis/analysis.h"
 #include "analysis/hough.h"
 #include "support/change_masks.h"
+#include "tracker/find_lines.h"
 #include "tracker/records.h"
 
 namespace {
@@ -39,9 +42,10 @@ TEST(HoughVotes, SameEdgesAndLinesAsCannyAndHoughLinesOnSwingAndBorderMasks) {
     // The whole vote gives cv::HoughLines' lines; the shaft votes, which skip
     // the near-horizontal angles, give the lines the extraction keeps from them.
     HoughVotes votes;
-    HoughVotes shaft;
+    HoughVotes shaft, floored;  // the second keeps only cells above 13 votes
     if (!box.empty()) votes.Vote(boxed, box.tl(), masks[k].size());
     ComputeShaftVotes(masks[k], shaft);
+    ComputeShaftVotes(masks[k], floored, 13);
     for (const int t : thresholds) {
       std::vector<cv::Vec2f> expected, found;
       cv::HoughLines(edges, expected, 1.0, CV_PI / 180.0, t, 0, 0);
@@ -61,9 +65,67 @@ TEST(HoughVotes, SameEdgesAndLinesAsCannyAndHoughLinesOnSwingAndBorderMasks) {
         EXPECT_EQ(fast.lines[i], literal.lines[i]) << "mask " << k << " threshold " << t;
       }
       lines += fast.lines.size();
+      CandidateAreaImage above;  // refused below the floor, the same lines from it up
+      above.sensorOffsetX = 37;
+      above.sensorOffsetY = 11;
+      const bool answers = t >= floored.floor();  // no floor without votes
+      EXPECT_EQ(floored.floor(), box.empty() ? 0 : 13);
+      EXPECT_EQ(ExtractCandidatesFromVotes(&above, floored, t), answers ? 1 : 0) << t;
+      EXPECT_TRUE(answers ? above.lines == fast.lines : above.lines.empty())
+          << "mask " << k << " threshold " << t;
     }
   }
   EXPECT_GT(lines, 1000u);
+}
+
+// The adaptive passes on votes made once against each pass's own extraction
+// from the edge map, for the tracker's threshold rule and for rules that ask a
+// later pass for fewer votes than the largest line size gives (the votes are
+// then made again in full).
+TEST(HoughVotes, LinePassesGiveEachPassTheEdgeMapsLines) {
+  const std::vector<cv::Mat>& masks = SwingChangeMasks();
+  const size_t frames = 8;
+  ASSERT_GE(masks.size(), 2 * frames);
+  const LineThreshold rules[] = {
+      [](CandidateAreaImage* area, float size) { return static_cast<int>(area->ballY / size); },
+      [](CandidateAreaImage*, float size) { return size > 5.5f ? 90 : 3; },
+      [](CandidateAreaImage* area, float size) {
+        return area->afterImpact == 1 ? 0 : 12 - static_cast<int>(size);
+      }};
+  for (size_t rule = 0; rule < std::size(rules); ++rule) {
+    std::vector<std::unique_ptr<CandidateAreaImage>> owned;
+    std::vector<CandidateAreaImage*> cameras[2][2];  // [votes, edges][camera]
+    for (size_t k = 0; k < 2 * frames; ++k) {
+      for (int way = 0; way < 2; ++way) {
+        owned.push_back(std::make_unique<CandidateAreaImage>());
+        owned.back()->image = masks[k * masks.size() / (2 * frames)];
+        owned.back()->ballY = 400.0f;
+        owned.back()->afterImpact = k % frames >= frames / 2 ? 1u : 0u;
+        cameras[way][k / frames].push_back(owned.back().get());
+      }
+    }
+    LinePasses votes(rules[rule], cameras[0][0], cameras[0][1]);
+    LinePasses edges(rules[rule], cameras[1][0], cameras[1][1],
+                     [](CandidateAreaImage* area, int threshold) {
+                       cv::Mat map;
+                       ComputeShaftEdges(area->image, map);
+                       ExtractCandidatesFromEdges(area, map, threshold);
+                     });
+    do {
+      votes.Extract();
+      edges.Extract();
+      for (int c = 0; c < 2; ++c) {
+        EXPECT_EQ(votes.lineCount(c), edges.lineCount(c)) << "rule " << rule;
+        for (size_t k = 0; k < frames; ++k) {
+          EXPECT_TRUE(cameras[0][c][k]->lines == cameras[1][c][k]->lines)
+              << "rule " << rule << " pass " << votes.pass() << " frame " << k;
+        }
+      }
+      votes.Decide();
+      edges.Decide();
+      ASSERT_EQ(votes.Again(), edges.Again());
+    } while (votes.Again());
+  }
 }
 
 // The Canny edges of 0/255 masks against cv::Canny: random masks down to one

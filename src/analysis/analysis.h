@@ -37,11 +37,13 @@ void BinaryCanny(const cv::Mat& src, cv::Mat& edges);
 // row at a time, others through the library. dst may be src.
 void MedianBlur3(const cv::Mat& src, cv::Mat& dst);
 
-// The Hough votes of ComputeShaftEdges' edge map, made once per frame.
-void ComputeShaftVotes(const cv::Mat& mask, HoughVotes& votes);
+// The Hough votes of ComputeShaftEdges' edge map, made once per frame, for
+// vote thresholds of at least `floor`.
+void ComputeShaftVotes(const cv::Mat& mask, HoughVotes& votes, int floor = 0);
 
 // ExtractCandidatesFromEdges with the lines read from the frame's votes: the
-// same lines in the same order.
+// same lines in the same order. 0 also when the threshold is below the votes'
+// floor (votes made for higher thresholds only).
 int ExtractCandidatesFromVotes(CandidateAreaImage* candidate, const HoughVotes& votes,
                                int voteThreshold);
 

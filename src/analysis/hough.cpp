@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <numeric>
 
 #if defined(__SSE2__)
@@ -48,18 +49,19 @@ bool Avx2() {
   return supported;
 }
 
-// The local maxima among cells r .. last of the accumulator row starting at
-// `v` (rho index r at v[r]), eight cells at a time, by the rule of
-// HoughVotes::Vote; appends the cells (index `row` + r) in order and returns
-// the first r left unscanned.
+// The local maxima with more than `floor` votes among cells r .. last of the
+// accumulator row starting at `v` (rho index r at v[r]), eight cells at a
+// time, by the rule of HoughVotes::Vote; appends the cells (index `row` + r)
+// in order and returns the first r left unscanned.
 __attribute__((target("avx2"))) int ScanMaximaAvx2(const int* v, int stride, int r, int last,
-                                                   int row, std::vector<int>& cells) {
-  const __m256i zero = _mm256_setzero_si256();
+                                                   int row, int floor, std::vector<int>& cells) {
+  const __m256i least = _mm256_set1_epi32(floor);
   for (; r + 7 <= last; r += 8) {
     const int* p = v + r;
 #define CLUBTRACKER_AT(d) _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + (d)))
     const __m256i c = CLUBTRACKER_AT(0);
-    __m256i pass = _mm256_cmpgt_epi32(c, zero);
+    __m256i pass = _mm256_cmpgt_epi32(c, least);
+    if (_mm256_testz_si256(pass, pass)) continue;  // most cells have few votes
     pass = _mm256_and_si256(pass, _mm256_cmpgt_epi32(c, CLUBTRACKER_AT(-1)));
     pass = _mm256_andnot_si256(_mm256_cmpgt_epi32(CLUBTRACKER_AT(1), c), pass);
     pass = _mm256_and_si256(pass, _mm256_cmpgt_epi32(c, CLUBTRACKER_AT(-stride)));
@@ -72,27 +74,46 @@ __attribute__((target("avx2"))) int ScanMaximaAvx2(const int* v, int stride, int
   }
   return r;
 }
-// The votes of points k .. count - 1 (whole groups of eight, the last one
-// padded) in the accumulator row `cell` at the angle of (c, s): the same
-// single-precision products and sum as the four-point loop, rounded to nearest
-// even, eight points at a time.
+// The shifted rho indices of points k .. k + 7 at the angle of (c, s): the
+// same single-precision products and sum as the four-point loop, rounded to
+// nearest even.
+__attribute__((target("avx2"))) inline void RhoAvx2(const float* xs, const float* ys, __m256 c,
+                                                    __m256 s, __m256i shift, uint32_t* at) {
+  const __m256 sum = _mm256_add_ps(_mm256_mul_ps(_mm256_loadu_ps(xs), c),
+                                   _mm256_mul_ps(_mm256_loadu_ps(ys), s));
+  _mm256_store_si256(reinterpret_cast<__m256i*>(at),
+                     _mm256_add_epi32(_mm256_cvtps_epi32(sum), shift));
+}
+// The votes of points 0 .. count - 1 in the accumulator row `row` (rho index
+// r at row[r + shift]) at the angle of (c, s), eight points at a time. The
+// shifted indices are never negative.
 __attribute__((target("avx2"))) void VoteAvx2(const float* xs, const float* ys, size_t count,
-                                              float c, float s, int* cell) {
+                                              float c, float s, int shift, int* row) {
   const __m256 vc = _mm256_set1_ps(c);
   const __m256 vs = _mm256_set1_ps(s);
-  alignas(32) int rho[8];
-  for (size_t k = 0; k < count; k += 8) {
-    const __m256 sum = _mm256_add_ps(_mm256_mul_ps(_mm256_loadu_ps(xs + k), vc),
-                                     _mm256_mul_ps(_mm256_loadu_ps(ys + k), vs));
-    _mm256_store_si256(reinterpret_cast<__m256i*>(rho), _mm256_cvtps_epi32(sum));
-    const size_t n = count - k >= 8 ? 8 : count - k;
-    for (size_t g = 0; g < n; ++g) ++cell[rho[g]];
+  const __m256i vshift = _mm256_set1_epi32(shift);
+  alignas(32) uint32_t at[8];
+  size_t k = 0;
+  for (; k + 8 <= count; k += 8) {
+    RhoAvx2(xs + k, ys + k, vc, vs, vshift, at);
+    ++row[at[0]];
+    ++row[at[1]];
+    ++row[at[2]];
+    ++row[at[3]];
+    ++row[at[4]];
+    ++row[at[5]];
+    ++row[at[6]];
+    ++row[at[7]];
+  }
+  if (k < count) {
+    RhoAvx2(xs + k, ys + k, vc, vs, vshift, at);
+    for (size_t g = 0; g < count - k; ++g) ++row[at[g]];
   }
 }
 #else
 bool Avx2() { return false; }
-int ScanMaximaAvx2(const int*, int, int r, int, int, std::vector<int>&) { return r; }
-void VoteAvx2(const float*, const float*, size_t, float, float, int*) {}
+int ScanMaximaAvx2(const int*, int, int r, int, int, int, std::vector<int>&) { return r; }
+void VoteAvx2(const float*, const float*, size_t, float, float, int, int*) {}
 #endif
 
 Accumulator& ThreadAccumulator() {
@@ -104,13 +125,15 @@ Accumulator& ThreadAccumulator() {
 
 void HoughVotes::Clear() {
   numrho_ = 0;
+  floor_ = 0;
   cells_.clear();
   votes_.clear();
 }
 
 void HoughVotes::Vote(const cv::Mat& edges, cv::Point offset, cv::Size frame, int skipFirst,
-                      int skipLast) {
+                      int skipLast, int floor) {
   Clear();
+  floor_ = std::max(floor, 0);
   CV_Assert(edges.type() == CV_8UC1);
   numrho_ = cvRound(static_cast<float>(2 * (frame.width + frame.height) + 1) / 1.0f);
   if (edges.empty()) return;
@@ -148,26 +171,46 @@ void HoughVotes::Vote(const cv::Mat& edges, cv::Point offset, cv::Size frame, in
   // counts do not depend on the order of the votes.
   std::vector<float>& xs = accumulator.xs;
   std::vector<float>& ys = accumulator.ys;
-  xs.clear();
-  ys.clear();
+  // The edges are sparse: sixteen pixels at a time are tested at once.
+  size_t count = 0;
   for (int i = 0; i < edges.rows; ++i) {
+    // Room for the whole row and a padded group of eight.
+    const size_t room = count + static_cast<size_t>(edges.cols) + 8;
+    if (xs.size() < room) {
+      xs.resize(std::max(room, 2 * xs.size()));
+      ys.resize(xs.size());
+    }
     const uchar* row = edges.ptr<uchar>(i);
     const float y = static_cast<float>(i + offset.y);
-    for (int j = 0; j < edges.cols; ++j) {
+    int j = 0;
+#if defined(__SSE2__)
+    const __m128i zero = _mm_setzero_si128();
+    for (; j + 16 <= edges.cols; j += 16) {
+      const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + j));
+      unsigned set = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, zero))) ^ 0xFFFFu;
+      for (; set != 0; set &= set - 1) {
+        xs[count] = static_cast<float>(j + __builtin_ctz(set) + offset.x);
+        ys[count++] = y;
+      }
+    }
+#endif
+    for (; j < edges.cols; ++j) {
       if (row[j] == 0) continue;
-      xs.push_back(static_cast<float>(j + offset.x));
-      ys.push_back(y);
+      xs[count] = static_cast<float>(j + offset.x);
+      ys[count++] = y;
     }
   }
-  const size_t count = xs.size();
-  xs.resize((count + 7) & ~size_t{7}, 0.0f);  // whole groups of eight; the extra ones do not vote
-  ys.resize(xs.size(), 0.0f);
+  // The padding of the last group of eight votes nowhere.
+  std::fill(xs.begin() + static_cast<std::ptrdiff_t>(count),
+            xs.begin() + static_cast<std::ptrdiff_t>(count + 8), 0.0f);
+  std::fill(ys.begin() + static_cast<std::ptrdiff_t>(count),
+            ys.begin() + static_cast<std::ptrdiff_t>(count + 8), 0.0f);
   const bool wide = Avx2();
   for (int n = 0; n < kAngles; ++n) {
     if (skipped(n)) continue;
     int* cell = a + (n + 1) * stride + 1 + shift;
     if (wide) {
-      VoteAvx2(xs.data(), ys.data(), count, trig.cos[n], trig.sin[n], cell);
+      VoteAvx2(xs.data(), ys.data(), count, trig.cos[n], trig.sin[n], shift, cell - shift);
       continue;
     }
 #if defined(__SSE2__)
@@ -200,7 +243,7 @@ void HoughVotes::Vote(const cv::Mat& edges, cv::Point offset, cv::Size frame, in
   int most = 0;
   const auto maximum = [&](int base) {
     const int v = a[base];
-    if (v > 0 && v > a[base - 1] && v >= a[base + 1] && v > a[base - stride] &&
+    if (v > floor_ && v > a[base - 1] && v >= a[base + 1] && v > a[base - stride] &&
         v >= a[base + stride]) {
       votes_.push_back(base);  // cell for now
     }
@@ -210,15 +253,15 @@ void HoughVotes::Vote(const cv::Mat& edges, cv::Point offset, cv::Size frame, in
     const int row = (n + 1) * stride + 1;
     int r = rowLow[n];
     const int last = rowHigh[n];
-    if (wide) r = ScanMaximaAvx2(a + row, stride, r, last, row, votes_);
+    if (wide) r = ScanMaximaAvx2(a + row, stride, r, last, row, floor_, votes_);
 #if defined(__SSE2__)
     // Four cells at a time; the cells that pass are taken in cell order.
-    const __m128i zero = _mm_setzero_si128();
+    const __m128i least = _mm_set1_epi32(floor_);
     for (; r + 3 <= last; r += 4) {
       const int* v = a + row + r;
       const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i*>(v));
       const auto at = [v](int d) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(v + d)); };
-      __m128i pass = _mm_cmpgt_epi32(c, zero);
+      __m128i pass = _mm_cmpgt_epi32(c, least);
       pass = _mm_and_si128(pass, _mm_cmpgt_epi32(c, at(-1)));
       pass = _mm_andnot_si128(_mm_cmpgt_epi32(at(1), c), pass);
       pass = _mm_and_si128(pass, _mm_cmpgt_epi32(c, at(-stride)));
@@ -249,7 +292,8 @@ void HoughVotes::Vote(const cv::Mat& edges, cv::Point offset, cv::Size frame, in
   }
 }
 
-void HoughVotes::Lines(int threshold, std::vector<cv::Vec2f>& lines) const {
+bool HoughVotes::Lines(int threshold, std::vector<cv::Vec2f>& lines) const {
+  if (threshold < floor_) return false;
   const int stride = numrho_ + 2;
   const double scale = 1.0 / stride;
   const float theta = static_cast<float>(CV_PI / 180.0);
@@ -261,4 +305,5 @@ void HoughVotes::Lines(int threshold, std::vector<cv::Vec2f>& lines) const {
     const float angle = 0.0f + static_cast<float>(n) * theta;
     lines.emplace_back(rho, angle);
   }
+  return true;
 }

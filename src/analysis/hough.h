@@ -18,14 +18,19 @@ class HoughVotes {
   // The angle rows `skipFirst` .. `skipLast` (degrees) get no votes: for a
   // caller that drops every line of rows skipFirst - 1 .. skipLast + 1, the
   // lines of the other rows and their order stay those of the whole vote (a
-  // row's maxima test reads only its two neighbouring rows).
+  // row's maxima test reads only its two neighbouring rows). Cells with at
+  // most `floor` votes are not kept: Lines(t) is exact for t >= floor().
   void Vote(const cv::Mat& edges, cv::Point offset, cv::Size frame, int skipFirst = 0,
-            int skipLast = -1);
+            int skipLast = -1, int floor = 0);
   void Clear();
-  void Lines(int threshold, std::vector<cv::Vec2f>& lines) const;
+  // Appends the lines for a threshold of at least floor(); false (nothing
+  // appended) for a lower one.
+  bool Lines(int threshold, std::vector<cv::Vec2f>& lines) const;
+  int floor() const { return floor_; }
 
  private:
   int numrho_ = 0;
+  int floor_ = 0;
   std::vector<int> cells_;  // local maxima, strongest first, ties by index
   std::vector<int> votes_;  // votes of cells_
   std::vector<int> counts_;  // counting-sort scratch

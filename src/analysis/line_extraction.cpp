@@ -118,7 +118,7 @@ std::pair<int, int> UnreadNearHorizontalRows() {
   return {first + 1, last - 1};
 }
 
-void ComputeShaftVotes(const cv::Mat& mask, HoughVotes& votes) {
+void ComputeShaftVotes(const cv::Mat& mask, HoughVotes& votes, int floor) {
   thread_local cv::Mat edges;
   const cv::Rect box = ComputeShaftEdgeBox(mask, edges);
   if (box.empty()) {
@@ -126,7 +126,7 @@ void ComputeShaftVotes(const cv::Mat& mask, HoughVotes& votes) {
     return;
   }
   static const std::pair<int, int> unread = UnreadNearHorizontalRows();
-  votes.Vote(edges, box.tl(), mask.size(), unread.first, unread.second);
+  votes.Vote(edges, box.tl(), mask.size(), unread.first, unread.second, floor);
 }
 
 int ExtractCandidatesFromEdges(CandidateAreaImage* candidate, const cv::Mat& edges,
@@ -145,7 +145,7 @@ int ExtractCandidatesFromVotes(CandidateAreaImage* candidate, const HoughVotes& 
   if (candidate == nullptr || voteThreshold <= 0) return 0;
   thread_local std::vector<cv::Vec2f> found;
   found.clear();
-  votes.Lines(voteThreshold, found);
+  if (!votes.Lines(voteThreshold, found)) return 0;
   AppendLines(candidate, found);
   return 1;
 }

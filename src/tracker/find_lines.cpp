@@ -1,5 +1,6 @@
 #include "tracker/find_lines.h"
 
+#include <algorithm>
 #include <utility>
 
 #include <tbb/parallel_for.h>
@@ -19,13 +20,27 @@ LinePasses::LinePasses(LineThreshold threshold, const std::vector<CandidateAreaI
     : threshold_(std::move(threshold)), extract_(std::move(extract)), areas_{&cam1, &cam2} {
   frames_ = static_cast<int>(cam1.size());
   if (extract_) return;
-  for (int c = 0; c < 2; ++c) votes_[c].resize(areas_[c]->size());
+  // The line size only grows by the factor of Decide, so no pass asks for a
+  // threshold below the one of the largest size it can reach; the votes need
+  // not keep the many weaker cells.
+  float largest = kInitialLineSize;
+  for (int pass = 1; pass < kMaxPasses; ++pass) {
+    largest = static_cast<float>(static_cast<double>(largest) * kSizeGrowth);
+  }
+  int floor[2] = {0, 0};
+  for (int c = 0; c < 2; ++c) {
+    votes_[c].resize(areas_[c]->size());
+    for (size_t k = 0; k < areas_[c]->size(); ++k) {
+      const int t = threshold_((*areas_[c])[k], largest);
+      floor[c] = k == 0 ? t : std::min(floor[c], t);
+    }
+  }
   // Both cameras' frames in one loop over the cores.
   const size_t first = cam1.size();
   tbb::parallel_for(size_t{0}, first + cam2.size(), [&](size_t k) {
     const int c = k < first ? 0 : 1;
     const size_t i = c == 0 ? k : k - first;
-    ComputeShaftVotes((*areas_[c])[i]->image, votes_[c][i]);
+    ComputeShaftVotes((*areas_[c])[i]->image, votes_[c][i], floor[c]);
   });
 }
 
@@ -55,6 +70,11 @@ void LinePasses::Extract() {
     }
     // Each frame appends only to its own record.
     tbb::parallel_for(size_t{0}, areas.size(), [&](size_t k) {
+      // A threshold below the votes' floor (a line size the factor did not
+      // foresee) gets the frame's whole votes.
+      if (thresholds_[k] > 0 && thresholds_[k] < votes_[c][k].floor()) {
+        ComputeShaftVotes(areas[k]->image, votes_[c][k]);
+      }
       ExtractCandidatesFromVotes(areas[k], votes_[c][k], thresholds_[k]);
     });
   }
@@ -93,7 +113,7 @@ void LinePasses::Decide() {
       }
     } else {  // too few pairs or too few lines
       redo_[c] = 1;
-      lineSize_[c] = static_cast<float>(static_cast<double>(lineSize_[c]) * 1.1);
+      lineSize_[c] = static_cast<float>(static_cast<double>(lineSize_[c]) * kSizeGrowth);
       ClearLines(*areas_[c]);
     }
   }

@@ -23,6 +23,7 @@ class LinePasses {
  public:
   static constexpr int kMaxPasses = 10;
   static constexpr float kInitialLineSize = 4.5f;
+  static constexpr double kSizeGrowth = 1.1;  // for too few lines or pairs
 
   // The masks of `cam1` and `cam2` (equal lengths) must not change while the
   // passes run: each frame's edge map and its Hough votes are made here, once,
