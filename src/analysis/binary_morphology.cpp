@@ -72,14 +72,6 @@ const BitMask::Kernel& BitMask::KernelOf(int shape, int size) {
   return kernels_.back();
 }
 
-void BitMask::FixPadding(uint64_t* plane, bool fill) const {
-  if (pad_ == 0) return;
-  for (int y = 0; y < rows_; ++y) {
-    uint64_t& last = plane[static_cast<size_t>(y) * words_ + words_ - 1];
-    last = fill ? (last | pad_) : (last & ~pad_);
-  }
-}
-
 namespace {
 
 // The three plane operations of Morph, each over n words:
@@ -173,37 +165,78 @@ void BitMask::Morph(const Kernel& kernel, bool erode) {
   const int reach = kernel.size / 2;
   const int runs = static_cast<int>(kernel.lo.size());
 
+  // The part of the plane the operation can change: the words holding set
+  // pixels, widened by the kernel's reach (the columns by whole words). Outside
+  // it the plane is zero and stays zero. Inside, the part's own border (the
+  // identity) stands in for the zeros around it where the frame goes on: a
+  // dilation adds nothing from zeros, and an erosion that reads past the
+  // part's edge is centred on a pixel within the reach of that edge, which is
+  // zero and stays zero.
+  int top = rows_, bottom = 0, left = words_, right = 0;
+  for (int y = 0; y < rows_; ++y) {
+    const uint64_t* row = bits_.data() + static_cast<size_t>(y) * words_;
+    int first = 0;
+    while (first < words_ && row[first] == 0) ++first;
+    if (first == words_) continue;
+    int last = words_ - 1;
+    while (row[last] == 0) --last;
+    top = std::min(top, y);
+    bottom = y + 1;
+    left = std::min(left, first);
+    right = std::max(right, last + 1);
+  }
+  if (top >= bottom) return;  // no set pixel: none after either operation
+  const int reachWords = (reach + 63) / 64;
+  top = std::max(0, top - reach);
+  bottom = std::min(rows_, bottom + reach);
+  left = std::max(0, left - reachWords);
+  right = std::min(words_, right + reachWords);
+  const int rows = bottom - top;
+  const int words = right - left;
+  uint64_t* const origin = bits_.data() + static_cast<size_t>(top) * words_ + left;
+  const auto imageRow = [&](int y) { return origin + static_cast<size_t>(y) * words_; };
+  // Bits beyond the last column read as the border while the operation runs,
+  // and are zero after it.
+  const uint64_t pad = right == words_ ? pad_ : 0;
+  const auto fixPadding = [&](bool fill) {
+    if (pad == 0) return;
+    for (int y = 0; y < rows; ++y) {
+      uint64_t& last = imageRow(y)[words - 1];
+      last = fill ? (last | pad) : (last & ~pad);
+    }
+  };
+
   // Horizontal runs, each grown from the one before by doubling. A run's value
-  // just outside the image depends on the pixels inside, so each row carries
+  // just outside the part depends on the pixels inside, so each row carries
   // margin words on both sides, wide enough that every pixel's run reads only
-  // its own row: its image words, then the border. The rows lie end to end
-  // and each doubling shifts the whole plane as one row; what reaches across
-  // into a neighbouring row lands only in margin words, which no image pixel
+  // its own row: its words, then the border. The rows lie end to end and each
+  // doubling shifts the whole plane as one row; what reaches across into a
+  // neighbouring row lands only in margin words, which no pixel of the part
   // reads. Planes alternate between buffers (a doubling does not run in
   // place); each buffer has `pad` words of the border before and after it.
   int farthest = 0;
   for (int k = 0; k < runs; ++k) farthest = std::max({farthest, kernel.hi[k], -kernel.lo[k]});
   const int margin = (farthest + 63) / 64;
-  const int stride = words_ + 2 * margin;
-  const size_t planeWords = static_cast<size_t>(rows_) * stride;
-  const size_t pad = static_cast<size_t>(margin) + 1;
-  const size_t bufferWords = planeWords + 2 * pad;
+  const int stride = words + 2 * margin;
+  const size_t planeWords = static_cast<size_t>(rows) * stride;
+  const size_t ends = static_cast<size_t>(margin) + 1;
+  const size_t bufferWords = planeWords + 2 * ends;
   const int buffers = runs + 2;  // the image, one per run, one spare
   planes_.resize(bufferWords * static_cast<size_t>(buffers));
   const auto buffer = [&](int index) {
-    return planes_.data() + bufferWords * static_cast<size_t>(index) + pad;
+    return planes_.data() + bufferWords * static_cast<size_t>(index) + ends;
   };
-  // A doubling writes every word of its plane; the pads are only read.
+  // A doubling writes every word of its plane; the ends are only read.
   for (int index = 0; index < buffers; ++index) {
-    std::fill(buffer(index) - pad, buffer(index), identity);
-    std::fill(buffer(index) + planeWords, buffer(index) + planeWords + pad, identity);
+    std::fill(buffer(index) - ends, buffer(index), identity);
+    std::fill(buffer(index) + planeWords, buffer(index) + planeWords + ends, identity);
   }
-  FixPadding(bits_.data(), erode);
-  for (int y = 0; y < rows_; ++y) {
+  fixPadding(erode);
+  for (int y = 0; y < rows; ++y) {
     uint64_t* row = buffer(0) + static_cast<size_t>(y) * stride;
     FillWords(row, margin, identity);
-    CopyWords(row + margin, bits_.data() + static_cast<size_t>(y) * words_, words_);
-    FillWords(row + margin + words_, stride - margin - words_, identity);
+    CopyWords(row + margin, imageRow(y), words);
+    FillWords(row + margin + words, stride - margin - words, identity);
   }
   runPlane_.assign(static_cast<size_t>(runs), 0);
   std::vector<int>& free = freeBuffers_;
@@ -240,44 +273,44 @@ void BitMask::Morph(const Kernel& kernel, bool erode) {
 
   if (kernel.uniform) {
     // Rows: windows of `size` rows by doubling. Row p of the column buffer
-    // holds the window starting at image row p - reach; rows before the first
-    // and past the last are the border, the identity.
-    const int total = rows_ + reach;
-    column_.resize(static_cast<size_t>(total + kernel.size) * words_);
+    // holds the window starting at row p - reach; rows before the first and
+    // past the last are the border, the identity.
+    const int total = rows + reach;
+    column_.resize(static_cast<size_t>(total + kernel.size) * words);
     std::fill(column_.begin(), column_.end(), identity);
-    for (int y = 0; y < rows_; ++y) {
-      CopyWords(column_.data() + static_cast<size_t>(y + reach) * words_, runRow(0, y), words_);
+    for (int y = 0; y < rows; ++y) {
+      CopyWords(column_.data() + static_cast<size_t>(y + reach) * words, runRow(0, y), words);
     }
     int length = 1;
     while (length < kernel.size) {
       const int e = std::min(kernel.size - length, length);
-      PlaneStep(PlaneOp::kAhead, nullptr, column_.data(), static_cast<size_t>(total - e) * words_,
-                e * words_, erode);
+      PlaneStep(PlaneOp::kAhead, nullptr, column_.data(), static_cast<size_t>(total - e) * words,
+                e * words, erode);
       length += e;
     }
-    std::memcpy(bits_.data(), column_.data(),
-                static_cast<size_t>(rows_) * words_ * sizeof(uint64_t));
+    for (int y = 0; y < rows; ++y) {
+      CopyWords(imageRow(y), column_.data() + static_cast<size_t>(y) * words, words);
+    }
   } else {
     // Rows: the run plane of each kernel row, shifted by the row's offset,
-    // combined into the result plane at once; a row beyond the image is the
+    // combined into the result plane at once; a row beyond the part is the
     // border, the identity, and leaves the result as it is.
     vertical_.resize(planeWords);
     std::fill(vertical_.begin(), vertical_.end(), identity);
     for (int i = 0; i < kernel.size; ++i) {
       const int run = kernel.run[static_cast<size_t>(i)];
       const int dy = i - reach;
-      const int first = std::max(0, -dy), end = std::min(rows_, rows_ - dy);
+      const int first = std::max(0, -dy), end = std::min(rows, rows - dy);
       if (run < 0 || first >= end) continue;
       PlaneStep(PlaneOp::kRows, runRow(run, first + dy) - margin,
                 vertical_.data() + static_cast<size_t>(first) * stride,
                 static_cast<size_t>(end - first) * stride, 0, erode);
     }
-    for (int y = 0; y < rows_; ++y) {
-      CopyWords(bits_.data() + static_cast<size_t>(y) * words_,
-                vertical_.data() + static_cast<size_t>(y) * stride + margin, words_);
+    for (int y = 0; y < rows; ++y) {
+      CopyWords(imageRow(y), vertical_.data() + static_cast<size_t>(y) * stride + margin, words);
     }
   }
-  FixPadding(bits_.data(), false);
+  fixPadding(false);
 }
 
 void BitMask::Apply(const MorphStep& step) {

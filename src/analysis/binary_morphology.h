@@ -67,7 +67,6 @@ class BitMask {
 
   const Kernel& KernelOf(int shape, int size);
   void Morph(const Kernel& kernel, bool erode);
-  void FixPadding(uint64_t* plane, bool fill) const;
 
   int rows_ = 0;
   int cols_ = 0;
