@@ -172,39 +172,22 @@ void BitMask::Morph(const Kernel& kernel, bool erode) {
   // dilation adds nothing from zeros, and an erosion that reads past the
   // part's edge is centred on a pixel within the reach of that edge, which is
   // zero and stays zero.
-  int top = rows_, bottom = 0, left = words_, right = 0;
-  for (int y = 0; y < rows_; ++y) {
-    const uint64_t* row = bits_.data() + static_cast<size_t>(y) * words_;
-    int first = 0;
-    while (first < words_ && row[first] == 0) ++first;
-    if (first == words_) continue;
-    int last = words_ - 1;
-    while (row[last] == 0) --last;
-    top = std::min(top, y);
-    bottom = y + 1;
-    left = std::min(left, first);
-    right = std::max(right, last + 1);
-  }
-  if (top >= bottom) return;  // no set pixel: none after either operation
+  if (!occupied_.known) FindOccupied();
+  if (occupied_.Empty()) return;  // no set pixel: none after either operation
   const int reachWords = (reach + 63) / 64;
-  top = std::max(0, top - reach);
-  bottom = std::min(rows_, bottom + reach);
-  left = std::max(0, left - reachWords);
-  right = std::min(words_, right + reachWords);
+  const int top = std::max(0, occupied_.top - reach);
+  const int bottom = std::min(rows_, occupied_.bottom + reach);
+  const int left = std::max(0, occupied_.left - reachWords);
+  const int right = std::min(words_, occupied_.right + reachWords);
   const int rows = bottom - top;
   const int words = right - left;
   uint64_t* const origin = bits_.data() + static_cast<size_t>(top) * words_ + left;
   const auto imageRow = [&](int y) { return origin + static_cast<size_t>(y) * words_; };
-  // Bits beyond the last column read as the border while the operation runs,
-  // and are zero after it.
-  const uint64_t pad = right == words_ ? pad_ : 0;
-  const auto fixPadding = [&](bool fill) {
-    if (pad == 0) return;
-    for (int y = 0; y < rows; ++y) {
-      uint64_t& last = imageRow(y)[words - 1];
-      last = fill ? (last | pad) : (last & ~pad);
-    }
-  };
+  // Bits beyond the last column read as the border while the operation runs
+  // (CopyBack clears them).
+  if (erode && right == words_ && pad_ != 0) {
+    for (int y = 0; y < rows; ++y) imageRow(y)[words - 1] |= pad_;
+  }
 
   // Horizontal runs, each grown from the one before by doubling. A run's value
   // just outside the part depends on the pixels inside, so each row carries
@@ -231,7 +214,6 @@ void BitMask::Morph(const Kernel& kernel, bool erode) {
     std::fill(buffer(index) - ends, buffer(index), identity);
     std::fill(buffer(index) + planeWords, buffer(index) + planeWords + ends, identity);
   }
-  fixPadding(erode);
   for (int y = 0; y < rows; ++y) {
     uint64_t* row = buffer(0) + static_cast<size_t>(y) * stride;
     FillWords(row, margin, identity);
@@ -288,9 +270,7 @@ void BitMask::Morph(const Kernel& kernel, bool erode) {
                 e * words, erode);
       length += e;
     }
-    for (int y = 0; y < rows; ++y) {
-      CopyWords(imageRow(y), column_.data() + static_cast<size_t>(y) * words, words);
-    }
+    CopyBack(column_.data(), words, top, left, rows, words);
   } else {
     // Rows: the run plane of each kernel row, shifted by the row's offset,
     // combined into the result plane at once; a row beyond the part is the
@@ -306,11 +286,52 @@ void BitMask::Morph(const Kernel& kernel, bool erode) {
                 vertical_.data() + static_cast<size_t>(first) * stride,
                 static_cast<size_t>(end - first) * stride, 0, erode);
     }
-    for (int y = 0; y < rows; ++y) {
-      CopyWords(imageRow(y), vertical_.data() + static_cast<size_t>(y) * stride + margin, words);
-    }
+    CopyBack(vertical_.data() + margin, stride, top, left, rows, words);
   }
-  fixPadding(false);
+}
+
+void BitMask::FindOccupied() {
+  occupied_ = Occupied{};
+  occupied_.known = true;
+  for (int y = 0; y < rows_; ++y) {
+    const uint64_t* row = bits_.data() + static_cast<size_t>(y) * words_;
+    int first = 0;
+    while (first < words_ && row[first] == 0) ++first;
+    if (first == words_) continue;
+    int last = words_ - 1;
+    while (row[last] == 0) --last;
+    occupied_.Add(y, first, last + 1);
+  }
+}
+
+void BitMask::CopyBack(const uint64_t* from, int fromStride, int top, int left, int rows,
+                       int words) {
+  // The words that hold set pixels are found on the way: the next operation
+  // works on them and their reach.
+  columns_.assign(static_cast<size_t>(words), 0);
+  uint64_t* const columns = columns_.data();
+  occupied_ = Occupied{};
+  occupied_.known = true;
+  // The bits beyond the last column are cleared.
+  const uint64_t inLast = left + words == words_ ? ~pad_ : ~uint64_t{0};
+  for (int y = 0; y < rows; ++y) {
+    const uint64_t* in = from + static_cast<size_t>(y) * fromStride;
+    uint64_t* out = bits_.data() + static_cast<size_t>(top + y) * words_ + left;
+    uint64_t any = 0;
+    for (int w = 0; w < words; ++w) {
+      const uint64_t v = w == words - 1 ? in[w] & inLast : in[w];
+      out[w] = v;
+      any |= v;
+      columns[w] |= v;
+    }
+    if (any != 0) occupied_.Add(top + y, left, left + words);
+  }
+  if (occupied_.Empty()) return;
+  int first = 0, last = words - 1;
+  while (columns[first] == 0) ++first;
+  while (columns[last] == 0) --last;
+  occupied_.left = left + first;
+  occupied_.right = left + last + 1;
 }
 
 void BitMask::Apply(const MorphStep& step) {

@@ -65,14 +65,39 @@ class BitMask {
     std::vector<int> lo, hi;
   };
 
+  // Rows top .. bottom - 1 and words left .. right - 1 hold every set pixel
+  // of the plane (when known).
+  struct Occupied {
+    bool known = false;
+    int top = 0, bottom = 0, left = 0, right = 0;
+    bool Empty() const { return top >= bottom; }
+    void Add(int y, int first, int end) {
+      if (Empty()) {
+        top = y;
+        left = first;
+        right = end;
+      }
+      bottom = y + 1;
+      left = first < left ? first : left;
+      right = end > right ? end : right;
+    }
+  };
+
   const Kernel& KernelOf(int shape, int size);
   void Morph(const Kernel& kernel, bool erode);
+  void FindOccupied();
+  // Writes `rows` rows of `words` words from `from` (rows `fromStride` words
+  // apart) into the plane at row `top`, word `left`, and sets occupied_ from
+  // them (the plane being zero elsewhere).
+  void CopyBack(const uint64_t* from, int fromStride, int top, int left, int rows, int words);
 
   int rows_ = 0;
   int cols_ = 0;
   int words_ = 0;     // words a row
   uint64_t pad_ = 0;  // bits of a row's last word beyond the last column
   std::vector<uint64_t> bits_;
+  Occupied occupied_;  // kept by the operations that clear pixels or fill holes
+  std::vector<uint64_t> columns_;  // CopyBack: the OR of each column of words
   std::vector<uint64_t> planes_;  // buffers of the horizontal runs' planes
   std::vector<int> runPlane_;      // per run: its buffer
   std::vector<int> freeBuffers_;

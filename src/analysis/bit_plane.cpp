@@ -90,6 +90,7 @@ bool PackAvx2() {
 
 bool BitMask::Pack(const cv::Mat& mask) {
   rows_ = cols_ = words_ = 0;
+  occupied_.known = false;
   if (mask.empty() || mask.type() != CV_8UC1 || mask.dims != 2 || mask.isSubmatrix()) {
     return false;
   }
@@ -203,6 +204,7 @@ void BitMask::CopyTo(BitMask& other) const {
   other.cols_ = cols_;
   other.words_ = words_;
   other.pad_ = pad_;
+  other.occupied_ = occupied_;
   other.bits_.assign(bits_.begin(), bits_.begin() + static_cast<std::ptrdiff_t>(rows_) * words_);
 }
 
@@ -247,6 +249,8 @@ void SpreadAlongRuns(uint64_t* r, const uint64_t* m, int words) {
 
 }  // namespace
 
+// The filled holes lie inside the box of the set pixels (a pixel outside it
+// sees the plane's edge along a row or column of zeros), so occupied_ holds.
 void BitMask::FillHoles() {
   if (rows_ == 0 || cols_ == 0) return;
   const size_t n = static_cast<size_t>(rows_) * words_;
