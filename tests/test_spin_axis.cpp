@@ -446,6 +446,34 @@ TEST(SpinAxis, FourSystemsSolveAsOne) {
   EXPECT_GT(solved, 800);
 }
 
+// The library's rounding as the search reproduces it: products, norms and
+// residuals of random values over many magnitudes, zeros and non-finite ones.
+TEST(SpinAxis, RoundingFormsAreTheLibrarys) {
+  const MatRounding& rounding = MatRounding::Get();
+  std::mt19937 rng(11);
+  std::uniform_real_distribution<double> unit(-1.0, 1.0);
+  std::uniform_int_distribution<int> power(-4, 5);
+  for (int trial = 0; trial < 3000; ++trial) {
+    double v[12];
+    for (double& x : v) x = unit(rng) * std::pow(10.0, power(rng));
+    if (trial % 50 == 0) v[trial % 12] = trial % 100 == 0 ? 0.0 : INFINITY;
+    const cv::Mat four(4, 1, CV_64F, v);
+    const cv::Mat three(3, 1, CV_64F, v), other(3, 1, CV_64F, v + 3);
+    const double pairs[][2] = {{SquaredNorm4(rounding, v), four.dot(four)},
+                               {Dot3(rounding, v, v + 3), three.dot(other)},
+                               {Norm3(rounding, v), cv::norm(three)}};
+    for (const auto& pair : pairs) {
+      ASSERT_EQ(std::memcmp(&pair[0], &pair[1], sizeof(double)), 0) << "trial " << trial;
+    }
+    double r[4];
+    PlaneResiduals(rounding, v, v + 8, v + 4, r, 4);  // A (4 x 3 from v), x, d
+    cv::Mat expected;
+    cv::gemm(cv::Mat(4, 3, CV_64F, v), cv::Mat(3, 1, CV_64F, v + 8), 1.0,
+             cv::Mat(4, 1, CV_64F, v + 4), -1.0, expected);
+    ASSERT_EQ(std::memcmp(r, expected.ptr<double>(), sizeof r), 0) << "trial " << trial;
+  }
+}
+
 // Frames 0-4 turn about the true pivot, frames 5-8 about one moved by
 // (110, 0, 70); camera 1's line of frame 4 is shifted sideways by `shift` mm.
 Areas TwoPivots(double shift) {

@@ -239,6 +239,7 @@ TEST_P(GoldenRecording, ExtractedLines) {
   // would still be identical, only slow.
   const MatRounding& rounding = MatRounding::Get();
   EXPECT_NE(rounding.dot3, MatRounding::Dot3::kLibrary);
+  EXPECT_NE(rounding.dot4, MatRounding::Dot3::kLibrary);
   EXPECT_TRUE(rounding.gemmPlain && rounding.normPlain && JacobiSolveMatchesLibrary());
   EXPECT_GT(c.stats.pairsSurelyRejected, c.stats.evaluatedPairs / 2);
   EXPECT_EQ(c.stats.pairsSolvedByLibrary, 0u);

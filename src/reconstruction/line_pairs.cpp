@@ -177,8 +177,7 @@ struct EvaluateChunks {
   void Accept(const Pending& p, const double* x, std::vector<PairHypothesis>& out) const {
     double r[4];
     PlaneResiduals(search.rounding, p.a, x, p.d, r, 4);
-    const cv::Mat matR(4, 1, CV_64F, r);
-    const double residual = matR.dot(matR) / 4;
+    const double residual = SquaredNorm4(search.rounding, r) / 4;
     const double along = std::abs(x[search.axisIndex] - search.referencePoint[search.axisIndex]);
     const double* reference = search.referencePoint;
     const double offset[3] = {x[0] - reference[0], x[1] - reference[1], x[2] - reference[2]};

@@ -81,6 +81,23 @@ inline double PlainDot3(const double* a, const double* b) {
   return (p0 + p1) + p2;
 }
 
+inline double FusedSquaredNorm4(const double* v) {
+  return std::fma(v[3], v[3], std::fma(v[2], v[2], std::fma(v[0], v[0], v[1] * v[1])));
+}
+
+inline double PlainSquaredNorm4(const double* v) {
+  const double p0 = v[0] * v[0];
+  const double p1 = v[1] * v[1];
+  const double p2 = v[2] * v[2];
+  const double p3 = v[3] * v[3];
+  return ((p0 + p1) + p2) + p3;
+}
+
+inline double LibrarySquaredNorm4(const double* v) {
+  const cv::Mat m(4, 1, CV_64F, const_cast<double*>(v));
+  return m.dot(m);
+}
+
 inline double LibraryDot3(const double* a, const double* b) {
   const cv::Mat ma(3, 1, CV_64F, const_cast<double*>(a));
   const cv::Mat mb(3, 1, CV_64F, const_cast<double*>(b));
@@ -173,6 +190,8 @@ MatRounding MatRounding::Probe() {
   uint64_t state = 0x2545F4914F6CDD1Dull;
   bool fused = true;
   bool plain = true;
+  bool fused4 = true;
+  bool plain4 = true;
   bool gemm = true;
   bool norm = true;
   for (int s = 0; s < kSamples; ++s) {
@@ -183,6 +202,10 @@ MatRounding MatRounding::Probe() {
     ProbeValues(state, a, 12, 1.0);
     ProbeValues(state, x, 3, scale * 1000.0);
     ProbeValues(state, d, 4, scale * 1000.0);
+
+    const double library4 = LibrarySquaredNorm4(d);
+    fused4 = fused4 && library4 == FusedSquaredNorm4(d);
+    plain4 = plain4 && library4 == PlainSquaredNorm4(d);
 
     const double library = LibraryDot3(a, x);
     fused = fused && library == FusedDot3(a, x);
@@ -208,6 +231,7 @@ MatRounding MatRounding::Probe() {
   }
   MatRounding rounding;
   rounding.dot3 = fused ? Dot3::kFused : (plain ? Dot3::kPlain : Dot3::kLibrary);
+  rounding.dot4 = fused4 ? Dot3::kFused : (plain4 ? Dot3::kPlain : Dot3::kLibrary);
   rounding.gemmPlain = gemm;
   rounding.normPlain = norm;
   return rounding;
@@ -276,6 +300,18 @@ double Dot3(const MatRounding& rounding, const double* a, const double* b) {
       break;
   }
   return LibraryDot3(a, b);
+}
+
+double SquaredNorm4(const MatRounding& rounding, const double* v) {
+  switch (rounding.dot4) {
+    case MatRounding::Dot3::kFused:
+      return FusedSquaredNorm4(v);
+    case MatRounding::Dot3::kPlain:
+      return PlainSquaredNorm4(v);
+    case MatRounding::Dot3::kLibrary:
+      break;
+  }
+  return LibrarySquaredNorm4(v);
 }
 
 InlierScanner::InlierScanner(const PlaneCache& cam1, const PlaneCache& cam2)

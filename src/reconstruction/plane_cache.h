@@ -86,6 +86,10 @@ struct MatRounding {
   Dot3 dot3 = Dot3::kLibrary;
   bool gemmPlain = false;  // rows of cv::gemm(A, x, 1, d, -1): ((a0 x0 + a1 x1) + a2 x2) - d
   bool normPlain = false;  // cv::norm of a 3x1 matrix: sqrt((v0 v0 + v1 v1) + v2 v2)
+  // cv::Mat::dot of a 4x1 matrix with itself: kFused rounds the second
+  // product and adds the first, third and fourth by fused multiply-adds in
+  // that order; kPlain adds the rounded products in order.
+  Dot3 dot4 = Dot3::kLibrary;
 
   static const MatRounding& Get();
   static MatRounding Probe();
@@ -108,6 +112,9 @@ double Norm3(const MatRounding& rounding, const double* v);
 
 // cv::Mat::dot of two 3-vectors.
 double Dot3(const MatRounding& rounding, const double* a, const double* b);
+
+// cv::Mat::dot of the 4-vector v with itself.
+double SquaredNorm4(const MatRounding& rounding, const double* v);
 
 // The frames that support a pivot: both cameras have a line whose plane passes
 // strictly within the inlier distance of it.
