@@ -172,6 +172,9 @@ TEST(HeadTrackerImages, BoxedFormsEqualTheWholeImageCalls) {
   std::vector<cv::Mat> masks = BlobMasks();
   for (const cv::Mat& mask : SwingChangeMasks()) masks.push_back(mask);
   cv::RNG rng(7);
+  // Opening radii on, just below and between the roots of whole numbers.
+  const double radii[] = {1.0, 1.5, std::sqrt(2.0), std::nextafter(std::sqrt(5.0), 0.0), 2.9,
+                          std::sqrt(13.0), 4.2, std::nextafter(std::sqrt(20.0), 9.0), 7.5};
   for (size_t i = 0; i < masks.size(); ++i) {
     SCOPED_TRACE(i);
     const cv::Mat& mask = masks[i];
@@ -181,6 +184,13 @@ TEST(HeadTrackerImages, BoxedFormsEqualTheWholeImageCalls) {
       cv::distanceTransform(mask, distance, cv::DIST_L2, maskSize);
       EXPECT_TRUE(Same(d::BoxedDistances(mask, maskSize, active), distance)) << maskSize;
       EXPECT_EQ(active.empty(), cv::countNonZero(mask) == 0);
+      // The opening by a disc as a dilation on bit planes and through the
+      // exact distances to the deep pixels.
+      for (const double radius : radii) {
+        EXPECT_TRUE(Same(d::OpenByDisc(mask, distance, radius),
+                         d::OpenByDiscLiteral(mask, distance, radius)))
+            << maskSize << " radius " << radius;
+      }
     }
     // Whole masks too (columns without background included), and their
     // inverses (background only at the set pixels, as for the head's core).

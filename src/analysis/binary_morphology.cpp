@@ -21,7 +21,41 @@ const BitMask::Kernel& BitMask::KernelOf(int shape, int size) {
   Kernel kernel;
   kernel.shape = shape;
   kernel.size = size;
-  const cv::Mat k = cv::getStructuringElement(shape, cv::Size(size, size), cv::Point(-1, -1));
+  Parse(cv::getStructuringElement(shape, cv::Size(size, size), cv::Point(-1, -1)), kernel);
+  kernels_.push_back(std::move(kernel));
+  return kernels_.back();
+}
+
+void BitMask::DilateByDisc(int squaredRadius) {
+  if (squaredRadius < 0) return;
+  const Kernel* disc = nullptr;
+  for (const Kernel& kernel : discs_) {
+    if (kernel.squared == squaredRadius) disc = &kernel;
+  }
+  if (disc == nullptr) {
+    if (discs_.size() >= kDiscsKept) discs_.clear();
+    int reach = 0;
+    while ((reach + 1) * (reach + 1) <= squaredRadius) ++reach;
+    const int side = 2 * reach + 1;
+    cv::Mat k(side, side, CV_8U);
+    for (int y = 0; y < side; ++y) {
+      for (int x = 0; x < side; ++x) {
+        const int dx = x - reach, dy = y - reach;
+        k.at<uchar>(y, x) = dx * dx + dy * dy <= squaredRadius ? 1 : 0;
+      }
+    }
+    Kernel kernel;
+    kernel.size = side;
+    kernel.squared = squaredRadius;
+    Parse(k, kernel);
+    discs_.push_back(std::move(kernel));
+    disc = &discs_.back();
+  }
+  Morph(*disc, false);
+}
+
+void BitMask::Parse(const cv::Mat& k, Kernel& kernel) {
+  const int size = kernel.size;
   const int anchor = size / 2;
   kernel.valid = size > 0 && k.rows == size && k.cols == size;
   std::vector<std::pair<int, int>> runs;  // per row
@@ -68,8 +102,6 @@ const BitMask::Kernel& BitMask::KernelOf(int shape, int size) {
     kernel.uniform = distinct.size() == 1 &&
                      std::find(kernel.run.begin(), kernel.run.end(), -1) == kernel.run.end();
   }
-  kernels_.push_back(std::move(kernel));
-  return kernels_.back();
 }
 
 namespace {

@@ -37,6 +37,9 @@ class BitMask {
   // nested row runs holding the centre).
   bool Supports(const MorphStep& step);
   void Apply(const MorphStep& step);
+  // Dilates by the disc of the offsets (dx, dy) with dx * dx + dy * dy <=
+  // squaredRadius (nothing for a negative one), reading outside the plane as 0.
+  void DilateByDisc(int squaredRadius);
   // Copies the plane (not the scratch) into `other`.
   void CopyTo(BitMask& other) const;
   // Sets the outermost row and column on every side to 0.
@@ -59,6 +62,7 @@ class BitMask {
   struct Kernel {
     int shape = -1;
     int size = 0;
+    int squared = -1;  // a disc's squared radius
     bool valid = false;
     bool uniform = false;  // every row has the same run
     std::vector<int> run;  // per kernel row: index into lo/hi, or -1
@@ -84,6 +88,8 @@ class BitMask {
   };
 
   const Kernel& KernelOf(int shape, int size);
+  // The runs of the kernel matrix k (kernel.size square, nonzero = in it).
+  static void Parse(const cv::Mat& k, Kernel& kernel);
   void Morph(const Kernel& kernel, bool erode);
   void FindOccupied();
   // Writes `rows` rows of `words` words from `from` (rows `fromStride` words
@@ -105,6 +111,8 @@ class BitMask {
   std::vector<uint64_t> vertical_;  // the result of the rows of another kernel
   std::vector<uint64_t> open_, reach_, row_;  // FillHoles: the 0 pixels, those the edge reaches
   std::vector<Kernel> kernels_;
+  static constexpr size_t kDiscsKept = 32;  // discs of the radii last asked for
+  std::vector<Kernel> discs_;
 };
 
 // cv::morphologyEx for each step in turn, from src into dst. Runs on bit planes

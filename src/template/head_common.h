@@ -121,10 +121,46 @@ inline cv::Mat HalfPart(const cv::Mat& image, const cv::Rect& part) {
   return half(part - outer.tl());
 }
 
+// The largest whole v whose single-precision square root lies within
+// `radius` as a float matrix compares with it (against the radius rounded to
+// single precision); -1 when there is none or no bound (NaN, huge radii).
+inline int SquaredReach(double radius) {
+  const float limit = static_cast<float>(radius);
+  if (!(limit >= 0.0f) || !(limit < 4096.0f)) return -1;
+  int v = static_cast<int>(static_cast<double>(limit) * static_cast<double>(limit));
+  while (v > 0 && !(std::sqrt(static_cast<float>(v)) <= limit)) --v;
+  while (std::sqrt(static_cast<float>(v + 1)) <= limit) ++v;
+  return v;
+}
+
 // Keeps the parts of a mask that a disc of `radius` fits into: an opening by
 // distances (the erosion keeps the pixels deeper than the radius, the
 // dilation grows them back by it), worked out around the deep pixels only.
+// The exact distances to the deep pixels are single-precision roots of whole
+// squared distances, so the pixels within the radius of them are a dilation
+// by the disc of the offsets with a squared length up to SquaredReach.
+inline cv::Mat OpenByDiscLiteral(const cv::Mat& mask, const cv::Mat& distance, double radius);
 inline cv::Mat OpenByDisc(const cv::Mat& mask, const cv::Mat& distance, double radius) {
+  cv::Mat body = cv::Mat::zeros(mask.size(), CV_8U);
+  const cv::Mat core = distance > radius;
+  const cv::Rect deep = MaskBounds(core);
+  if (deep.empty()) return body;
+  const cv::Rect around =
+      Clip(Grow(deep, static_cast<int>(std::ceil(radius)) + 1), mask.size());
+  const int reach = SquaredReach(radius);
+  thread_local BitMask bits;
+  thread_local cv::Mat part;
+  core(around).copyTo(part);
+  if (reach < 0 || !bits.Pack(part)) return OpenByDiscLiteral(mask, distance, radius);
+  bits.DilateByDisc(reach);
+  bits.Unpack(part);
+  cv::Mat inside = body(around);
+  cv::bitwise_and(part, mask(around), inside);
+  return body;
+}
+
+// The same through the exact distances to the deep pixels.
+inline cv::Mat OpenByDiscLiteral(const cv::Mat& mask, const cv::Mat& distance, double radius) {
   cv::Mat body = cv::Mat::zeros(mask.size(), CV_8U);
   const cv::Mat core = distance > radius;
   const cv::Rect deep = MaskBounds(core);
