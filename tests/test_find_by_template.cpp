@@ -184,12 +184,15 @@ TEST(HeadTrackerImages, BoxedFormsEqualTheWholeImageCalls) {
       cv::distanceTransform(mask, distance, cv::DIST_L2, maskSize);
       EXPECT_TRUE(Same(d::BoxedDistances(mask, maskSize, active), distance)) << maskSize;
       EXPECT_EQ(active.empty(), cv::countNonZero(mask) == 0);
-      // The opening by a disc as a dilation on bit planes and through the
-      // exact distances to the deep pixels.
+      // The opening by a disc as a dilation on bit planes (of the exact deep
+      // pixels, an erosion too) and through the exact distances to the deep
+      // pixels.
       for (const double radius : radii) {
-        EXPECT_TRUE(Same(d::OpenByDisc(mask, distance, radius),
-                         d::OpenByDiscLiteral(mask, distance, radius)))
+        const cv::Mat literal = d::OpenByDiscLiteral(mask, distance, radius);
+        EXPECT_TRUE(Same(d::OpenByDisc(mask, distance, radius), literal))
             << maskSize << " radius " << radius;
+        if (maskSize != cv::DIST_MASK_PRECISE) continue;
+        EXPECT_TRUE(Same(d::OpenByPreciseDisc(mask, radius), literal)) << "radius " << radius;
       }
     }
     // Whole masks too (columns without background included), and their

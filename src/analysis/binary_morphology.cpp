@@ -27,7 +27,14 @@ const BitMask::Kernel& BitMask::KernelOf(int shape, int size) {
 }
 
 void BitMask::DilateByDisc(int squaredRadius) {
-  if (squaredRadius < 0) return;
+  if (squaredRadius >= 0) Morph(DiscOf(squaredRadius), false);
+}
+
+void BitMask::ErodeByDisc(int squaredRadius) {
+  if (squaredRadius >= 0) Morph(DiscOf(squaredRadius), true);
+}
+
+const BitMask::Kernel& BitMask::DiscOf(int squaredRadius) {
   const Kernel* disc = nullptr;
   for (const Kernel& kernel : discs_) {
     if (kernel.squared == squaredRadius) disc = &kernel;
@@ -51,7 +58,7 @@ void BitMask::DilateByDisc(int squaredRadius) {
     discs_.push_back(std::move(kernel));
     disc = &discs_.back();
   }
-  Morph(*disc, false);
+  return *disc;
 }
 
 void BitMask::Parse(const cv::Mat& k, Kernel& kernel) {

@@ -37,9 +37,11 @@ class BitMask {
   // nested row runs holding the centre).
   bool Supports(const MorphStep& step);
   void Apply(const MorphStep& step);
-  // Dilates by the disc of the offsets (dx, dy) with dx * dx + dy * dy <=
-  // squaredRadius (nothing for a negative one), reading outside the plane as 0.
+  // Dilates (erodes) by the disc of the offsets (dx, dy) with dx * dx + dy * dy
+  // <= squaredRadius (nothing for a negative one), reading outside the plane
+  // as 0 (as set).
   void DilateByDisc(int squaredRadius);
+  void ErodeByDisc(int squaredRadius);
   // Copies the plane (not the scratch) into `other`.
   void CopyTo(BitMask& other) const;
   // Sets the outermost row and column on every side to 0.
@@ -90,6 +92,7 @@ class BitMask {
   const Kernel& KernelOf(int shape, int size);
   // The runs of the kernel matrix k (kernel.size square, nonzero = in it).
   static void Parse(const cv::Mat& k, Kernel& kernel);
+  const Kernel& DiscOf(int squaredRadius);
   void Morph(const Kernel& kernel, bool erode);
   void FindOccupied();
   // Writes `rows` rows of `words` words from `from` (rows `fromStride` words

@@ -202,6 +202,24 @@ inline cv::Mat BoxedDistances(const cv::Mat& mask, int maskSize, cv::Rect& activ
   return distance;
 }
 
+// OpenByDisc(mask, the mask's exact distances, radius) for a 0/255 mask: the
+// pixels deeper than the radius are those the disc of SquaredReach leaves
+// after an erosion (outside the frame is not background), so the opening
+// runs on bit planes without the distances.
+inline cv::Mat OpenByPreciseDisc(const cv::Mat& mask, double radius) {
+  const int reach = SquaredReach(radius);
+  thread_local BitMask bits;
+  if (reach >= 0 && bits.Pack(mask)) {
+    cv::Mat body;
+    bits.ErodeByDisc(reach);
+    bits.DilateByDisc(reach);
+    bits.Unpack(body);
+    return body;
+  }
+  cv::Rect active;
+  return OpenByDisc(mask, BoxedDistances(mask, cv::DIST_MASK_PRECISE, active), radius);
+}
+
 // std::lround(std::hypot(dx, dy)) for finite offsets of a few hundred pixels: a
 // square root differs from hypot by a few units in the last place, which
 // decide the rounding only within a hair of a half.

@@ -58,9 +58,7 @@ bool MeasureSilhouette(const CameraFrame& frame, const cv::Mat& background,
   if (r.width < 3 || r.height < 3 || background.size() != frame.grey.size()) return false;
 
   const cv::Mat filled = ChangedMask(frame.grey(r), background(r), kFullClosing);
-  cv::Rect active;
-  const cv::Mat distance = BoxedDistances(filled, cv::DIST_MASK_PRECISE, active);
-  const cv::Mat body = OpenByDisc(filled, distance, std::max(1.5, kOpeningFraction * thickness));
+  const cv::Mat body = OpenByPreciseDisc(filled, std::max(1.5, kOpeningFraction * thickness));
   std::vector<std::vector<cv::Point>> contours;
   cv::findContours(body, contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_NONE);
   const std::vector<cv::Point>* head = nullptr;
