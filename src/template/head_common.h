@@ -133,20 +133,40 @@ inline int SquaredReach(double radius) {
   return v;
 }
 
+// An empty body (0 at every pixel of the mask), the pixels deeper than
+// `radius` (0/255) and the part of the mask within the radius's reach of
+// them; false when there are none.
+inline bool DeepPixels(const cv::Mat& mask, const cv::Mat& distance, double radius, cv::Mat& body,
+                       cv::Mat& core, cv::Rect& around) {
+  body = cv::Mat::zeros(mask.size(), CV_8U);
+  core = distance > radius;
+  const cv::Rect deep = MaskBounds(core);
+  if (deep.empty()) return false;
+  around = Clip(Grow(deep, static_cast<int>(std::ceil(radius)) + 1), mask.size());
+  return true;
+}
+
+// The opening below through the exact distances to the deep pixels.
+inline cv::Mat OpenByDiscLiteral(const cv::Mat& mask, const cv::Mat& distance, double radius) {
+  cv::Mat body, core;
+  cv::Rect around;
+  if (!DeepPixels(mask, distance, radius, body, core, around)) return body;
+  cv::Mat toCore;
+  PreciseDistances(distance(around) <= radius, toCore);
+  body(around) = (toCore <= radius) & mask(around);
+  return body;
+}
+
 // Keeps the parts of a mask that a disc of `radius` fits into: an opening by
 // distances (the erosion keeps the pixels deeper than the radius, the
 // dilation grows them back by it), worked out around the deep pixels only.
 // The exact distances to the deep pixels are single-precision roots of whole
 // squared distances, so the pixels within the radius of them are a dilation
 // by the disc of the offsets with a squared length up to SquaredReach.
-inline cv::Mat OpenByDiscLiteral(const cv::Mat& mask, const cv::Mat& distance, double radius);
 inline cv::Mat OpenByDisc(const cv::Mat& mask, const cv::Mat& distance, double radius) {
-  cv::Mat body = cv::Mat::zeros(mask.size(), CV_8U);
-  const cv::Mat core = distance > radius;
-  const cv::Rect deep = MaskBounds(core);
-  if (deep.empty()) return body;
-  const cv::Rect around =
-      Clip(Grow(deep, static_cast<int>(std::ceil(radius)) + 1), mask.size());
+  cv::Mat body, core;
+  cv::Rect around;
+  if (!DeepPixels(mask, distance, radius, body, core, around)) return body;
   const int reach = SquaredReach(radius);
   thread_local BitMask bits;
   thread_local cv::Mat part;
@@ -156,21 +176,6 @@ inline cv::Mat OpenByDisc(const cv::Mat& mask, const cv::Mat& distance, double r
   bits.Unpack(part);
   cv::Mat inside = body(around);
   cv::bitwise_and(part, mask(around), inside);
-  return body;
-}
-
-// The same through the exact distances to the deep pixels.
-inline cv::Mat OpenByDiscLiteral(const cv::Mat& mask, const cv::Mat& distance, double radius) {
-  cv::Mat body = cv::Mat::zeros(mask.size(), CV_8U);
-  const cv::Mat core = distance > radius;
-  const cv::Rect deep = MaskBounds(core);
-  if (deep.empty()) return body;
-  const cv::Rect around =
-      Clip(Grow(deep, static_cast<int>(std::ceil(radius)) + 1), mask.size());
-  const cv::Mat outsideCore = distance(around) <= radius;
-  cv::Mat toCore;
-  PreciseDistances(outsideCore, toCore);
-  body(around) = (toCore <= radius) & mask(around);
   return body;
 }
 
