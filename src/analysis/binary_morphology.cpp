@@ -4,7 +4,6 @@
 #include "analysis/binary_morphology.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include <opencv2/imgproc.hpp>
 
@@ -37,7 +36,10 @@ void BitMask::ErodeByDisc(int squaredRadius) {
 const BitMask::Kernel& BitMask::DiscOf(int squaredRadius) {
   const Kernel* disc = nullptr;
   for (const Kernel& kernel : discs_) {
-    if (kernel.squared == squaredRadius) disc = &kernel;
+    if (kernel.squared == squaredRadius) {
+      disc = &kernel;
+      break;
+    }
   }
   if (disc == nullptr) {
     if (discs_.size() >= kDiscsKept) discs_.clear();
@@ -235,7 +237,7 @@ void BitMask::Morph(const Kernel& kernel, bool erode) {
   // doubling shifts the whole plane as one row; what reaches across into a
   // neighbouring row lands only in margin words, which no pixel of the part
   // reads. Planes alternate between buffers (a doubling does not run in
-  // place); each buffer has `pad` words of the border before and after it.
+  // place); each buffer has `ends` words of the border before and after it.
   int farthest = 0;
   for (int k = 0; k < runs; ++k) farthest = std::max({farthest, kernel.hi[k], -kernel.lo[k]});
   const int margin = (farthest + 63) / 64;

@@ -123,10 +123,11 @@ inline cv::Mat HalfPart(const cv::Mat& image, const cv::Rect& part) {
 
 // The largest whole v whose single-precision square root lies within
 // `radius` as a float matrix compares with it (against the radius rounded to
-// single precision); -1 when there is none or no bound (NaN, huge radii).
+// single precision); -1 when there is none, and for NaN and radii beyond any
+// head's (whose discs would take more than they save).
 inline int SquaredReach(double radius) {
   const float limit = static_cast<float>(radius);
-  if (!(limit >= 0.0f) || !(limit < 4096.0f)) return -1;
+  if (!(limit >= 0.0f) || !(limit < 256.0f)) return -1;
   int v = static_cast<int>(static_cast<double>(limit) * static_cast<double>(limit));
   while (v > 0 && !(std::sqrt(static_cast<float>(v)) <= limit)) --v;
   while (std::sqrt(static_cast<float>(v + 1)) <= limit) ++v;
