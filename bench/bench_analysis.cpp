@@ -30,7 +30,10 @@ struct AnalysisInputs {
     pre = analysis.pre[0];
     cand = analysis.cand[0];
     // The refined masks are the thread's until its next analysis: copied.
-    for (const cv::Mat& mask : *analysis.refined[0]) masks.push_back(mask.clone());
+    cv::Mat unpacked;
+    for (size_t k = 0; k < analysis.refined[0]->masks.size(); ++k) {
+      masks.push_back(analysis.refined[0]->Mask(k, unpacked).clone());
+    }
     edges.resize(cand.size());
     for (size_t k = 0; k < cand.size(); ++k) ComputeShaftEdges(cand[k]->image, edges[k]);
   }

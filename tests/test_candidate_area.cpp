@@ -79,7 +79,7 @@ const uint64_t kWrapBase = 0xFFFFFFFFull - 2500;  // the low 32 bits wrap at fra
 
 // A reference must lie strictly more than the interval away (before or after
 // the impact), the earlier scan stops at index 1, and the gap is taken on the
-// low 32 bits of the time stamps.
+// low 32 bits of the time stamps; the frames may be released as they are used.
 TEST(CandidateArea, ReferenceSelection) {
   const struct {
     const char* name;
@@ -113,7 +113,26 @@ TEST(CandidateArea, ReferenceSelection) {
     const auto pairs = ReferencesOf(run, c.frame);
     ASSERT_EQ(pairs.size(), 1u) << "the spot patterns tell every reference pair apart";
     EXPECT_EQ(pairs[0], std::make_pair(std::min(c.earlier, c.later), std::max(c.earlier, c.later)));
+
+    // Frames released as soon as their last reader is made: the same records, no image left.
+    FrameRun releasing;
+    for (const PreprocessedImage* f : run.frames)
+      releasing.Add(f->image.clone(), f->timeStamp, f->afterImpact);
+    ASSERT_EQ(FindCandidateAreaReleasingFrames(tracker, releasing.frames, releasing.candidates), 1);
+    for (size_t k = 0; k < run.frames.size(); ++k) {
+      EXPECT_TRUE(SameMask(releasing.candidates[k]->image, run.candidates[k]->image)) << k;
+      EXPECT_EQ(releasing.candidates[k]->timeStamp, run.candidates[k]->timeStamp) << k;
+      EXPECT_TRUE(releasing.frames[k]->image.empty()) << k;
+    }
   }
+  // A frame listed twice keeps its image, and so do the others.
+  ClubTracker tracker;
+  FrameRun twice;
+  twice.Add(SpottedFrame(1), 0);
+  twice.Add(SpottedFrame(2), 5000);
+  twice.frames.push_back(twice.frames[0]);
+  ASSERT_EQ(FindCandidateAreaReleasingFrames(tracker, twice.frames, twice.candidates), 1);
+  for (const PreprocessedImage* f : twice.frames) EXPECT_FALSE(f->image.empty());
 }
 
 // A frame without a reference (alone, or the only one of its window or size)

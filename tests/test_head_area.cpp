@@ -133,7 +133,7 @@ TEST(DeleteDriverHeadArea, PaintsTheDiscAtTheHeadCentre) {
 }
 
 // Own masks differ from the refined ones, so the measurement shows which it used; the parallel
-// measurement equals the single-frame one.
+// measurement equals the single-frame one, with the refined masks unpacked or as bit planes.
 TEST(MeasureHeadSizes, MeasuresEveryFrameOnItsRefinedMaskAndKeepsItsOwnMask) {
   ClubTracker tracker;
   std::vector<std::unique_ptr<CandidateAreaImage>> owned;
@@ -151,16 +151,34 @@ TEST(MeasureHeadSizes, MeasuresEveryFrameOnItsRefinedMaskAndKeepsItsOwnMask) {
       cv::circle(refined.back(), cv::Point(rng.uniform(20, 100), rng.uniform(20, 70)),
                  rng.uniform(2, 18), cv::Scalar(255), cv::FILLED);
   }
-  std::vector<int> sizes(3, -1);
-  MeasureHeadSizes(tracker, candidates, refined, sizes);
-  ASSERT_EQ(sizes.size(), 23u);
-  for (size_t k = 0; k < sizes.size(); ++k) {
-    const Measure expected = MeasureMask(refined[k]);
-    EXPECT_EQ(sizes[k], expected.thickness) << "frame " << k;
-    EXPECT_EQ(candidates[k]->headX, expected.headX) << "frame " << k;
-    EXPECT_EQ(candidates[k]->headY, expected.headY) << "frame " << k;
-    EXPECT_EQ(cv::countNonZero(candidates[k]->image != own[k]), 0);
-    EXPECT_NE(candidates[k]->image.data, refined[k].data);
+  // The same masks with every other one kept as a bit plane, unpacked when measured.
+  RefinedMasks mixed;
+  mixed.masks = refined;
+  mixed.packed.resize(refined.size());
+  mixed.isPacked.assign(refined.size(), 0);
+  for (size_t k = 0; k < refined.size(); k += 2) {
+    ASSERT_TRUE(mixed.packed[k].Pack(refined[k]));
+    mixed.isPacked[k] = 1;
+    mixed.masks[k] = cv::Mat();
+  }
+  for (const bool packed : {false, true}) {
+    SCOPED_TRACE(packed ? "partly packed" : "unpacked");
+    std::vector<int> sizes(3, -1);
+    if (packed) {
+      MeasureHeadSizes(tracker, candidates, mixed, sizes);
+    } else {
+      MeasureHeadSizes(tracker, candidates, refined, sizes);
+    }
+    ASSERT_EQ(sizes.size(), 23u);
+    for (size_t k = 0; k < sizes.size(); ++k) {
+      const Measure expected = MeasureMask(refined[k]);
+      EXPECT_EQ(sizes[k], expected.thickness) << "frame " << k;
+      EXPECT_EQ(candidates[k]->headX, expected.headX) << "frame " << k;
+      EXPECT_EQ(candidates[k]->headY, expected.headY) << "frame " << k;
+      EXPECT_EQ(cv::countNonZero(candidates[k]->image != own[k]), 0);
+      EXPECT_NE(candidates[k]->image.data, refined[k].data);
+      candidates[k]->headX = candidates[k]->headY = -1;
+    }
   }
 }
 

@@ -7,6 +7,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "analysis/binary_morphology.h"
 #include "analysis/hough.h"
 #include "tracker/records.h"
 
@@ -47,13 +48,18 @@ void ComputeShaftVotes(const cv::Mat& mask, HoughVotes& votes, int floor = 0);
 int ExtractCandidatesFromVotes(CandidateAreaImage* candidate, const HoughVotes& votes,
                                int voteThreshold);
 
+// ClubTracker::FindCandidateArea that releases each frame's image as soon as
+// the last record that reads it is made: the same records, and no frame
+// image is left once it returns.
+int FindCandidateAreaReleasingFrames(ClubTracker& tracker,
+                                     const std::vector<PreprocessedImage*>& frames,
+                                     std::vector<CandidateAreaImage*>& candidates);
+
 // The change mask of a frame against its two references (8-bit grey, one
 // size): 255 where the frame differs from both by 2 grey levels or more, else
 // 0, written into `mask`. Returns the number of set pixels.
 int64_t ChangeMask(const cv::Mat& image, const cv::Mat& earlier, const cv::Mat& later,
                    cv::Mat& mask);
-
-class BitMask;
 
 // RefineCandidateMask that may leave the refined mask packed: when the bit
 // planes run the whole test and `packed` is given, the refined mask is
@@ -62,10 +68,26 @@ class BitMask;
 bool RefineCandidateMaskPacked(const cv::Mat& candidateMask, BitMask* packed,
                                cv::Mat& refinedMask, int* blobPresent);
 
+// The refined masks of one camera's frames: frame k's is the bit plane
+// packed[k] when isPacked[k] is set, else the matrix masks[k]. Kept packed,
+// a swing's refined masks take an eighth of the pixels' bytes.
+struct RefinedMasks {
+  std::vector<BitMask> packed;
+  std::vector<char> isPacked;
+  std::vector<cv::Mat> masks;
+
+  // Frame k's refined mask: masks[k], or its bit plane unpacked into
+  // `scratch` (which the answer then shares).
+  const cv::Mat& Mask(size_t k, cv::Mat& scratch) const;
+};
+
 // Driver-head thickness of every frame of one camera, measured in parallel on
 // the refined masks (refinedMasks[k] belongs to candidates[k]). sizes is
 // resized to candidates.size(); sizes[k] is the thickness of frame k (0 when
 // the frame could not be measured). Each record's headX, headY are written;
-// its own mask is left as it was.
+// its own mask is left as it was. A packed mask is unpacked into the
+// measuring thread's buffer when its frame is measured.
 void MeasureHeadSizes(ClubTracker& tracker, const std::vector<CandidateAreaImage*>& candidates,
                       const std::vector<cv::Mat>& refinedMasks, std::vector<int>& sizes);
+void MeasureHeadSizes(ClubTracker& tracker, const std::vector<CandidateAreaImage*>& candidates,
+                      const RefinedMasks& refinedMasks, std::vector<int>& sizes);

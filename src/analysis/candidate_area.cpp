@@ -1,5 +1,7 @@
 // Candidate-area masks: the pixels of each frame that changed against an
 // earlier and against a later reference frame of the same camera.
+#include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <memory>
@@ -178,8 +180,41 @@ int64_t ChangeMask(const cv::Mat& image, const cv::Mat& earlier, const cv::Mat& 
   return count;
 }
 
-int ClubTracker::FindCandidateArea(const std::vector<PreprocessedImage*>& frames,
-                                   std::vector<CandidateAreaImage*>& candidates) {
+namespace {
+
+// Frame i's record: its change mask against its two references (indices into
+// frames), brightness compensated when it changed almost everywhere, then its
+// metadata and the ball painted out.
+void MakeCandidateArea(const std::vector<PreprocessedImage*>& frames, int i, int earlierIndex,
+                       int laterIndex, CandidateAreaImage* record) {
+  const PreprocessedImage* frame = frames[i];
+  const cv::Mat& image = frame->image;
+  if (image.type() == CV_8UC1 && !image.empty()) {
+    const cv::Mat& earlier = frames[earlierIndex]->image;
+    const cv::Mat& later = frames[laterIndex]->image;
+    const int64_t changed = ChangeMask(image, earlier, later, record->image);
+
+    // The pixel count taken in single precision.
+    const float area = static_cast<float>(image.rows * image.cols);
+    if (static_cast<float>(changed) > area * 0.75f) {
+      CompensateBrightness(image, earlier, later, area, record->image);
+    }
+  } else if (!image.empty()) {
+    // Not an 8-bit grey frame: nothing can be differenced.
+    record->image = cv::Mat::zeros(image.rows, image.cols, CV_8UC1);
+  }
+  CopyMetadata(*record, *frame);
+  PaintBall(*record);
+}
+
+// The candidate areas of `frames` appended to `candidates`, frames spread over
+// the cores (each writes only its own record). With releaseFrames, a frame's
+// image is released as soon as the last record that reads it is made, so that
+// the frames and the masks are never all held at once (only when every frame
+// is its own record: a frame listed twice keeps its image).
+int MakeCandidateAreas(const ClubTrackerSetting& setting,
+                       const std::vector<PreprocessedImage*>& frames,
+                       std::vector<CandidateAreaImage*>& candidates, bool releaseFrames) {
   const int n = static_cast<int>(frames.size());
   candidates.reserve(candidates.size() + frames.size());
   const size_t first = candidates.size();
@@ -188,28 +223,45 @@ int ClubTracker::FindCandidateArea(const std::vector<PreprocessedImage*>& frames
     candidates.push_back(record.get());  // capacity reserved: cannot throw
     record.release();
   }
-  // Frames spread over the cores: each writes only its own record.
-  tbb::parallel_for(0, n, [&](int i) {
-    CandidateAreaImage* record = candidates[first + static_cast<size_t>(i)];
+  // The references of every frame, found before any image is released; and
+  // how many records read each frame.
+  std::vector<int> earlier(frames.size(), 0), later(frames.size(), 0);
+  std::vector<std::atomic<int>> readers(frames.size());
+  for (int i = 0; i < n; ++i) {
     const PreprocessedImage* frame = frames[i];
-    if (frame == nullptr) return;
-    const cv::Mat& image = frame->image;
-    if (image.type() == CV_8UC1 && !image.empty()) {
-      const cv::Mat& earlier = frames[EarlierReference(frames, i, setting)]->image;
-      const cv::Mat& later = frames[LaterReference(frames, i, setting)]->image;
-      const int64_t changed = ChangeMask(image, earlier, later, record->image);
-
-      // The pixel count taken in single precision.
-      const float area = static_cast<float>(image.rows * image.cols);
-      if (static_cast<float>(changed) > area * 0.75f) {
-        CompensateBrightness(image, earlier, later, area, record->image);
-      }
-    } else if (!image.empty()) {
-      // Not an 8-bit grey frame: nothing can be differenced.
-      record->image = cv::Mat::zeros(image.rows, image.cols, CV_8UC1);
+    if (frame == nullptr) continue;
+    earlier[i] = later[i] = i;
+    if (frame->image.type() == CV_8UC1 && !frame->image.empty()) {
+      earlier[i] = EarlierReference(frames, i, setting);
+      later[i] = LaterReference(frames, i, setting);
     }
-    CopyMetadata(*record, *frame);
-    PaintBall(*record);
+    for (const int j : {i, earlier[i], later[i]}) readers[j].fetch_add(1, std::memory_order_relaxed);
+  }
+  if (releaseFrames) {
+    std::vector<PreprocessedImage*> sorted(frames);
+    std::sort(sorted.begin(), sorted.end());
+    releaseFrames = std::adjacent_find(sorted.begin(), sorted.end()) == sorted.end();
+  }
+  tbb::parallel_for(0, n, [&](int i) {
+    if (frames[i] == nullptr) return;
+    MakeCandidateArea(frames, i, earlier[i], later[i], candidates[first + static_cast<size_t>(i)]);
+    if (!releaseFrames) return;
+    for (const int j : {i, earlier[i], later[i]}) {
+      if (readers[j].fetch_sub(1, std::memory_order_acq_rel) == 1) frames[j]->image.release();
+    }
   });
   return 1;
+}
+
+}  // namespace
+
+int ClubTracker::FindCandidateArea(const std::vector<PreprocessedImage*>& frames,
+                                   std::vector<CandidateAreaImage*>& candidates) {
+  return MakeCandidateAreas(setting, frames, candidates, false);
+}
+
+int FindCandidateAreaReleasingFrames(ClubTracker& tracker,
+                                     const std::vector<PreprocessedImage*>& frames,
+                                     std::vector<CandidateAreaImage*>& candidates) {
+  return MakeCandidateAreas(tracker.setting, frames, candidates, true);
 }

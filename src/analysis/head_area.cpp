@@ -15,14 +15,18 @@
 // Body of the parallel head-size loop: measures frame i on its refined mask.
 // The record lends its mask slot to the refined mask for the duration of the
 // measurement and gets its own mask back afterwards (the measurement only
-// reads the mask). Each index touches only its own record and result slot.
+// reads the mask). Each index touches only its own record and result slot; a
+// packed mask is unpacked into the thread's buffer, which serves one frame at
+// a time (the measurement starts no parallel work that could take another).
 struct HeadAreaTask {
   ClubTracker* tracker;
   const std::vector<CandidateAreaImage*>* candidates;
   const std::vector<cv::Mat>* refined;
   int* result;
+  const RefinedMasks* packed = nullptr;  // when set, the masks' source
 
   void operator()(const tbb::blocked_range<int>& range) const {
+    thread_local cv::Mat unpacked;
     for (int i = range.begin(); i != range.end(); ++i) {
       int thickness = 0;
       CandidateAreaImage* candidate = (*candidates)[i];
@@ -33,13 +37,22 @@ struct HeadAreaTask {
           const cv::Mat& mask;
           ~Restore() { record->image = mask; }
         } restore{candidate, own};
-        candidate->image = (*refined)[i];
+        const size_t k = static_cast<size_t>(i);
+        candidate->image = packed != nullptr ? packed->Mask(k, unpacked) : (*refined)[k];
         tracker->ExtractDriverHeadArea(candidate, thickness);
       }
       result[i] = thickness;
     }
   }
 };
+
+const cv::Mat& RefinedMasks::Mask(size_t k, cv::Mat& scratch) const {
+  if (k < isPacked.size() && isPacked[k] != 0 && k < packed.size()) {
+    packed[k].Unpack(scratch);
+    return scratch;
+  }
+  return masks[k];
+}
 
 namespace {
 
@@ -58,13 +71,29 @@ void CutToBlob(cv::Mat& mask, const cv::Rect& blob, cv::Point& origin) {
 
 }  // namespace
 
-void MeasureHeadSizes(ClubTracker& tracker, const std::vector<CandidateAreaImage*>& candidates,
-                      const std::vector<cv::Mat>& refinedMasks, std::vector<int>& sizes) {
+namespace {
+
+// Launches the loop over the first n frames (grain 1, the default partitioner).
+void MeasureEach(ClubTracker& tracker, const std::vector<CandidateAreaImage*>& candidates,
+                 const std::vector<cv::Mat>& masks, const RefinedMasks* packed,
+                 std::vector<int>& sizes) {
   sizes.assign(candidates.size(), 0);
   // A frame without a refined mask is not measured and keeps size 0.
-  const int n = static_cast<int>(std::min(candidates.size(), refinedMasks.size()));
-  const HeadAreaTask task{&tracker, &candidates, &refinedMasks, sizes.data()};
+  const int n = static_cast<int>(std::min(candidates.size(), masks.size()));
+  const HeadAreaTask task{&tracker, &candidates, &masks, sizes.data(), packed};
   tbb::parallel_for(tbb::blocked_range<int>(0, n, 1), task);
+}
+
+}  // namespace
+
+void MeasureHeadSizes(ClubTracker& tracker, const std::vector<CandidateAreaImage*>& candidates,
+                      const std::vector<cv::Mat>& refinedMasks, std::vector<int>& sizes) {
+  MeasureEach(tracker, candidates, refinedMasks, nullptr, sizes);
+}
+
+void MeasureHeadSizes(ClubTracker& tracker, const std::vector<CandidateAreaImage*>& candidates,
+                      const RefinedMasks& refinedMasks, std::vector<int>& sizes) {
+  MeasureEach(tracker, candidates, refinedMasks.masks, &refinedMasks, sizes);
 }
 
 int ClubTracker::ExtractDriverHeadArea(CandidateAreaImage* candidate, int& thickness) {

@@ -37,15 +37,8 @@ int AgreedHeadSize(const std::vector<int>& sizes) {
   return positive[(2 * positive.size()) / 3];
 }
 
-// The refined masks of the presence test, as bit planes and unpacked. They
-// stay with the thread between calls, so a later swing of the same frame
-// size writes into pages already mapped.
-struct RefinedMasks {
-  std::vector<BitMask> packed;
-  std::vector<char> isPacked;
-  std::vector<cv::Mat> masks;
-};
-
+// The refined masks of the presence test stay with the thread between calls,
+// so a later swing of the same frame size writes into pages already mapped.
 RefinedMasks& ThreadMasks(int camera) {
   thread_local RefinedMasks masks[2];
   return masks[camera];
@@ -112,13 +105,13 @@ bool AnalyseOnThisThread(ClubTracker& tracker, const SwingStages& stages,
 
   // Presence test, frames spread over the cores (each touches only its own
   // slots).
-  // The refined masks stay packed until the head sizes need them.
+  // The refined masks stay packed: the head sizes unpack one frame at a time.
   RefinedMasks* refined[2] = {&ThreadMasks(0), &ThreadMasks(1)};
   for (int c = 0; c < 2; ++c) {
     refined[c]->packed.resize(static_cast<size_t>(n));
     refined[c]->isPacked.assign(static_cast<size_t>(n), 0);
     refined[c]->masks.resize(static_cast<size_t>(n));
-    out.refined[c] = &refined[c]->masks;
+    out.refined[c] = refined[c];
     out.present[c].assign(static_cast<size_t>(n), 0);
   }
   tbb::parallel_for(0, n, [&](int k) {
@@ -130,6 +123,7 @@ bool AnalyseOnThisThread(ClubTracker& tracker, const SwingStages& stages,
       } else {
         refined[c]->isPacked[k] =
             RefineCandidateMaskPacked(mask, &refined[c]->packed[k], unpacked, &out.present[c][k]);
+        if (refined[c]->isPacked[k] != 0) unpacked.release();  // an earlier swing's
       }
     }
   });
@@ -142,14 +136,9 @@ bool AnalyseOnThisThread(ClubTracker& tracker, const SwingStages& stages,
   // Driver-head size, measured in parallel over each camera's frames.
   out.headValue[0] = out.headValue[1] = 0;
   if (out.bothPresent > 10) {
-    tbb::parallel_for(0, n, [&](int k) {
-      for (int c = 0; c < 2; ++c) {
-        if (refined[c]->isPacked[k] != 0) refined[c]->packed[k].Unpack(refined[c]->masks[k]);
-      }
-    });
     std::vector<int> sizes;
     for (int c = 0; c < 2; ++c) {
-      MeasureHeadSizes(tracker, out.cand[c], *out.refined[c], sizes);
+      MeasureHeadSizes(tracker, out.cand[c], *refined[c], sizes);
       out.headValue[c] = AgreedHeadSize(sizes);
     }
     if (out.headValue[0] <= 0 || out.headValue[1] <= 0) return false;

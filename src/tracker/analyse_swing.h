@@ -12,6 +12,8 @@
 
 #include "tracker/records.h"
 
+struct RefinedMasks;
+
 // The tracker's own stages, reached through an access type with static
 // forwarding functions (see StagesOf). The optional members replace a stage
 // by another version of it: null keeps the library's.
@@ -59,10 +61,9 @@ struct SwingAnalysis {
   std::vector<PreprocessedImage*> pre[2];
   std::vector<CandidateAreaImage*> cand[2];
   int failedCamera = 0;  // 1 or 2 when that camera's candidate areas failed
-  // Refined masks of the presence test, written when the head sizes are
-  // measured (or by a replaced presence test): the calling thread's, valid
-  // until the thread's next analysis.
-  std::vector<cv::Mat>* refined[2] = {nullptr, nullptr};
+  // Refined masks of the presence test (see RefinedMasks::Mask): the calling
+  // thread's, valid until the thread's next analysis.
+  const RefinedMasks* refined[2] = {nullptr, nullptr};
   std::vector<int> present[2];
   int bothPresent = 0;
   int headValue[2] = {0, 0};

@@ -14,6 +14,7 @@
 #include <opencv2/core.hpp>
 #include <tbb/parallel_for.h>
 
+#include "analysis/analysis.h"
 #include "tracker/analyse_swing.h"
 #include "tracker/frame_pairing.h"
 #include "tracker/records.h"
@@ -74,7 +75,7 @@ int ClubTracker::Find(std::vector<ClubImage*> cam1Images, std::vector<ClubImage*
       }
       static int FindCandidateArea(ClubTracker& t, const std::vector<PreprocessedImage*>& f,
                                    std::vector<CandidateAreaImage*>& c) {
-        return t.FindCandidateArea(f, c);
+        return FindCandidateAreaReleasingFrames(t, f, c);  // no later stage reads the frames
       }
       static int GetLineThreshold(ClubTracker& t, CandidateAreaImage* c, float divisor) {
         return t.GetLineThreshold(c, divisor);
