@@ -62,6 +62,8 @@ fuzz-run: fuzz
 
 bench: build
 	$(BUILD)/bench/clubtracker_bench --benchmark_counters_tabular=true
+	$(BUILD)/bench/clubtracker_bench_memory --benchmark_counters_tabular=true --benchmark_filter=default_swing
+	$(BUILD)/bench/clubtracker_bench_memory --benchmark_counters_tabular=true --benchmark_filter=far_swing
 
 clean:
 	rm -rf build
