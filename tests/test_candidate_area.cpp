@@ -9,6 +9,7 @@
 #include <utility>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
+#include <tbb/task_arena.h>
 #include <vector>
 
 #include "analysis/analysis.h"
@@ -133,6 +134,23 @@ TEST(CandidateArea, ReferenceSelection) {
   twice.frames.push_back(twice.frames[0]);
   ASSERT_EQ(FindCandidateAreaReleasingFrames(tracker, twice.frames, twice.candidates), 1);
   for (const PreprocessedImage* f : twice.frames) EXPECT_FALSE(f->image.empty());
+  // A released frame's buffer serves a later mask only when the frame owned it
+  // alone: views of a host's pixels or of a larger matrix are never written.
+  cv::Mat strip;
+  cv::vconcat(SpottedFrame(5), SpottedFrame(6), strip);
+  cv::Mat host = SpottedFrame(7);
+  const cv::Mat stripBefore = strip.clone(), hostBefore = host.clone();
+  FrameRun views;
+  views.Add(cv::Mat(48, 64, CV_8UC1, host.data), 0);
+  views.Add(strip.rowRange(0, 48), 5000);
+  views.Add(strip.rowRange(48, 96), 10000);
+  for (int k = 3; k < 8; ++k) views.Add(SpottedFrame(5 + k), 5000u * k);
+  tbb::task_arena inOrder(1);  // frames made in order: released views precede later masks
+  inOrder.execute([&] {
+    ASSERT_EQ(FindCandidateAreaReleasingFrames(tracker, views.frames, views.candidates), 1);
+  });
+  EXPECT_EQ(cv::countNonZero(strip != stripBefore), 0);
+  EXPECT_EQ(cv::countNonZero(host != hostBefore), 0);
 }
 
 // A frame without a reference (alone, or the only one of its window or size)

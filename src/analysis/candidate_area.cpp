@@ -5,6 +5,8 @@
 #include <cmath>
 #include <cstdint>
 #include <memory>
+#include <mutex>
+#include <utility>
 
 #include <opencv2/core/hal/intrin.hpp>
 #include <opencv2/imgproc.hpp>
@@ -207,11 +209,45 @@ void MakeCandidateArea(const std::vector<PreprocessedImage*>& frames, int i, int
   PaintBall(*record);
 }
 
+// Buffers of released frames, taken by masks still to be made: the frames
+// and the masks together need about one buffer per frame, and the masks take
+// pages already mapped.
+class BufferPool {
+ public:
+  // Keeps the frame's buffer when no other matrix shares it (a host's pixels
+  // or a view of a larger matrix are never written).
+  void Give(cv::Mat& image) {
+    if (image.u != nullptr && image.u->refcount == 1 && image.isContinuous() &&
+        image.type() == CV_8UC1) {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      buffers_.push_back(std::move(image));
+    }
+    image.release();
+  }
+  // Hands `mask` a kept buffer of the frame's size, if there is one.
+  void Take(cv::Mat& mask, const cv::Mat& like) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    for (cv::Mat& buffer : buffers_) {
+      if (buffer.size() == like.size()) {
+        mask = std::move(buffer);
+        std::swap(buffer, buffers_.back());
+        buffers_.pop_back();
+        return;
+      }
+    }
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<cv::Mat> buffers_;
+};
+
 // The candidate areas of `frames` appended to `candidates`, frames spread over
 // the cores (each writes only its own record). With releaseFrames, a frame's
-// image is released as soon as the last record that reads it is made, so that
-// the frames and the masks are never all held at once (only when every frame
-// is its own record: a frame listed twice keeps its image).
+// image is released as soon as the last record that reads it is made and its
+// buffer serves a later mask, so that the frames and the masks are never all
+// held at once (only when every frame is its own record: a frame listed twice
+// keeps its image).
 int MakeCandidateAreas(const ClubTrackerSetting& setting,
                        const std::vector<PreprocessedImage*>& frames,
                        std::vector<CandidateAreaImage*>& candidates, bool releaseFrames) {
@@ -242,12 +278,15 @@ int MakeCandidateAreas(const ClubTrackerSetting& setting,
     std::sort(sorted.begin(), sorted.end());
     releaseFrames = std::adjacent_find(sorted.begin(), sorted.end()) == sorted.end();
   }
+  BufferPool released;
   tbb::parallel_for(0, n, [&](int i) {
     if (frames[i] == nullptr) return;
-    MakeCandidateArea(frames, i, earlier[i], later[i], candidates[first + static_cast<size_t>(i)]);
+    CandidateAreaImage* record = candidates[first + static_cast<size_t>(i)];
+    if (releaseFrames) released.Take(record->image, frames[i]->image);
+    MakeCandidateArea(frames, i, earlier[i], later[i], record);
     if (!releaseFrames) return;
     for (const int j : {i, earlier[i], later[i]}) {
-      if (readers[j].fetch_sub(1, std::memory_order_acq_rel) == 1) frames[j]->image.release();
+      if (readers[j].fetch_sub(1, std::memory_order_acq_rel) == 1) released.Give(frames[j]->image);
     }
   });
   return 1;
