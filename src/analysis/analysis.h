@@ -48,12 +48,20 @@ void ComputeShaftVotes(const cv::Mat& mask, HoughVotes& votes, int floor = 0);
 int ExtractCandidatesFromVotes(CandidateAreaImage* candidate, const HoughVotes& votes,
                                int voteThreshold);
 
-// ClubTracker::FindCandidateArea that releases each frame's image as soon as
-// the last record that reads it is made: the same records, and no frame
-// image is left once it returns.
+class FrameBuffers;
+
+// ClubTracker::FindCandidateArea with the masks in buffers of `buffers`, each
+// frame's image given back to it as soon as the last record that reads it is
+// made: the same records, and no frame image is left once it returns.
 int FindCandidateAreaReleasingFrames(ClubTracker& tracker,
                                      const std::vector<PreprocessedImage*>& frames,
-                                     std::vector<CandidateAreaImage*>& candidates);
+                                     std::vector<CandidateAreaImage*>& candidates,
+                                     FrameBuffers& buffers);
+
+// Whether ClubTracker::Preprocessing filters `source` as it lies, into an
+// image of the frame's size (else it converts or cuts a copy first, or
+// refuses the frame).
+bool PreprocessesWholeFrame(const ClubImage* source, const ClubTrackerSetting& setting);
 
 // The change mask of a frame against its two references (8-bit grey, one
 // size): 255 where the frame differs from both by 2 grey levels or more, else

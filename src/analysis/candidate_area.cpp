@@ -5,14 +5,13 @@
 #include <cmath>
 #include <cstdint>
 #include <memory>
-#include <mutex>
-#include <utility>
 
 #include <opencv2/core/hal/intrin.hpp>
 #include <opencv2/imgproc.hpp>
 #include <tbb/parallel_for.h>
 
 #include "analysis/analysis.h"
+#include "analysis/frame_buffers.h"
 
 namespace {
 
@@ -209,48 +208,15 @@ void MakeCandidateArea(const std::vector<PreprocessedImage*>& frames, int i, int
   PaintBall(*record);
 }
 
-// Buffers of released frames, taken by masks still to be made: the frames
-// and the masks together need about one buffer per frame, and the masks take
-// pages already mapped.
-class BufferPool {
- public:
-  // Keeps the frame's buffer when no other matrix shares it (a host's pixels
-  // or a view of a larger matrix are never written).
-  void Give(cv::Mat& image) {
-    if (image.u != nullptr && image.u->refcount == 1 && image.isContinuous() &&
-        image.type() == CV_8UC1) {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      buffers_.push_back(std::move(image));
-    }
-    image.release();
-  }
-  // Hands `mask` a kept buffer of the frame's size, if there is one.
-  void Take(cv::Mat& mask, const cv::Mat& like) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    for (cv::Mat& buffer : buffers_) {
-      if (buffer.size() == like.size()) {
-        mask = std::move(buffer);
-        std::swap(buffer, buffers_.back());
-        buffers_.pop_back();
-        return;
-      }
-    }
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<cv::Mat> buffers_;
-};
-
 // The candidate areas of `frames` appended to `candidates`, frames spread over
-// the cores (each writes only its own record). With releaseFrames, a frame's
-// image is released as soon as the last record that reads it is made and its
-// buffer serves a later mask, so that the frames and the masks are never all
-// held at once (only when every frame is its own record: a frame listed twice
-// keeps its image).
+// the cores (each writes only its own record). With `buffers`, the masks take
+// its buffers, and a frame's image is given back as soon as the last record
+// that reads it is made, so that the frames and the masks need about one
+// buffer per frame (only when every frame is its own record: a frame listed
+// twice keeps its image).
 int MakeCandidateAreas(const ClubTrackerSetting& setting,
                        const std::vector<PreprocessedImage*>& frames,
-                       std::vector<CandidateAreaImage*>& candidates, bool releaseFrames) {
+                       std::vector<CandidateAreaImage*>& candidates, FrameBuffers* buffers) {
   const int n = static_cast<int>(frames.size());
   candidates.reserve(candidates.size() + frames.size());
   const size_t first = candidates.size();
@@ -273,20 +239,25 @@ int MakeCandidateAreas(const ClubTrackerSetting& setting,
     }
     for (const int j : {i, earlier[i], later[i]}) readers[j].fetch_add(1, std::memory_order_relaxed);
   }
-  if (releaseFrames) {
+  bool release = buffers != nullptr;
+  if (release) {
     std::vector<PreprocessedImage*> sorted(frames);
     std::sort(sorted.begin(), sorted.end());
-    releaseFrames = std::adjacent_find(sorted.begin(), sorted.end()) == sorted.end();
+    release = std::adjacent_find(sorted.begin(), sorted.end()) == sorted.end();
   }
-  BufferPool released;
   tbb::parallel_for(0, n, [&](int i) {
-    if (frames[i] == nullptr) return;
+    const PreprocessedImage* frame = frames[i];
+    if (frame == nullptr) return;
     CandidateAreaImage* record = candidates[first + static_cast<size_t>(i)];
-    if (releaseFrames) released.Take(record->image, frames[i]->image);
+    if (buffers != nullptr && frame->image.type() == CV_8UC1 && !frame->image.empty()) {
+      buffers->Lend(record->image, frame->image.size());
+    }
     MakeCandidateArea(frames, i, earlier[i], later[i], record);
-    if (!releaseFrames) return;
+    if (!release) return;
     for (const int j : {i, earlier[i], later[i]}) {
-      if (readers[j].fetch_sub(1, std::memory_order_acq_rel) == 1) released.Give(frames[j]->image);
+      if (readers[j].fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        buffers->GiveBack(frames[j]->image);
+      }
     }
   });
   return 1;
@@ -296,11 +267,12 @@ int MakeCandidateAreas(const ClubTrackerSetting& setting,
 
 int ClubTracker::FindCandidateArea(const std::vector<PreprocessedImage*>& frames,
                                    std::vector<CandidateAreaImage*>& candidates) {
-  return MakeCandidateAreas(setting, frames, candidates, false);
+  return MakeCandidateAreas(setting, frames, candidates, nullptr);
 }
 
 int FindCandidateAreaReleasingFrames(ClubTracker& tracker,
                                      const std::vector<PreprocessedImage*>& frames,
-                                     std::vector<CandidateAreaImage*>& candidates) {
-  return MakeCandidateAreas(tracker.setting, frames, candidates, true);
+                                     std::vector<CandidateAreaImage*>& candidates,
+                                     FrameBuffers& buffers) {
+  return MakeCandidateAreas(tracker.setting, frames, candidates, &buffers);
 }

@@ -12,9 +12,7 @@ int ClubTracker::Preprocessing(ClubImage* source, PreprocessedImage* target) {
   if (source == nullptr || target == nullptr) return 0;
   const ClubTrackerSetting copy = setting;
   const int channels = static_cast<int>(source->channels);
-  if (source->pixels != nullptr && source->bytesPerChannel == 1 && source->width > 0 &&
-      source->height > 0 && (channels == 1 || channels == 3 || channels == 4) &&
-      (copy.roiWidth == 0 || copy.roiHeight == 0)) {
+  if (PreprocessesWholeFrame(source, copy)) {
     // The whole frame, read where it lies: the filters write their own
     // output, as they do when they run in place on a copy.
     const cv::Mat frame(static_cast<int>(source->height), static_cast<int>(source->width),
@@ -32,6 +30,13 @@ int ClubTracker::Preprocessing(ClubImage* source, PreprocessedImage* target) {
   }
   CopyMetadata(*target, *source);
   return 1;
+}
+
+bool PreprocessesWholeFrame(const ClubImage* source, const ClubTrackerSetting& setting) {
+  const uint32_t channels = source->channels;
+  return source->pixels != nullptr && source->bytesPerChannel == 1 && source->width > 0 &&
+         source->height > 0 && (channels == 1 || channels == 3 || channels == 4) &&
+         (setting.roiWidth == 0 || setting.roiHeight == 0);
 }
 
 int ConvertClubImage(const ClubImage* source, const ClubTrackerSetting* setting,

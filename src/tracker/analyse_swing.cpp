@@ -1,12 +1,14 @@
 #include "tracker/analyse_swing.h"
 
 #include <algorithm>
+#include <cstdint>
 
 #include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
 
 #include "analysis/analysis.h"
 #include "analysis/binary_morphology.h"
+#include "analysis/frame_buffers.h"
 #include "tracker/find_lines.h"
 
 namespace {
@@ -39,6 +41,9 @@ int AgreedHeadSize(const std::vector<int>& sizes) {
 
 // The refined masks of the presence test stay with the thread between calls,
 // so a later swing of the same frame size writes into pages already mapped.
+// Frames larger than this (a quarter of a gigapixel) take no lent buffer.
+constexpr uint64_t kMostLentPixels = uint64_t{1} << 28;
+
 RefinedMasks& ThreadMasks(int camera) {
   thread_local RefinedMasks masks[2];
   return masks[camera];
@@ -79,12 +84,25 @@ bool AnalyseOnThisThread(ClubTracker& tracker, const SwingStages& stages,
       out.pre[c].push_back(out.ownedPre.back().get());
     }
   }
-  // Frames spread over the cores: each writes only its own record.
+  // Frames spread over the cores: each writes only its own record (into a
+  // lent buffer of the frame's size when the frame is filtered as it lies).
+  if (out.frameBuffers != nullptr) out.frameBuffers->Start();
   const int frames1 = static_cast<int>(pairs1.size());
   tbb::parallel_for(0, frames1 + static_cast<int>(pairs2.size()), [&](int k) {
     const int c = k < frames1 ? 0 : 1;
     const size_t i = static_cast<size_t>(c == 0 ? k : k - frames1);
-    stages.preprocessing(tracker, (*pairs[c])[i], out.pre[c][i]);
+    ClubImage* source = (*pairs[c])[i];
+    PreprocessedImage* record = out.pre[c][i];
+    const bool lent = out.frameBuffers != nullptr && source != nullptr &&
+                      PreprocessesWholeFrame(source, tracker.setting) &&
+                      uint64_t{source->width} * source->height <= kMostLentPixels;
+    if (lent) {
+      out.frameBuffers->Lend(record->image, cv::Size(static_cast<int>(source->width),
+                                                     static_cast<int>(source->height)));
+    }
+    if (stages.preprocessing(tracker, source, record) == 0 && lent) {
+      out.frameBuffers->GiveBack(record->image);  // a refused frame's record stays empty
+    }
   });
   if (!reached(SwingStage::kPreprocessed)) return false;
 

@@ -12,6 +12,7 @@
 
 #include "tracker/records.h"
 
+class FrameBuffers;
 struct RefinedMasks;
 
 // The tracker's own stages, reached through an access type with static
@@ -61,6 +62,9 @@ struct SwingAnalysis {
   std::vector<PreprocessedImage*> pre[2];
   std::vector<CandidateAreaImage*> cand[2];
   int failedCamera = 0;  // 1 or 2 when that camera's candidate areas failed
+  // When set, the preprocessed images take buffers of this set (see
+  // FrameBuffers; the candidate-area stage may then give them back).
+  FrameBuffers* frameBuffers = nullptr;
   // Refined masks of the presence test (see RefinedMasks::Mask): the calling
   // thread's, valid until the thread's next analysis.
   const RefinedMasks* refined[2] = {nullptr, nullptr};

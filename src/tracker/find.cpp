@@ -15,6 +15,7 @@
 #include <tbb/parallel_for.h>
 
 #include "analysis/analysis.h"
+#include "analysis/frame_buffers.h"
 #include "tracker/analyse_swing.h"
 #include "tracker/frame_pairing.h"
 #include "tracker/records.h"
@@ -75,7 +76,8 @@ int ClubTracker::Find(std::vector<ClubImage*> cam1Images, std::vector<ClubImage*
       }
       static int FindCandidateArea(ClubTracker& t, const std::vector<PreprocessedImage*>& f,
                                    std::vector<CandidateAreaImage*>& c) {
-        return FindCandidateAreaReleasingFrames(t, f, c);  // no later stage reads the frames
+        // No later stage reads the frames: their buffers take the masks.
+        return FindCandidateAreaReleasingFrames(t, f, c, ThreadFrameBuffers());
       }
       static int GetLineThreshold(ClubTracker& t, CandidateAreaImage* c, float divisor) {
         return t.GetLineThreshold(c, divisor);
@@ -121,6 +123,7 @@ int ClubTracker::Find(std::vector<ClubImage*> cam1Images, std::vector<ClubImage*
       }
     };
     SwingAnalysis analysis;
+    analysis.frameBuffers = &ThreadFrameBuffers();
     if (!AnalyseSwing(*this, StagesOf<Stages>(), pairs1, pairs2, &result, hook, analysis)) {
       return 0;
     }

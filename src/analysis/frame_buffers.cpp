@@ -1,0 +1,46 @@
+#include "analysis/frame_buffers.h"
+
+#include <algorithm>
+#include <cstddef>
+
+void FrameBuffers::Start() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  ++analysis_;
+  std::erase_if(buffers_, [&](Buffer& buffer) {
+    buffer.free = buffer.pixels.u->refcount == 1;
+    return buffer.free && buffer.analysis + 1 < analysis_;
+  });
+}
+
+void FrameBuffers::Lend(cv::Mat& image, cv::Size size) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  for (Buffer& buffer : buffers_) {
+    if (buffer.free && buffer.pixels.size() == size) {
+      buffer.free = false;
+      buffer.analysis = analysis_;
+      image = buffer.pixels;
+      return;
+    }
+  }
+  buffers_.push_back(Buffer{cv::Mat(size, CV_8UC1), false, analysis_});
+  image = buffers_.back().pixels;
+}
+
+void FrameBuffers::GiveBack(cv::Mat& image) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (image.u != nullptr && image.u->refcount == 2) {  // the set's and this one
+    for (Buffer& buffer : buffers_) {
+      if (buffer.pixels.u == image.u) {
+        image.release();
+        buffer.free = true;
+        return;
+      }
+    }
+  }
+  image.release();
+}
+
+FrameBuffers& ThreadFrameBuffers() {
+  thread_local FrameBuffers buffers;
+  return buffers;
+}
