@@ -1,13 +1,10 @@
 #include "analysis/frame_buffers.h"
 
-#include <algorithm>
-#include <cstddef>
-
 void FrameBuffers::Start() {
   const std::lock_guard<std::mutex> lock(mutex_);
   ++analysis_;
   std::erase_if(buffers_, [&](Buffer& buffer) {
-    buffer.free = buffer.pixels.u->refcount == 1;
+    buffer.free = buffer.pixels.u == nullptr || buffer.pixels.u->refcount == 1;
     return buffer.free && buffer.analysis + 1 < analysis_;
   });
 }

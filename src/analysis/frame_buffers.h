@@ -23,6 +23,7 @@ class FrameBuffers {
   // holds, is free for a later Lend. Safe to call from several threads.
   void GiveBack(cv::Mat& image);
 
+  // How many buffers the set holds (read while no analysis runs).
   size_t size() const { return buffers_.size(); }
 
  private:

@@ -69,10 +69,6 @@ void CutToBlob(cv::Mat& mask, const cv::Rect& blob, cv::Point& origin) {
   origin += box.tl();
 }
 
-}  // namespace
-
-namespace {
-
 // Launches the loop over the first n frames (grain 1, the default partitioner).
 void MeasureEach(ClubTracker& tracker, const std::vector<CandidateAreaImage*>& candidates,
                  const std::vector<cv::Mat>& masks, const RefinedMasks* packed,
