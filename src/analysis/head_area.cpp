@@ -8,6 +8,7 @@
 #include <opencv2/imgproc.hpp>
 #include <tbb/blocked_range.h>
 #include <tbb/parallel_for.h>
+#include <tbb/task_arena.h>
 
 #include "analysis/analysis.h"
 #include "analysis/binary_morphology.h"
@@ -17,7 +18,8 @@
 // measurement and gets its own mask back afterwards (the measurement only
 // reads the mask). Each index touches only its own record and result slot; a
 // packed mask is unpacked into the thread's buffer, which serves one frame at
-// a time (the measurement starts no parallel work that could take another).
+// a time: isolated, a thread that waits inside the measurement (a library
+// call that runs in parallel) takes no other frame meanwhile.
 struct HeadAreaTask {
   ClubTracker* tracker;
   const std::vector<CandidateAreaImage*>* candidates;
@@ -38,8 +40,14 @@ struct HeadAreaTask {
           ~Restore() { record->image = mask; }
         } restore{candidate, own};
         const size_t k = static_cast<size_t>(i);
-        candidate->image = packed != nullptr ? packed->Mask(k, unpacked) : (*refined)[k];
-        tracker->ExtractDriverHeadArea(candidate, thickness);
+        if (packed != nullptr) {
+          candidate->image = packed->Mask(k, unpacked);
+          tbb::this_task_arena::isolate(
+              [&] { tracker->ExtractDriverHeadArea(candidate, thickness); });
+        } else {
+          candidate->image = (*refined)[k];
+          tracker->ExtractDriverHeadArea(candidate, thickness);
+        }
       }
       result[i] = thickness;
     }
