@@ -39,11 +39,11 @@ int AgreedHeadSize(const std::vector<int>& sizes) {
   return positive[(2 * positive.size()) / 3];
 }
 
-// The refined masks of the presence test stay with the thread between calls,
-// so a later swing of the same frame size writes into pages already mapped.
 // Frames larger than this (a quarter of a gigapixel) take no lent buffer.
 constexpr uint64_t kMostLentPixels = uint64_t{1} << 28;
 
+// The refined masks of the presence test stay with the thread between calls,
+// so a later swing of the same frame size writes into pages already mapped.
 RefinedMasks& ThreadMasks(int camera) {
   thread_local RefinedMasks masks[2];
   return masks[camera];
