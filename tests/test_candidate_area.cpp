@@ -171,6 +171,17 @@ TEST(CandidateArea, FrameBuffersPassFromFramesToMasks) {
       EXPECT_TRUE(SameMask(held, heldBefore));
     }
   }
+  // Letting buffers go: only free ones, and a dropped one only when nothing
+  // else holds it.
+  buffers.Start();
+  cv::Mat lent, alsoHeld = held;
+  buffers.Lend(lent, cv::Size(64, 48));
+  buffers.ReleaseFree();
+  EXPECT_EQ(buffers.size(), 2u) << "the held and the lent buffer stay";
+  buffers.Drop(held);
+  buffers.Drop(lent);
+  EXPECT_EQ(buffers.size(), 1u) << "the buffer still held elsewhere stays";
+  EXPECT_TRUE(held.empty() && lent.empty() && SameMask(alsoHeld, heldBefore));
   FrameRun twice;
   twice.Add(SpottedFrame(1), 0);
   twice.Add(SpottedFrame(2), 5000);

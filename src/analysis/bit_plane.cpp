@@ -155,6 +155,11 @@ void BitMask::Unpack(cv::Mat& mask) const {
     for (int w = 0; w < words_; ++w) {
       uint64_t word = in[w];
       const int end = std::min(cols_, x + 64);
+      if (word == 0) {
+        std::memset(p + x, 0, static_cast<size_t>(end - x));
+        x = end;
+        continue;
+      }
       for (; x + 8 <= end; x += 8, word >>= 8) {
         std::memcpy(p + x, &kSpread[word & 0xFF], 8);
       }

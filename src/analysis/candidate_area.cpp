@@ -9,6 +9,7 @@
 #include <opencv2/core/hal/intrin.hpp>
 #include <opencv2/imgproc.hpp>
 #include <tbb/parallel_for.h>
+#include <tbb/task_arena.h>
 
 #include "analysis/analysis.h"
 #include "analysis/frame_buffers.h"
@@ -245,7 +246,7 @@ int MakeCandidateAreas(const ClubTrackerSetting& setting,
     std::sort(sorted.begin(), sorted.end());
     release = std::adjacent_find(sorted.begin(), sorted.end()) == sorted.end();
   }
-  tbb::parallel_for(0, n, [&](int i) {
+  const auto make = [&](int i) {
     const PreprocessedImage* frame = frames[i];
     if (frame == nullptr) return;
     CandidateAreaImage* record = candidates[first + static_cast<size_t>(i)];
@@ -259,6 +260,17 @@ int MakeCandidateAreas(const ClubTrackerSetting& setting,
         buffers->GiveBack(frames[j]->image);
       }
     }
+  };
+  if (!release) {
+    tbb::parallel_for(0, n, make);
+    return 1;
+  }
+  // Released frames: the workers take the frames in their order, so the
+  // frames still read are a few about the ones being made (split into
+  // halves, each half would hold its references at once).
+  std::atomic<int> next{0};
+  tbb::parallel_for(0, tbb::this_task_arena::max_concurrency(), [&](int) {
+    for (int i = next.fetch_add(1); i < n; i = next.fetch_add(1)) make(i);
   });
   return 1;
 }

@@ -23,18 +23,31 @@ void FrameBuffers::Lend(cv::Mat& image, cv::Size size) {
   image = buffers_.back().pixels;
 }
 
-void FrameBuffers::GiveBack(cv::Mat& image) {
+void FrameBuffers::GiveBack(cv::Mat& image) { Release(image, false); }
+
+void FrameBuffers::Drop(cv::Mat& image) { Release(image, true); }
+
+void FrameBuffers::Release(cv::Mat& image, bool letGo) {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (image.u != nullptr && image.u->refcount == 2) {  // the set's and this one
-    for (Buffer& buffer : buffers_) {
-      if (buffer.pixels.u == image.u) {
+    for (auto buffer = buffers_.begin(); buffer != buffers_.end(); ++buffer) {
+      if (buffer->pixels.u == image.u) {
         image.release();
-        buffer.free = true;
+        if (letGo) {
+          buffers_.erase(buffer);
+        } else {
+          buffer->free = true;
+        }
         return;
       }
     }
   }
   image.release();
+}
+
+void FrameBuffers::ReleaseFree() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  std::erase_if(buffers_, [](const Buffer& buffer) { return buffer.free; });
 }
 
 FrameBuffers& ThreadFrameBuffers() {

@@ -22,11 +22,18 @@ class FrameBuffers {
   // Releases `image`; its buffer, when it is one of the set that nothing else
   // holds, is free for a later Lend. Safe to call from several threads.
   void GiveBack(cv::Mat& image);
+  // Releases `image` as GiveBack does, but lets its buffer go instead of
+  // keeping it free.
+  void Drop(cv::Mat& image);
+  // Lets go of every free buffer (a later Lend takes fresh memory).
+  void ReleaseFree();
 
   // How many buffers the set holds (read while no analysis runs).
   size_t size() const { return buffers_.size(); }
 
  private:
+  void Release(cv::Mat& image, bool letGo);
+
   struct Buffer {
     cv::Mat pixels;
     bool free = false;

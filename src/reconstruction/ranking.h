@@ -21,7 +21,7 @@ inline bool RanksBefore(const SortEntry& l, const SortEntry& r) {
 // Sorts `list` exactly as std::sort with RanksBefore does. When no two
 // entries share both keys (and no magnitude is NaN) that order is the only
 // one, and a radix sort finds it; otherwise std::sort itself decides how the
-// equal entries fall. `scratch` is reused between calls.
+// equal entries fall. `scratch` holds the sort's buffers.
 struct RankScratch {
   std::vector<uint64_t> keys[2];
   std::vector<uint32_t> order[2];

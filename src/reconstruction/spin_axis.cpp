@@ -77,9 +77,9 @@ void LocateBall(const CameraGeometry& camera1, const CameraGeometry& camera2,
   }
 }
 
-// The distinct inlier lists met so far, each kept once in one pool (an
-// open-addressing table of their positions, sized for every hypothesis at the
-// start).
+// The distinct inlier lists met so far (an open-addressing table of them,
+// sized for every hypothesis at the start). The set refers to the lists it
+// is given, which must outlive its use.
 class InlierListSet {
  public:
   // Empties the set, sized for `most` lists.
@@ -89,36 +89,29 @@ class InlierListSet {
     slots_.assign(size, 0);
     lists_.clear();
     lists_.reserve(most);
-    pool_.clear();
   }
-  // Adds a copy of `list` unless an equal one is there; true when added.
+  // Adds `list` unless an equal one is there; true when added.
   bool Insert(std::span<const InlierLines> list, uint64_t hash) {
     const size_t mask = slots_.size() - 1;
     for (size_t i = static_cast<size_t>(hash) & mask;; i = (i + 1) & mask) {
       const uint32_t slot = slots_[i];
       if (slot == 0) {
-        lists_.push_back({pool_.size(), list.size(), hash});
-        pool_.insert(pool_.end(), list.begin(), list.end());
+        lists_.push_back({list, hash});
         slots_[i] = static_cast<uint32_t>(lists_.size());
         return true;
       }
       const Kept& kept = lists_[slot - 1];
-      if (kept.hash == hash && kept.size == list.size() &&
-          std::equal(list.begin(), list.end(), pool_.begin() + static_cast<ptrdiff_t>(kept.start))) {
-        return false;
-      }
+      if (kept.hash == hash && std::ranges::equal(kept.list, list)) return false;
     }
   }
 
  private:
   struct Kept {
-    size_t start;
-    size_t size;
+    std::span<const InlierLines> list;
     uint64_t hash;
   };
   std::vector<uint32_t> slots_;  // position in lists_ + 1; 0 for an empty slot
   std::vector<Kept> lists_;
-  std::vector<InlierLines> pool_;
 };
 
 // Refit blocks: the first holds this many hypotheses, each next one twice as
@@ -163,61 +156,6 @@ struct BoundRefitResiduals {
   }
 };
 
-// What a search keeps between calls on its thread, so that a later search
-// writes into pages already mapped. A search that starts while another one
-// of the same thread is under way (a task of a nested search run while this
-// thread waits) gets storage of its own.
-struct SearchScratch {
-  std::vector<PairHypothesis> chunkLists[kChunksPerBatch];
-  std::vector<PairHypothesis> accepted;
-  HypothesisInliers inliers;
-  std::vector<SortEntry> list;
-  RankScratch rank;
-  std::vector<char> visited;
-  InlierListSet solved;
-  std::vector<RefitCandidate> block;
-};
-
-struct ScratchSlot {
-  SearchScratch kept;
-  bool busy = false;
-  std::vector<std::unique_ptr<SearchScratch>> extra;
-};
-
-ScratchSlot& ThreadSlot() {
-  thread_local ScratchSlot slot;
-  return slot;
-}
-
-SearchScratch& TakeScratch() {
-  ScratchSlot& slot = ThreadSlot();
-  if (slot.busy) {
-    slot.extra.push_back(std::make_unique<SearchScratch>());
-    return *slot.extra.back();
-  }
-  slot.busy = true;
-  return slot.kept;
-}
-
-// A search of many more hypotheses than a swing gives (about 16 000; up to
-// 262 144 can be accepted) does not leave its lists with the thread: they
-// would hold tens of megabytes.
-constexpr size_t kMostKeptHypotheses = 65536;
-
-// Gives back what TakeScratch handed out.
-struct ScratchReturn {
-  SearchScratch& scratch;
-  ~ScratchReturn() {
-    ScratchSlot& slot = ThreadSlot();
-    if (&scratch == &slot.kept) {
-      slot.busy = false;
-      if (scratch.accepted.capacity() > kMostKeptHypotheses) slot.kept = SearchScratch();
-    } else {
-      std::erase_if(slot.extra, [&](const auto& s) { return s.get() == &scratch; });
-    }
-  }
-};
-
 }  // namespace
 
 void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoint,
@@ -258,10 +196,9 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
   const uint64_t batches = total / kBatchSize + 1;
   const uint64_t firstCount = std::min(total, kBatchSize);
   const uint64_t chunk = firstCount / kChunksPerBatch;
-  SearchScratch& scratch = TakeScratch();
-  const ScratchReturn giveBack{scratch};
-  std::vector<PairHypothesis>* chunkLists = scratch.chunkLists;
-  for (int c = 0; c < kChunksPerBatch; ++c) chunkLists[c].clear();
+  // The search's lists are megabytes for a swing; none is kept after it (while
+  // it runs they take the memory the masks' buffers gave up, see the analysis).
+  std::vector<PairHypothesis> chunkLists[kChunksPerBatch];
   ChunkPaths chunkPaths[kChunksPerBatch];
   if (chunk > 0) {
     const PairSearch search{planes1, planes2, rounding, jacobi, axisIndex, referencePoint,
@@ -274,10 +211,13 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
     stats->pairsSolvedByLibrary += path.solvedByLibrary;
   }
 
-  std::vector<PairHypothesis>& accepted = scratch.accepted;
-  accepted.clear();
+  std::vector<PairHypothesis> accepted;
+  size_t acceptedCount = 0;
+  for (int c = 0; c < kChunksPerBatch; ++c) acceptedCount += chunkLists[c].size();
+  accepted.reserve(acceptedCount);
   for (int c = 0; c < kChunksPerBatch; ++c) {
     accepted.insert(accepted.end(), chunkLists[c].begin(), chunkLists[c].end());
+    std::vector<PairHypothesis>().swap(chunkLists[c]);
   }
 
   // The hypothesis list: the accepted pairs, then for every later batch the
@@ -310,14 +250,13 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
     const CandidateAreaImage* a2 = cam2Areas[j];
     usable[j] = a1 != nullptr && a2 != nullptr && a1->afterImpact == 0 && a2->afterImpact == 0;
   }
-  HypothesisInliers& inlierLists = scratch.inliers;
+  HypothesisInliers inlierLists;
   inlierLists.Collect(scanner, accepted, usable);
 
   // The sort ranks by the axisIndex of the first tracker that got here in this
   // process, and keeps it for the process's life.
   static const int sortAxisIndex = setting.axisIndex;
-  std::vector<SortEntry>& list = scratch.list;
-  list.clear();
+  std::vector<SortEntry> list;
   list.reserve(static_cast<size_t>(listLength));
   const auto append = [&](uint64_t length) {
     for (uint64_t i = 0; i < length; ++i) {
@@ -329,7 +268,8 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
   };
   append(accepted.size());
   for (uint64_t b = 1; b < batches; ++b) append(b + 1 < batches ? accepted.size() : lastPrefix);
-  RankHypotheses(list, scratch.rank);
+  RankScratch rank;
+  RankHypotheses(list, rank);
   if (list.front().inliers < kMinInliers) return;
 
   // Refit over the hypotheses in rank order. A hypothesis whose inliers name
@@ -339,11 +279,10 @@ void SearchClubSpinAxis(const ClubTrackerSetting& setting, double* referencePoin
   // changes; it is bounded in parallel for a block of hypotheses at a time,
   // the blocks growing from a few (the search may stop at once).
   double best = kInitialBestRefit;
-  std::vector<char>& visited = scratch.visited;
-  visited.assign(accepted.size(), 0);
-  InlierListSet& solved = scratch.solved;
+  std::vector<char> visited(accepted.size(), 0);
+  InlierListSet solved;
   solved.Reset(accepted.size());
-  std::vector<RefitCandidate>& block = scratch.block;
+  std::vector<RefitCandidate> block;
   cv::Mat matA;
   cv::Mat matD;
   double solution[3];

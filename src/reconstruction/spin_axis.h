@@ -33,8 +33,7 @@ struct InlierLines {
 };
 
 // The supporting frames of every hypothesis, each list in ascending frame
-// order, found in parallel over blocks of hypotheses. The storage is kept
-// from one call to the next.
+// order, found in parallel over blocks of hypotheses.
 class HypothesisInliers {
  public:
   // usable[j]: frame j counts towards a refit (before the impact in both

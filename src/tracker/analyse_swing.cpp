@@ -54,6 +54,60 @@ bool AnalyseOnThisThread(ClubTracker& tracker, const SwingStages& stages,
                          const std::vector<ClubImage*>& pairs2, ClubTrackerResult* result,
                          const SwingHook& hook, SwingAnalysis& out);
 
+// The spin-axis search reads no mask's pixels, only each image's height, so
+// while it runs the masks wait as bit planes: a packed mask's image is rows x
+// 0 (its height kept), and the set lets its free buffers and each packed
+// mask's buffer go, leaving their memory to the search's lists. Restore
+// brings every mask back, pixel for pixel, into a lent buffer. Masks that are
+// not 0/255 stay as they are.
+class MasksSetAside {
+ public:
+  MasksSetAside(SwingAnalysis& analysis, FrameBuffers& buffers)
+      : analysis_(analysis), buffers_(buffers) {
+    const size_t n = analysis.cand[0].size();
+    planes_.resize(2 * n);
+    packed_.assign(2 * n, 0);
+    buffers_.ReleaseFree();
+    try {
+      tbb::parallel_for(size_t{0}, 2 * n, [&](size_t k) {
+        CandidateAreaImage* area = Area(k);
+        if (area == nullptr || area->image.total() > kMostLentPixels ||
+            !planes_[k].Pack(area->image)) {
+          return;
+        }
+        const int rows = area->image.rows;
+        buffers_.Drop(area->image);
+        area->image = cv::Mat(rows, 0, CV_8UC1);
+        packed_[k] = 1;
+      });
+    } catch (...) {
+      Restore();  // the masks packed before the failure
+      throw;
+    }
+  }
+
+  void Restore() {
+    tbb::parallel_for(size_t{0}, planes_.size(), [&](size_t k) {
+      if (packed_[k] == 0) return;
+      CandidateAreaImage* area = Area(k);
+      buffers_.Lend(area->image, cv::Size(planes_[k].cols(), planes_[k].rows()));
+      planes_[k].Unpack(area->image);
+      packed_[k] = 0;
+    });
+  }
+
+ private:
+  CandidateAreaImage* Area(size_t k) const {
+    const size_t n = analysis_.cand[0].size();
+    return k < n ? analysis_.cand[0][k] : analysis_.cand[1][k - n];
+  }
+
+  SwingAnalysis& analysis_;
+  FrameBuffers& buffers_;
+  std::vector<BitMask> planes_;
+  std::vector<char> packed_;
+};
+
 }  // namespace
 
 // The analysis keeps storage of the calling thread from one stage to the next
@@ -198,7 +252,18 @@ bool AnalyseOnThisThread(ClubTracker& tracker, const SwingStages& stages,
   if (!reached(SwingStage::kLinesDone)) return false;
   if (out.foundPair < 3) return true;
 
-  out.axisFound = stages.findClubSpinAxis(tracker, out.cand[0], out.cand[1], out.axis);
+  if (out.frameBuffers != nullptr) {
+    MasksSetAside masks(out, *out.frameBuffers);
+    try {
+      out.axisFound = stages.findClubSpinAxis(tracker, out.cand[0], out.cand[1], out.axis);
+    } catch (...) {
+      masks.Restore();
+      throw;
+    }
+    masks.Restore();
+  } else {
+    out.axisFound = stages.findClubSpinAxis(tracker, out.cand[0], out.cand[1], out.axis);
+  }
   if (!reached(SwingStage::kSpinAxis) || result == nullptr) return false;
   stages.findShaftAndHead(tracker, out.cand[0], out.cand[1], out.axis, *result);
   return reached(SwingStage::kShaftAndHead);

@@ -63,7 +63,9 @@ struct SwingAnalysis {
   std::vector<CandidateAreaImage*> cand[2];
   int failedCamera = 0;  // 1 or 2 when that camera's candidate areas failed
   // When set, the preprocessed images take buffers of this set (see
-  // FrameBuffers; the candidate-area stage may then give them back).
+  // FrameBuffers; the candidate-area stage may then give them back), and
+  // while the spin axis is searched the masks wait as bit planes: that stage
+  // sees each 0/255 mask as a rows x 0 image.
   FrameBuffers* frameBuffers = nullptr;
   // Refined masks of the presence test (see RefinedMasks::Mask): the calling
   // thread's, valid until the thread's next analysis.
