@@ -39,8 +39,11 @@ void BinaryCanny(const cv::Mat& src, cv::Mat& edges);
 void MedianBlur3(const cv::Mat& src, cv::Mat& dst);
 
 // The Hough votes of ComputeShaftEdges' edge map, made once per frame, for
-// vote thresholds of at least `floor`.
-void ComputeShaftVotes(const cv::Mat& mask, HoughVotes& votes, int floor = 0);
+// vote thresholds of at least `floor`. With `plane`, a 0/255 mask is also
+// written into it as a bit plane (the one packed for the cleaning anyway);
+// returns whether it was.
+bool ComputeShaftVotes(const cv::Mat& mask, HoughVotes& votes, int floor = 0,
+                       BitMask* plane = nullptr);
 
 // ExtractCandidatesFromEdges with the lines read from the frame's votes: the
 // same lines in the same order. 0 also when the threshold is below the votes'

@@ -80,6 +80,25 @@ __attribute__((target("avx2"))) int PackWordsAvx2(const uchar* p, int cols, uint
   return w;
 }
 
+// The inverse for the row's whole words: 0xFF for each set bit, 0 for each
+// clear one; returns the number of words written.
+__attribute__((target("avx2"))) int UnpackWordsAvx2(const uint64_t* in, int cols, uchar* p) {
+  // Byte k of a 32-pixel vector takes byte k / 8 of the bits and tests bit k % 8.
+  const __m256i spread = _mm256_setr_epi64x(0, 0x0101010101010101ll, 0x0202020202020202ll,
+                                            0x0303030303030303ll);
+  const __m256i bit = _mm256_set1_epi64x(static_cast<long long>(0x8040201008040201ull));
+  int w = 0;
+  for (; 64 * (w + 1) <= cols; ++w) {
+    for (int half = 0; half < 2; ++half) {
+      const uint32_t bits = static_cast<uint32_t>(in[w] >> (32 * half));
+      const __m256i v = _mm256_shuffle_epi8(_mm256_set1_epi32(static_cast<int>(bits)), spread);
+      const __m256i set = _mm256_cmpeq_epi8(_mm256_and_si256(v, bit), bit);
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(p + 64 * w + 32 * half), set);
+    }
+  }
+  return w;
+}
+
 bool PackAvx2() {
   static const bool supported = __builtin_cpu_supports("avx2") != 0;
   return supported;
@@ -151,8 +170,12 @@ void BitMask::Unpack(cv::Mat& mask) const {
       std::memset(p, 0, static_cast<size_t>(cols_));  // most rows of a mask are empty
       continue;
     }
-    int x = 0;
-    for (int w = 0; w < words_; ++w) {
+    int first = 0;
+#if defined(__x86_64__)
+    if (PackAvx2()) first = UnpackWordsAvx2(in, cols_, p);
+#endif
+    int x = 64 * first;
+    for (int w = first; w < words_; ++w) {
       uint64_t word = in[w];
       const int end = std::min(cols_, x + 64);
       if (word == 0) {

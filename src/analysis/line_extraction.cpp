@@ -64,7 +64,12 @@ void ComputeShaftEdges(const cv::Mat& mask, cv::Mat& edges) {
   Canny(work, edges);
 }
 
-cv::Rect ComputeShaftEdgeBox(const cv::Mat& mask, cv::Mat& edges) {
+namespace {
+
+// ComputeShaftEdgeBox, also copying the packed mask into `plane` (when given
+// and the mask is 0/255; `planeMade` tells).
+cv::Rect EdgeBox(const cv::Mat& mask, cv::Mat& edges, BitMask* plane, bool& planeMade) {
+  planeMade = false;
   if (mask.empty() || mask.type() != CV_8UC1) {
     edges.release();
     return cv::Rect();
@@ -78,6 +83,10 @@ cv::Rect ComputeShaftEdgeBox(const cv::Mat& mask, cv::Mat& edges) {
   packed = packed && bits.Pack(mask);
   cv::Rect box;
   if (packed) {
+    if (plane != nullptr) {
+      bits.CopyTo(*plane);
+      planeMade = true;
+    }
     for (const MorphStep& step : kCleanSteps) bits.Apply(step);
     box = bits.Bounds();
   } else {
@@ -103,6 +112,13 @@ cv::Rect ComputeShaftEdgeBox(const cv::Mat& mask, cv::Mat& edges) {
   return box;
 }
 
+}  // namespace
+
+cv::Rect ComputeShaftEdgeBox(const cv::Mat& mask, cv::Mat& edges) {
+  bool planeMade = false;
+  return EdgeBox(mask, edges, nullptr, planeMade);
+}
+
 // The angle rows (degrees) of near-horizontal lines, which AppendLines drops,
 // without the first and the last: rows no kept line's maxima test reads.
 std::pair<int, int> UnreadNearHorizontalRows() {
@@ -118,15 +134,17 @@ std::pair<int, int> UnreadNearHorizontalRows() {
   return {first + 1, last - 1};
 }
 
-void ComputeShaftVotes(const cv::Mat& mask, HoughVotes& votes, int floor) {
+bool ComputeShaftVotes(const cv::Mat& mask, HoughVotes& votes, int floor, BitMask* plane) {
   thread_local cv::Mat edges;
-  const cv::Rect box = ComputeShaftEdgeBox(mask, edges);
+  bool planeMade = false;
+  const cv::Rect box = EdgeBox(mask, edges, plane, planeMade);
   if (box.empty()) {
     votes.Clear();
-    return;
+    return planeMade;
   }
   static const std::pair<int, int> unread = UnreadNearHorizontalRows();
   votes.Vote(edges, box.tl(), mask.size(), unread.first, unread.second, floor);
+  return planeMade;
 }
 
 int ExtractCandidatesFromEdges(CandidateAreaImage* candidate, const cv::Mat& edges,

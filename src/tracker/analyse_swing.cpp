@@ -59,20 +59,29 @@ bool AnalyseOnThisThread(ClubTracker& tracker, const SwingStages& stages,
 // 0 (its height kept), and the set lets its free buffers and each packed
 // mask's buffer go, leaving their memory to the search's lists. Restore
 // brings every mask back, pixel for pixel, into a lent buffer. Masks that are
-// not 0/255 stay as they are.
+// not 0/255 stay as they are. The line passes have packed most masks already
+// (`planes[c][k]`, where made[c][k] is set); the others are packed here.
 class MasksSetAside {
  public:
-  MasksSetAside(SwingAnalysis& analysis, FrameBuffers& buffers)
+  MasksSetAside(SwingAnalysis& analysis, FrameBuffers& buffers, std::vector<BitMask> (&planes)[2],
+                const std::vector<char> (&made)[2])
       : analysis_(analysis), buffers_(buffers) {
     const size_t n = analysis.cand[0].size();
     planes_.resize(2 * n);
     packed_.assign(2 * n, 0);
+    for (int c = 0; c < 2; ++c) {
+      for (size_t k = 0; k < n && k < planes[c].size(); ++k) {
+        if (made[c][k] != 0) std::swap(planes_[c * n + k], planes[c][k]);
+      }
+    }
     buffers_.ReleaseFree();
     try {
       tbb::parallel_for(size_t{0}, 2 * n, [&](size_t k) {
         CandidateAreaImage* area = Area(k);
+        const int c = k < n ? 0 : 1;
+        const bool madeByPasses = k - c * n < made[c].size() && made[c][k - c * n] != 0;
         if (area == nullptr || area->image.total() > kMostLentPixels ||
-            !planes_[k].Pack(area->image)) {
+            !(madeByPasses || planes_[k].Pack(area->image))) {
           return;
         }
         const int rows = area->image.rows;
@@ -172,6 +181,9 @@ bool AnalyseOnThisThread(ClubTracker& tracker, const SwingStages& stages,
     if (found == 0) out.failedCamera = c + 1;
   }
   if (!reached(SwingStage::kCandidateAreas) || out.failedCamera != 0) return false;
+  // The buffers only the candidate areas needed (the frames still read while
+  // the first masks were made).
+  if (out.frameBuffers != nullptr) out.frameBuffers->ReleaseFree();
   if (out.cand[0].size() != out.cand[1].size()) return false;
   const int n = static_cast<int>(out.cand[0].size());
 
@@ -223,7 +235,10 @@ bool AnalyseOnThisThread(ClubTracker& tracker, const SwingStages& stages,
   if (!reached(SwingStage::kHeadsDeleted)) return false;
 
   // Adaptive line extraction. The masks stay as they are from here on, so
-  // each frame's edge map is made once and serves every pass.
+  // each frame's edge map is made once and serves every pass (and the bit
+  // planes packed for it hold the masks while the spin axis is searched).
+  std::vector<BitMask> planes[2];
+  std::vector<char> planeMade[2];
   {
     LineExtractor extract;
     if (stages.extractLines != nullptr) {
@@ -248,12 +263,15 @@ bool AnalyseOnThisThread(ClubTracker& tracker, const SwingStages& stages,
       passes.Decide();
     } while (passes.Again());
     out.foundPair = passes.foundPair();
+    if (out.frameBuffers != nullptr) {
+      for (int c = 0; c < 2; ++c) passes.TakePlanes(c, planes[c], planeMade[c]);
+    }
   }
   if (!reached(SwingStage::kLinesDone)) return false;
   if (out.foundPair < 3) return true;
 
   if (out.frameBuffers != nullptr) {
-    MasksSetAside masks(out, *out.frameBuffers);
+    MasksSetAside masks(out, *out.frameBuffers, planes, planeMade);
     try {
       out.axisFound = stages.findClubSpinAxis(tracker, out.cand[0], out.cand[1], out.axis);
     } catch (...) {

@@ -65,7 +65,8 @@ struct SwingAnalysis {
   // When set, the preprocessed images take buffers of this set (see
   // FrameBuffers; the candidate-area stage may then give them back), and
   // while the spin axis is searched the masks wait as bit planes: that stage
-  // sees each 0/255 mask as a rows x 0 image.
+  // sees each 0/255 mask as a rows x 0 image. The hooks must then leave the
+  // masks as they are from the line passes on (the planes are packed there).
   FrameBuffers* frameBuffers = nullptr;
   // Refined masks of the presence test (see RefinedMasks::Mask): the calling
   // thread's, valid until the thread's next analysis.

@@ -30,6 +30,8 @@ LinePasses::LinePasses(LineThreshold threshold, const std::vector<CandidateAreaI
   int floor[2] = {0, 0};
   for (int c = 0; c < 2; ++c) {
     votes_[c].resize(areas_[c]->size());
+    planes_[c].resize(areas_[c]->size());
+    planeMade_[c].assign(areas_[c]->size(), 0);
     for (size_t k = 0; k < areas_[c]->size(); ++k) {
       const int t = threshold_((*areas_[c])[k], largest);
       floor[c] = k == 0 ? t : std::min(floor[c], t);
@@ -40,8 +42,17 @@ LinePasses::LinePasses(LineThreshold threshold, const std::vector<CandidateAreaI
   tbb::parallel_for(size_t{0}, first + cam2.size(), [&](size_t k) {
     const int c = k < first ? 0 : 1;
     const size_t i = c == 0 ? k : k - first;
-    ComputeShaftVotes((*areas_[c])[i]->image, votes_[c][i], floor[c]);
+    planeMade_[c][i] =
+        ComputeShaftVotes((*areas_[c])[i]->image, votes_[c][i], floor[c], &planes_[c][i]) ? 1 : 0;
   });
+}
+
+void LinePasses::TakePlanes(int camera, std::vector<BitMask>& planes, std::vector<char>& made) {
+  planes = std::move(planes_[camera]);
+  made = std::move(planeMade_[camera]);
+  planeMade_[camera].clear();
+  made.resize(areas_[camera]->size(), 0);
+  planes.resize(areas_[camera]->size());
 }
 
 void LinePasses::Extract() {

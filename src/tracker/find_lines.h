@@ -9,6 +9,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "analysis/binary_morphology.h"
 #include "analysis/hough.h"
 #include "tracker/records.h"
 
@@ -45,11 +46,18 @@ class LinePasses {
   int lineCount(int camera) const { return lineCount_[camera]; }
   int foundPair() const { return foundPair_; }
 
+  // The masks of a camera as bit planes, packed when the votes were made
+  // (made[k] 0 for a mask that is not 0/255, and for all of them when an
+  // extractor was given): moved out into `planes` and `made`.
+  void TakePlanes(int camera, std::vector<BitMask>& planes, std::vector<char>& made);
+
  private:
   LineThreshold threshold_;
   LineExtractor extract_;
   const std::vector<CandidateAreaImage*>* areas_[2];
   std::vector<HoughVotes> votes_[2];  // of each frame's edge map
+  std::vector<BitMask> planes_[2];     // of each frame's mask
+  std::vector<char> planeMade_[2];
   std::vector<int> thresholds_;  // of each frame in the current pass
   int frames_ = 0;
   int pass_ = 0;
