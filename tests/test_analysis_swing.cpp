@@ -152,7 +152,9 @@ TEST(SyntheticSwing, MasksSetAsideForTheSpinAxisComeBackUnchanged) {
           if (stage == SwingStage::kHeadsDeleted) a.cand[1][3]->image.at<uchar>(5, 5) = 7;
           if (stage != SwingStage::kSpinAxis) return;
           for (int c = 0; c < 2; ++c) {
-            for (const CandidateAreaImage* area : a.cand[c]) masks[run].push_back(area->image.clone());
+            for (const CandidateAreaImage* area : a.cand[c]) {
+              masks[run].push_back(area->image.clone());
+            }
           }
         },
         &results[run], stages));

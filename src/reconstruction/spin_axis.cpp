@@ -12,7 +12,6 @@
 #include <cstdint>
 #include <exception>
 #include <limits>
-#include <memory>
 #include <span>
 #include <opencv2/core.hpp>
 #include <stdexcept>
