@@ -172,8 +172,9 @@ TEST(CandidateArea, FrameBuffersPassFromFramesToMasks) {
     }
   }
   // Letting buffers go: only free ones, and a dropped one only when nothing
-  // else holds it.
+  // else holds it; a refill brings back as many as the analysis held.
   buffers.Start();
+  const size_t most = buffers.size();
   cv::Mat lent, alsoHeld = held;
   buffers.Lend(lent, cv::Size(64, 48));
   buffers.ReleaseFree();
@@ -182,6 +183,8 @@ TEST(CandidateArea, FrameBuffersPassFromFramesToMasks) {
   buffers.Drop(lent);
   EXPECT_EQ(buffers.size(), 1u) << "the buffer still held elsewhere stays";
   EXPECT_TRUE(held.empty() && lent.empty() && SameMask(alsoHeld, heldBefore));
+  buffers.Refill(cv::Size(64, 48));
+  EXPECT_EQ(buffers.size(), most);
   FrameRun twice;
   twice.Add(SpottedFrame(1), 0);
   twice.Add(SpottedFrame(2), 5000);

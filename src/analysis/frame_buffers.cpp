@@ -1,8 +1,11 @@
 #include "analysis/frame_buffers.h"
 
+#include <algorithm>
+
 void FrameBuffers::Start() {
   const std::lock_guard<std::mutex> lock(mutex_);
   ++analysis_;
+  most_ = 0;
   std::erase_if(buffers_, [&](Buffer& buffer) {
     buffer.free = buffer.pixels.u == nullptr || buffer.pixels.u->refcount == 1;
     return buffer.free && buffer.analysis + 1 < analysis_;
@@ -11,6 +14,7 @@ void FrameBuffers::Start() {
 
 void FrameBuffers::Lend(cv::Mat& image, cv::Size size) {
   const std::lock_guard<std::mutex> lock(mutex_);
+  most_ = std::max(most_, buffers_.size());
   for (Buffer& buffer : buffers_) {
     if (buffer.free && buffer.pixels.size() == size) {
       buffer.free = false;
@@ -20,7 +24,15 @@ void FrameBuffers::Lend(cv::Mat& image, cv::Size size) {
     }
   }
   buffers_.push_back(Buffer{cv::Mat(size, CV_8UC1), false, analysis_});
+  most_ = std::max(most_, buffers_.size());
   image = buffers_.back().pixels;
+}
+
+void FrameBuffers::Refill(cv::Size size) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  while (buffers_.size() < most_) {
+    buffers_.push_back(Buffer{cv::Mat(size, CV_8UC1), true, analysis_});
+  }
 }
 
 void FrameBuffers::GiveBack(cv::Mat& image) { Release(image, false); }

@@ -2,7 +2,9 @@
 // preprocessed images take them, a frame's buffer passes to a later frame's
 // candidate mask once no mask still to be made reads the frame, and the set
 // stays with the thread for its next swing, so that a swing of the same frame
-// size maps no fresh pages for its images.
+// size maps no fresh pages for its images. While the spin axis is searched
+// the analysis lets the buffers go (the masks wait packed) and refills the
+// set afterwards from the memory the search has just left.
 #pragma once
 
 #include <cstdint>
@@ -27,6 +29,9 @@ class FrameBuffers {
   void Drop(cv::Mat& image);
   // Lets go of every free buffer (a later Lend takes fresh memory).
   void ReleaseFree();
+  // Adds free buffers of `size` until the set holds as many as it did at its
+  // most in this analysis.
+  void Refill(cv::Size size);
 
   // How many buffers the set holds (read while no analysis runs).
   size_t size() const { return buffers_.size(); }
@@ -42,6 +47,7 @@ class FrameBuffers {
   std::mutex mutex_;
   std::vector<Buffer> buffers_;
   uint64_t analysis_ = 0;
+  size_t most_ = 0;  // buffers held at the most in this analysis
 };
 
 // The calling thread's set.

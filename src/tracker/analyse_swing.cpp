@@ -55,12 +55,14 @@ bool AnalyseOnThisThread(ClubTracker& tracker, const SwingStages& stages,
                          const SwingHook& hook, SwingAnalysis& out);
 
 // The spin-axis search reads no mask's pixels, only each image's height, so
-// while it runs the masks wait as bit planes: a packed mask's image is rows x
-// 0 (its height kept), and the set lets its free buffers and each packed
-// mask's buffer go, leaving their memory to the search's lists. Restore
-// brings every mask back, pixel for pixel, into a lent buffer. Masks that are
-// not 0/255 stay as they are. The line passes have packed most masks already
-// (`planes[c][k]`, where made[c][k] is set); the others are packed here.
+// while it runs the masks wait as bit planes (most packed by the line passes
+// already: planes[c][k] where made[c][k] is set): a packed mask's image is
+// rows x 0 (its height kept), and the set lets its free buffers and each
+// packed mask's buffer go, leaving their memory to the search's lists.
+// Restore brings every mask back, pixel for pixel, into a lent buffer, and
+// the set back to as many buffers as it held at its most (taking the memory
+// the lists have just left, not fresh pages). Masks that are not 0/255 stay
+// as they are.
 class MasksSetAside {
  public:
   MasksSetAside(SwingAnalysis& analysis, FrameBuffers& buffers, std::vector<BitMask> (&planes)[2],
@@ -101,8 +103,16 @@ class MasksSetAside {
       CandidateAreaImage* area = Area(k);
       buffers_.Lend(area->image, cv::Size(planes_[k].cols(), planes_[k].rows()));
       planes_[k].Unpack(area->image);
-      packed_[k] = 0;
     });
+    // The buffers the candidate areas took beyond the frames come back too,
+    // for the next swing's candidate areas.
+    cv::Size size;
+    for (size_t k = 0; k < planes_.size() && size.empty(); ++k) {
+      if (packed_[k] != 0) size = Area(k)->image.size();
+    }
+    packed_.assign(packed_.size(), 0);
+    planes_ = std::vector<BitMask>();
+    if (!size.empty()) buffers_.Refill(size);
   }
 
  private:
