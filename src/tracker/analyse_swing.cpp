@@ -71,19 +71,20 @@ class MasksSetAside {
     const size_t n = analysis.cand[0].size();
     planes_.resize(2 * n);
     packed_.assign(2 * n, 0);
+    std::vector<char> ready(2 * n, 0);  // planes_[k] holds the passes' plane
     for (int c = 0; c < 2; ++c) {
-      for (size_t k = 0; k < n && k < planes[c].size(); ++k) {
-        if (made[c][k] != 0) std::swap(planes_[c * n + k], planes[c][k]);
+      for (size_t k = 0; k < n && k < planes[c].size() && k < made[c].size(); ++k) {
+        if (made[c][k] == 0) continue;
+        std::swap(planes_[c * n + k], planes[c][k]);
+        ready[c * n + k] = 1;
       }
     }
     buffers_.ReleaseFree();
     try {
       tbb::parallel_for(size_t{0}, 2 * n, [&](size_t k) {
         CandidateAreaImage* area = Area(k);
-        const int c = k < n ? 0 : 1;
-        const bool madeByPasses = k - c * n < made[c].size() && made[c][k - c * n] != 0;
         if (area == nullptr || area->image.total() > kMostLentPixels ||
-            !(madeByPasses || planes_[k].Pack(area->image))) {
+            !(ready[k] != 0 || planes_[k].Pack(area->image))) {
           return;
         }
         const int rows = area->image.rows;
